@@ -1,0 +1,37 @@
+// Process runner: starts a program from an argument vector.
+#pragma once
+
+#include "platform/Framework.h"
+
+#include <sys/types.h>
+
+namespace Cor {
+
+// A child that was started. The handle does not wait for the child and does not end it; the owner of the handle reaps
+// the child with waitpid.
+class Process {
+ public:
+  // The number of a process that can never exist (the kernel's are below 2^22). Waiting for it fails with ECHILD.
+  static constexpr pid_t notStarted = 0x7FFFFFFF;
+
+  Process() = default;
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t pid() const noexcept { return child; }
+
+ private:
+  friend Vello::Ptr<Process> run(const char* const* argv, int input, int output, int error, int processGroup);
+
+  pid_t child = notStarted;
+};
+
+// Starts argv[0], an absolute path, with argv (null-terminated) as its arguments and the caller's environment.
+// input, output, error: descriptors that become the child's standard input, output and error; -1 inherits the caller's.
+// processGroup: -1 leaves the child in the caller's process group, 0 makes it the leader of a group of its own, any
+// other number joins that group.
+// The child starts with no signal blocked or ignored but what the caller ignores itself. A program that cannot be
+// started gives a handle whose pid() is Process::notStarted. Throws std::bad_alloc only. Any thread may call it.
+Vello::Ptr<Process> run(const char* const* argv, int input, int output, int error, int processGroup);
+
+}  // namespace Cor

@@ -1,0 +1,356 @@
+#include "platform/Trace.h"
+
+#include "platform/linux/TraceCapture.h"
+
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/ringbuffer_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace Cor {
+
+// Which levels each name has, and which handles there are. Handles are made and destroyed by the static set-up of other
+// libraries, so the one object is made at first use and never destroyed.
+class TraceLevels {
+ public:
+  using Masks = std::map<std::string, std::uint32_t, std::less<>>;
+
+  static TraceLevels& instance() {
+    static auto* const levels = new TraceLevels;
+    return *levels;
+  }
+
+  void add(TraceHandle* handle) {
+    const std::lock_guard guard(lock);
+    handles.push_back(handle);
+    const auto found = masks.find(std::string_view(handle->name()));
+    if (found != masks.end()) {
+      handle->mask.store(found->second, std::memory_order_relaxed);
+    }
+  }
+
+  void remove(const TraceHandle* handle) {
+    const std::lock_guard guard(lock);
+    std::erase(handles, handle);
+  }
+
+  void set(const Masks& changes) {
+    const std::lock_guard guard(lock);
+    for (const auto& [name, mask] : changes) {
+      masks.insert_or_assign(name, mask);
+    }
+    for (TraceHandle* handle : handles) {
+      const auto found = changes.find(std::string_view(handle->name()));
+      if (found != changes.end()) {
+        handle->mask.store(found->second, std::memory_order_relaxed);
+      }
+    }
+  }
+
+ private:
+  TraceLevels();
+
+  std::mutex lock;
+  Masks masks;
+  std::vector<TraceHandle*> handles;
+};
+
+namespace {
+
+constexpr std::uint32_t errorsOnly = 1;
+
+// --- Levels -----------------------------------------------------------------------------------------------------------
+
+bool isControl(char byte) noexcept {
+  const auto value = static_cast<unsigned char>(byte);
+  return value < 0x20 || value == 0x7F;
+}
+
+std::optional<unsigned> readLevel(std::string_view digits) {
+  unsigned level = 0;
+  const char* const end = digits.data() + digits.size();
+  const auto [stop, error] = std::from_chars(digits.data(), end, level);
+  if (error != std::errc() || stop != end || level >= TraceHandle::levels) {
+    return std::nullopt;
+  }
+  return level;
+}
+
+// Reads "NAME=LEVEL" or "NAME=FIRST-LAST" and adds the levels to those that the name has got. Returns false for
+// anything else.
+bool readEntry(std::string_view entry, TraceLevels::Masks& masks) {
+  const std::size_t equals = entry.find('=');
+  if (equals == 0 || equals == std::string_view::npos) {
+    return false;
+  }
+  const std::string_view range = entry.substr(equals + 1);
+  const std::size_t dash = range.find('-');
+  const std::optional<unsigned> first = readLevel(range.substr(0, dash));
+  const std::optional<unsigned> last = dash == std::string_view::npos ? first : readLevel(range.substr(dash + 1));
+  if (!first || !last || *first > *last) {
+    return false;
+  }
+  std::uint32_t& mask = masks[std::string(entry.substr(0, equals))];
+  for (unsigned level = *first; level <= *last; ++level) {
+    mask |= std::uint32_t{1} << level;
+  }
+  return true;
+}
+
+struct Reading {
+  TraceLevels::Masks masks;
+  std::optional<std::string_view> malformed;  // the first entry that is none
+};
+
+Reading readLevels(std::string_view text) {
+  Reading reading;
+  while (!text.empty()) {
+    const std::size_t comma = text.find(',');
+    const std::string_view entry = text.substr(0, comma);
+    const bool more = comma != std::string_view::npos;
+    text = more ? text.substr(comma + 1) : std::string_view();
+    if (!readEntry(entry, reading.masks)) {
+      reading.malformed = entry;
+      return reading;
+    }
+    if (more && text.empty()) {
+      reading.malformed = text;  // a comma that nothing follows
+      return reading;
+    }
+  }
+  return reading;
+}
+
+TraceLevels::Masks levelsFromEnvironment() {
+  const char* const text = std::getenv("TRACE_LEVELS");
+  if (text == nullptr) {
+    return {};
+  }
+  Reading reading = readLevels(text);
+  if (!reading.malformed) {
+    return std::move(reading.masks);
+  }
+  std::string entry(*reading.malformed);
+  std::replace_if(entry.begin(), entry.end(), isControl, '?');
+  (void)std::fprintf(stderr, "TRACE_LEVELS ignored: \"%s\" is neither NAME=LEVEL nor NAME=FIRST-LAST (0 to %u)\n",
+                     entry.c_str(), TraceHandle::levels - 1);
+  return {};
+}
+
+// --- Sinks ------------------------------------------------------------------------------------------------------------
+
+// Puts errno back: what is traced is often about to be told from it.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() noexcept : kept(errno) {}
+  ~ErrnoKeeper() { errno = kept; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  int kept;
+};
+
+// The pattern's message, as "%*": one that holds a newline must not look like two lines.
+class PrintableMessage : public spdlog::custom_flag_formatter {
+ public:
+  void format(const spdlog::details::log_msg& line, const std::tm&, spdlog::memory_buf_t& out) override {
+    for (const char byte : line.payload) {
+      out.push_back(isControl(byte) ? '?' : byte);
+    }
+  }
+
+  std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<PrintableMessage>(); }
+};
+
+std::unique_ptr<spdlog::formatter> formatterOf(const char* pattern, const char* lineEnd) {
+  spdlog::pattern_formatter::custom_flags flags;
+  flags['*'] = std::make_unique<PrintableMessage>();
+  return std::make_unique<spdlog::pattern_formatter>(pattern, spdlog::pattern_time_type::local, lineEnd,
+                                                     std::move(flags));
+}
+
+// Other libraries' static objects trace while they are destroyed, so the sinks are made at first use and never
+// destroyed.
+struct Sinks {
+  spdlog::sinks::stderr_sink_mt text;
+  spdlog::sinks::ringbuffer_sink_mt ring{RingTrace::capacity};
+
+  // The name field carries the handle and the level: spdlog's own levels are fewer and have names.
+  Sinks() {
+    text.set_formatter(formatterOf("%Y-%m-%dT%H:%M:%S.%f%z %n %g:%# %! %*", "\n"));
+    ring.set_formatter(formatterOf("%*", ""));
+  }
+
+  static Sinks& instance() {
+    static auto* const sinks = new Sinks;
+    return *sinks;
+  }
+};
+
+void append(spdlog::memory_buf_t& buffer, std::string_view text) {
+  buffer.append(text.data(), text.data() + text.size());
+}
+
+template <class Number>
+void appendNumber(spdlog::memory_buf_t& buffer, Number number) {
+  std::array<char, 24> digits;
+  const char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+  buffer.append(digits.data(), end);
+}
+
+spdlog::string_view_t viewOf(const spdlog::memory_buf_t& buffer) {
+  return {buffer.data(), buffer.size()};
+}
+
+void writeText(const char* handle, unsigned level, const TraceSite& site, std::string_view message) {
+  spdlog::memory_buf_t name;
+  append(name, handle);
+  name.push_back(' ');
+  appendNumber(name, level);
+  const spdlog::details::log_msg line(spdlog::source_loc{site.file, site.line, site.function}, viewOf(name),
+                                      spdlog::level::info, {message.data(), message.size()});
+  Sinks::instance().text.log(line);
+}
+
+// The whole line is the payload: the ring outlives the names of a library that has been unloaded.
+void writeRing(const TraceSite& site, std::string_view message) {
+  spdlog::memory_buf_t text;
+  append(text, site.file);
+  text.push_back(':');
+  appendNumber(text, site.line);
+  text.push_back(' ');
+  append(text, site.function);
+  text.push_back(' ');
+  append(text, message);
+  Sinks::instance().ring.log(spdlog::details::log_msg({}, spdlog::level::info, viewOf(text)));
+}
+
+// --- Captures ---------------------------------------------------------------------------------------------------------
+
+struct Captures {
+  std::atomic<bool> any = false;
+  std::mutex lock;
+  std::vector<const TraceCapture*> all;
+
+  static Captures& instance() {
+    static auto* const captures = new Captures;
+    return *captures;
+  }
+};
+
+thread_local bool capturing = false;
+
+// Shows a line to the captures. What fails here, a listener or memory, is between the test and its capture.
+void showToCaptures(TraceSink sink, const char* handle, unsigned level, const TraceSite& site,
+                    std::string_view message) noexcept {
+  try {
+    Captures& captures = Captures::instance();
+    if (capturing || !captures.any.load(std::memory_order_acquire)) {
+      return;
+    }
+    const TraceLine line{handle, level, site.file, site.line, site.function, std::string(message), sink};
+    const std::lock_guard guard(captures.lock);
+    capturing = true;
+    for (const TraceCapture* capture : captures.all) {
+      try {
+        capture->show(line);
+      } catch (...) {  // the next capture sees the line all the same
+      }
+    }
+  } catch (...) {  // see above
+  }
+  capturing = false;
+}
+
+}  // namespace
+
+TraceLevels::TraceLevels() : masks(levelsFromEnvironment()) {}
+
+// --- The facilities ---------------------------------------------------------------------------------------------------
+
+TraceHandle::TraceHandle(const char* name) noexcept : handleName(name), mask(errorsOnly) {
+  try {
+    TraceLevels::instance().add(this);
+  } catch (...) {  // memory exhausted: errors are traced, and levels cannot be switched
+  }
+}
+
+TraceHandle::~TraceHandle() {
+  try {
+    TraceLevels::instance().remove(this);
+  } catch (...) {  // memory exhausted ever since the handle was made: it was never added
+  }
+}
+
+void TraceHandle::setLevels(std::uint32_t bits) noexcept {
+  try {
+    TraceLevels::instance().set({{handleName, bits}});
+  } catch (...) {  // memory exhausted: this handle at least is switched
+    mask.store(bits, std::memory_order_relaxed);
+  }
+}
+
+void TraceHandle::emit(unsigned level, const TraceSite& site, std::string_view message) const noexcept {
+  const ErrnoKeeper keeper;
+  showToCaptures(TraceSink::Text, handleName, level, site, message);
+  try {
+    writeText(handleName, level, site, message);
+  } catch (...) {  // the line is lost
+  }
+}
+
+bool setTraceLevels(std::string_view text) {
+  const Reading reading = readLevels(text);
+  if (reading.malformed) {
+    return false;
+  }
+  TraceLevels::instance().set(reading.masks);
+  return true;
+}
+
+TraceCapture::TraceCapture(std::function<void(const TraceLine&)> newListener) : listener(std::move(newListener)) {
+  Captures& captures = Captures::instance();
+  const std::lock_guard guard(captures.lock);
+  captures.all.push_back(this);
+  captures.any.store(true, std::memory_order_release);
+}
+
+TraceCapture::~TraceCapture() {
+  Captures& captures = Captures::instance();
+  const std::lock_guard guard(captures.lock);
+  std::erase(captures.all, this);
+  captures.any.store(!captures.all.empty(), std::memory_order_release);
+}
+
+}  // namespace Cor
+
+void RingTrace::write(const Cor::TraceSite& site, std::string_view message) noexcept {
+  const Cor::ErrnoKeeper keeper;
+  Cor::showToCaptures(Cor::TraceSink::Ring, "", 0, site, message);
+  try {
+    Cor::writeRing(site, message);
+  } catch (...) {  // the line is lost
+  }
+}
+
+std::vector<std::string> RingTrace::lines() {
+  return Cor::Sinks::instance().ring.last_formatted();
+}
+
+void DualTrace::write(const Cor::TraceHandle& handle, unsigned level, const Cor::TraceSite& site,
+                      std::string_view message) noexcept {
+  RingTrace::write(site, message);
+  handle.write(level, site, message);
+}
