@@ -1,0 +1,44 @@
+// TraceRecorder keeps the trace lines that the library writes while it lives.
+//
+//   TraceRecorder traces("IpsecKeyGen=0-4");
+//   EXPECT_FALSE(dh.initIpsecDH());
+//   EXPECT_EQ(traces.errors(), std::vector<std::string>{"IpsecDHGeneral::initIpsecDH Cannot initialize ..."});
+#pragma once
+
+#include "platform/linux/TraceCapture.h"
+
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Ipsec::Testing {
+
+class TraceRecorder {
+ public:
+  // Switches levels on by handle name ("IpsecUtils=0-8,IpsecKeyGen=0"); they are not switched back. An empty text leaves
+  // the levels alone. Fails the running test for a malformed text.
+  explicit TraceRecorder(std::string_view levels = {});
+
+  // Returns every line so far, of both sinks, in order.
+  std::vector<Cor::TraceLine> lines() const;
+
+  // Returns the messages of the ring buffer: what went through DualTrace, whatever the levels are.
+  std::vector<std::string> errors() const;
+
+  // Returns the messages of the text traces, of one level or of all.
+  std::vector<std::string> text() const;
+  std::vector<std::string> text(unsigned level) const;
+
+  // Tells whether any line holds these bytes, in the message or in any other field.
+  bool mentions(std::string_view bytes) const;
+
+  void clear();
+
+ private:
+  mutable std::mutex guard;
+  std::vector<Cor::TraceLine> recorded;
+  Cor::TraceCapture capture;  // Last, so that no line arrives before the rest is there or after it is gone.
+};
+
+}  // namespace Ipsec::Testing
