@@ -30,8 +30,9 @@ class Process {
 // input, output, error: descriptors that become the child's standard input, output and error; -1 inherits the caller's.
 // processGroup: -1 leaves the child in the caller's process group, 0 makes it the leader of a group of its own, any
 // other number joins that group.
-// The child starts with no signal blocked or ignored but what the caller ignores itself. A program that cannot be
-// started gives a handle whose pid() is Process::notStarted. Throws std::bad_alloc only. Any thread may call it.
+// The child starts with no signal blocked, and with none ignored but what the caller ignores itself. A program that
+// cannot be started gives a handle whose pid() is Process::notStarted; errno tells why. Throws std::bad_alloc only, and
+// then there is no child. Any thread may call it.
 Vello::Ptr<Process> run(const char* const* argv, int input, int output, int error, int processGroup);
 
 }  // namespace Cor

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string_view>
 
 namespace L3 {
@@ -35,6 +36,14 @@ class VrfName {
 }  // namespace L3
 
 namespace Vrf {
+
+struct Segment;
+
+// Unmaps a segment.
+struct Unmap {
+  void operator()(Segment* segment) const noexcept;
+};
+using MappedSegment = std::unique_ptr<Segment, Unmap>;
 
 class VrfIdMap {
  public:
@@ -87,8 +96,14 @@ class VrfIdMap {
 
 // The VRF status table, a named POSIX shared-memory segment. One process creates it and writes; any number of others
 // open it and read, without a lock: each entry has a sequence counter and a checksum, and a reader that meets a write in
-// progress looks again a bounded number of times. A writer that died in the middle of an entry leaves that entry
-// damaged, which a reader reports; it never stops a reader.
+// progress looks again a bounded number of times (for some tens of milliseconds). A writer that died in the middle of an
+// entry leaves that entry damaged, which a reader reports; it never stops a reader.
+//
+// A damaged entry stays so until a writer sets or erases the VRF that it still names or, if it names none, sets a VRF
+// that is new to the table. An entry whose number has been overwritten is got rid of only with the segment: remove it,
+// create it anew.
+//
+// One thread of the writer writes at a time. Reading needs nothing of the kind.
 class VrfIdMap::Status {
  public:
   using CorruptionHandler = std::function<void(const char* message)>;
@@ -97,7 +112,8 @@ class VrfIdMap::Status {
   static constexpr std::size_t capacity = 1024;
 
   // Creates the segment ("/name", as shm_open takes it), or takes over one that exists, and becomes its writer. What an
-  // earlier writer left undamaged is kept. Throws std::system_error.
+  // earlier writer left is kept as it is, damaged entries included. Throws std::system_error, also when what exists is no
+  // VRF status table (std::errc::file_exists).
   static Vello::Ptr<Status> create(const char* name);
 
   // Opens an existing segment for reading. Throws std::system_error when there is none, and
@@ -107,7 +123,6 @@ class VrfIdMap::Status {
   // Removes the segment's name. Processes that have it open keep it.
   static void remove(const char* name) noexcept;
 
-  ~Status();
   Status(const Status&) = delete;
   Status& operator=(const Status&) = delete;
 
@@ -118,8 +133,9 @@ class VrfIdMap::Status {
   void erase(VrfId id);
 
   // Returns the VRF's entry, or defaultEntry() for a number that the table does not hold. Throws
-  // Vello::CorruptionDetectedException when the entry is damaged, and Vello::RangeException when a stored name is
-  // longer than an entry holds.
+  // Vello::CorruptionDetectedException when the entry is damaged, or when the number is not found and any entry is
+  // damaged, since that may be the one; and Vello::RangeException when the entry's stored name is longer than an entry
+  // holds.
   VrfEntry vrfEntry(VrfId id) const;
 
   // Returns the entry that stands for every number the table does not hold: VrfEntry(VrfId::none()).
@@ -127,15 +143,14 @@ class VrfIdMap::Status {
 
   // What a reader does with a damaged table's message. From the start it is written to standard error.
   const CorruptionHandler& corruptionHandler() const noexcept { return handler; }
+
+  // Exchanges it for another, which may not be empty. Do so before another thread may use the table.
   void setCorruptionHandler(CorruptionHandler newHandler) { handler = std::move(newHandler); }
 
  private:
-  struct Segment;
+  explicit Status(MappedSegment mapped);
 
-  Status(Segment* segment, bool writable);
-
-  Segment* segment;
-  bool writable;
+  MappedSegment segment;
   CorruptionHandler handler;
 };
 

@@ -1,0 +1,307 @@
+#include "platform/Vrf.h"
+
+#include "platform/linux/VrfSegment.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <string>
+#include <system_error>
+
+namespace L3 {
+
+VrfName::VrfName(std::string_view text) {
+  if (text.size() > maxLength()) {
+    throw Vello::RangeException("Cor::String::bytes > maxLength() not allowed");
+  }
+  name = Cor::String(text);
+}
+
+}  // namespace L3
+
+namespace Vrf {
+
+VrfIdMap::VrfEntry::VrfEntry(VrfId id, std::string_view name) : number(id), nameLength(name.size()) {
+  if (name.size() > maxNameLength) {
+    throw Vello::RangeException("Vrf::VrfIdMap::VrfEntry: name > maxNameLength not allowed");
+  }
+  name.copy(nameBytes, maxNameLength);
+}
+
+void Unmap::operator()(Segment* segment) const noexcept {
+  (void)munmap(segment, sizeof(Segment));
+}
+
+namespace {
+
+using VrfId = VrfIdMap::VrfId;
+using VrfEntry = VrfIdMap::VrfEntry;
+
+// How often a reader looks again at an entry that is being written. A writer needs far less than a microsecond, unless
+// the kernel takes the processor away from it in between: the naps leave it time to come back.
+constexpr int quickLooks = 64;
+constexpr int slowLooks = 40;
+constexpr timespec nap = {0, 1'000'000};
+
+// --- Slots ------------------------------------------------------------------------------------------------------------
+
+SlotWords freeWords() noexcept {
+  SlotWords words = {};
+  words[StateWord] = slotFree;
+  words[ChecksumWord] = checksumOf(words);
+  return words;
+}
+
+SlotWords wordsOf(const VrfEntry& entry) noexcept {
+  SlotWords words = {};
+  words[StateWord] = slotUsed;
+  words[IdWord] = entry.vrfId().value();
+  words[LengthWord] = static_cast<std::uint32_t>(entry.name().size());
+  std::memcpy(&words[NameWord], entry.name().data(), entry.name().size());
+  words[ChecksumWord] = checksumOf(words);
+  return words;
+}
+
+// Nothing in the words is trusted beyond the checksum: it says that a writer put them there, not that they are right.
+VrfEntry entryOf(const SlotWords& words) {
+  const std::uint32_t length = words[LengthWord];
+  if (length > VrfEntry::maxNameLength) {
+    throw Vello::RangeException("VRF status table: stored name of " + std::to_string(length) +
+                                " bytes > maxNameLength not allowed");
+  }
+  char name[nameWords * sizeof(std::uint32_t)];
+  std::memcpy(name, &words[NameWord], sizeof(name));
+  return VrfEntry(VrfId(words[IdWord]), std::string_view(name, length));
+}
+
+// Writes a slot. The words are stored with release and loaded with acquire: a reader that gets one of these words then
+// also gets the odd counter, or a later one, when it looks at the counter again.
+void writeSlot(Slot& slot, const SlotWords& words) noexcept {
+  const std::uint32_t before = slot.sequence.load(std::memory_order_relaxed);
+  const std::uint32_t writing = before % 2 == 0 ? before + 1 : before + 2;  // odd before: a writer died here
+  slot.sequence.store(writing, std::memory_order_relaxed);
+  // The number goes in first and comes out last, and the state the other way round: an entry that is left half-written
+  // either still names its VRF, or is free.
+  const bool isUsed = words[StateWord] == slotUsed;
+  if (!isUsed) {
+    slot.words[StateWord].store(slotFree, std::memory_order_release);
+  }
+  for (std::size_t index = IdWord; index < SlotWordCount; ++index) {
+    slot.words[index].store(words[index], std::memory_order_release);
+  }
+  if (isUsed) {
+    slot.words[StateWord].store(slotUsed, std::memory_order_release);
+  }
+  slot.sequence.store(writing + 1, std::memory_order_release);
+}
+
+// Copies a slot; nothing when it was being written meanwhile.
+std::optional<SlotWords> copySlot(const Slot& slot) noexcept {
+  const std::uint32_t before = slot.sequence.load(std::memory_order_acquire);
+  SlotWords words;
+  for (std::size_t index = 0; index < SlotWordCount; ++index) {
+    words[index] = slot.words[index].load(std::memory_order_acquire);
+  }
+  const std::uint32_t after = slot.sequence.load(std::memory_order_relaxed);
+  if (before % 2 != 0 || before != after) {
+    return std::nullopt;
+  }
+  return words;
+}
+
+void waitForWriter(int look) noexcept {
+  if (look < quickLooks) {
+    (void)sched_yield();
+  } else {
+    (void)nanosleep(&nap, nullptr);
+  }
+}
+
+[[noreturn]] void reportDamage(const Segment& segment, const Slot& slot, const char* how) {
+  const auto index = static_cast<std::size_t>(&slot - segment.slots.data());
+  throw Vello::CorruptionDetectedException("VRF status table: entry " + std::to_string(index) + " is damaged: " + how);
+}
+
+SlotWords readSlot(const Segment& segment, const Slot& slot) {
+  for (int look = 0; look < quickLooks + slowLooks; ++look) {
+    const std::optional<SlotWords> words = copySlot(slot);
+    if (!words) {
+      waitForWriter(look);
+      continue;
+    }
+    if ((*words)[ChecksumWord] != checksumOf(*words)) {
+      reportDamage(segment, slot, "its checksum is wrong");
+    }
+    return *words;
+  }
+  reportDamage(segment, slot, "its writer did not finish");
+}
+
+bool holds(const SlotWords& words, VrfId id) noexcept {
+  return words[StateWord] == slotUsed && words[IdWord] == id.value();
+}
+
+// Tells, at a glance and without any check, whether a slot seems to hold a VRF.
+bool seemsToHold(const Slot& slot, VrfId id) noexcept {
+  return slot.words[StateWord].load(std::memory_order_relaxed) == slotUsed &&
+         slot.words[IdWord].load(std::memory_order_relaxed) == id.value();
+}
+
+bool seemsFree(const Slot& slot) noexcept {
+  return slot.words[StateWord].load(std::memory_order_relaxed) == slotFree;
+}
+
+// --- Segments ---------------------------------------------------------------------------------------------------------
+
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) noexcept : number(descriptor) {}
+  ~Descriptor() { (void)close(number); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const noexcept { return number; }
+
+ private:
+  int number;
+};
+
+[[noreturn]] void throwError(int error, const char* name, const char* what) {
+  throw std::system_error(error, std::generic_category(), std::string("VRF status table ") + name + ": " + what);
+}
+
+int openOrThrow(const char* name, int flags) {
+  const int descriptor = shm_open(name, flags, 0644);
+  if (descriptor < 0) {
+    throwError(errno, name, "cannot be opened");
+  }
+  return descriptor;
+}
+
+std::uintmax_t sizeOrThrow(const Descriptor& file, const char* name) {
+  struct stat status = {};
+  if (fstat(file.get(), &status) != 0) {
+    throwError(errno, name, "cannot be examined");
+  }
+  return static_cast<std::uintmax_t>(status.st_size);
+}
+
+MappedSegment mapOrThrow(const Descriptor& file, const char* name, int protection) {
+  void* const memory = mmap(nullptr, sizeof(Segment), protection, MAP_SHARED, file.get(), 0);
+  if (memory == MAP_FAILED) {
+    throwError(errno, name, "cannot be mapped");
+  }
+  return MappedSegment(static_cast<Segment*>(memory));
+}
+
+bool isTable(const Segment& segment) noexcept {
+  return segment.magic.load(std::memory_order_acquire) == segmentMagic &&
+         segment.version.load(std::memory_order_relaxed) == segmentVersion &&
+         segment.size.load(std::memory_order_relaxed) == sizeof(Segment);
+}
+
+void setUp(Segment& segment) noexcept {
+  for (Slot& slot : segment.slots) {
+    writeSlot(slot, freeWords());
+  }
+  segment.version.store(segmentVersion, std::memory_order_relaxed);
+  segment.size.store(sizeof(Segment), std::memory_order_relaxed);
+  segment.magic.store(segmentMagic, std::memory_order_release);
+}
+
+}  // namespace
+
+VrfIdMap::Status::Status(MappedSegment mapped)
+    : segment(std::move(mapped)), handler([](const char* message) { (void)std::fprintf(stderr, "%s\n", message); }) {}
+
+Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
+  const Descriptor file(openOrThrow(name, O_RDWR | O_CREAT));
+  const std::uintmax_t size = sizeOrThrow(file, name);
+  if (size != 0 && size != sizeof(Segment)) {
+    throwError(EEXIST, name, "is of another size than a VRF status table");
+  }
+  // The memory is reserved, not only sized: where there is none left, writing would end in SIGBUS.
+  if (const int error = posix_fallocate(file.get(), 0, sizeof(Segment)); error != 0) {
+    throwError(error, name, "cannot be given memory");
+  }
+  MappedSegment mapped = mapOrThrow(file, name, PROT_READ | PROT_WRITE);
+  if (mapped->magic.load(std::memory_order_relaxed) == 0) {
+    setUp(*mapped);  // new, or left by a writer that died while setting it up
+  }
+  if (!isTable(*mapped)) {
+    throwError(EEXIST, name, "is no VRF status table");
+  }
+  return Vello::Ptr<Status>(new Status(std::move(mapped)));
+}
+
+Vello::Ptr<const VrfIdMap::Status> VrfIdMap::Status::open(const char* name) {
+  const Descriptor file(openOrThrow(name, O_RDONLY));
+  if (sizeOrThrow(file, name) != sizeof(Segment)) {
+    throw Vello::CorruptionDetectedException(std::string("VRF status table ") + name + ": of another size");
+  }
+  MappedSegment mapped = mapOrThrow(file, name, PROT_READ);
+  if (!isTable(*mapped)) {
+    throw Vello::CorruptionDetectedException(std::string("VRF status table ") + name + ": no VRF status table");
+  }
+  return Vello::Ptr<const Status>(new Status(std::move(mapped)));
+}
+
+void VrfIdMap::Status::remove(const char* name) noexcept {
+  (void)shm_unlink(name);  // a name that is not there is as good as removed
+}
+
+void VrfIdMap::Status::set(const VrfEntry& entry) {
+  Slot* target = nullptr;
+  for (Slot& slot : segment->slots) {
+    if (seemsToHold(slot, entry.vrfId())) {
+      target = &slot;
+      break;
+    }
+    if (target == nullptr && seemsFree(slot)) {
+      target = &slot;
+    }
+  }
+  if (target == nullptr) {
+    throw std::length_error("VRF status table: full");
+  }
+  writeSlot(*target, wordsOf(entry));
+}
+
+void VrfIdMap::Status::erase(VrfId id) {
+  for (Slot& slot : segment->slots) {
+    if (seemsToHold(slot, id)) {
+      writeSlot(slot, freeWords());
+    }
+  }
+}
+
+VrfIdMap::VrfEntry VrfIdMap::Status::vrfEntry(VrfId id) const {
+  for (const Slot& slot : segment->slots) {
+    if (!seemsToHold(slot, id)) {
+      continue;
+    }
+    const SlotWords words = readSlot(*segment, slot);
+    if (holds(words, id)) {
+      return entryOf(words);
+    }
+  }
+  // A number is known to be missing only where every entry is intact: a damaged one may be the one.
+  for (const Slot& slot : segment->slots) {
+    const SlotWords words = readSlot(*segment, slot);
+    if (holds(words, id)) {
+      return entryOf(words);
+    }
+  }
+  return defaultEntry();
+}
+
+}  // namespace Vrf
