@@ -1,0 +1,644 @@
+// Diffie-Hellman for IKE: the registered log message, the group tables, the length check, the MODP and the
+// elliptic-curve form, the facade.
+
+#include "CheckedAt.h"
+#include "ErrorTrace.h"
+#include "Ipsec.h"
+#include "OpenSslPtr.h"
+#include "platform/CryptoShim.h"
+#include "platform/Log.h"
+#include "platform/Trace.h"
+
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/crypto.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/obj_mac.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <climits>
+#include <utility>
+
+namespace Ipsec {
+namespace {
+
+const Cor::TraceHandle dhTrace("IpsecKeyGen");
+constexpr unsigned errorLevel = 0;
+constexpr unsigned entryLevel = 4;
+
+void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
+             const char* function = __builtin_FUNCTION()) noexcept {
+  traceEntry(dhTrace, entryLevel, {file, line, function});
+}
+
+template <class... Values>
+bool failed(const Where& where, std::string_view text, const Values&... values) noexcept {
+  return failedAt(dhTrace, errorLevel, where, text, values...);
+}
+
+// Nothing in the library emits this message. It is registered so that it is known wherever the library is loaded.
+// Kept: the blank at the end of the format and the missing one in "ofRelative" are what operators' tools match.
+const Cor::LogHandle invalidDistinguishedName(
+    {"IPSEC_INVALID_DN_AS_REMOTE_ID", "Distinguished Name: %s configured for IKE Policy %s is invalid ",
+     "Distinguished Name expects a Comma separated list ofRelative Distinguished Names (RDNs), "
+     "Example: C=XX,O='Organization Name',CN=commonName",
+     "Update Distinguished Name configured as part of remote-id to adhere to X.500 format", 4},
+    Vello::Duration(0), 1.0, 0U, 0U);
+
+using PrimeGetter = BIGNUM* (*)(BIGNUM*);
+
+// Group 24 is not here: its parameters come as a whole (RFC 5114 section 2.3).
+const std::unordered_map<DhGroupNum, PrimeGetter> dhGroupToPrime = {
+    {MODP_768, BN_get_rfc2409_prime_768},   {MODP_1024, BN_get_rfc2409_prime_1024},
+    {MODP_1536, BN_get_rfc3526_prime_1536}, {MODP_2048, BN_get_rfc3526_prime_2048},
+    {MODP_3072, BN_get_rfc3526_prime_3072}, {MODP_4096, BN_get_rfc3526_prime_4096},
+    {MODP_6144, BN_get_rfc3526_prime_6144},
+};
+
+// Bytes of a public value on the wire: the prime's length, or twice a coordinate's.
+const std::unordered_map<DhGroupNum, std::uint64_t> dhGroupToSize = {
+    {MODP_768, 96},   {MODP_1024, 128},  {MODP_1536, 192},  {MODP_2048, 256},  {MODP_3072, 384},     {MODP_4096, 512},
+    {MODP_6144, 768}, {ECP_256, 2 * 32}, {ECP_384, 2 * 48}, {ECP_521, 2 * 66}, {MODP_2048_256, 256},
+};
+
+// Bit n is set for each group number n that verifyDHValue takes.
+constexpr std::uint32_t supportedGroups = 1U << MODP_768 | 1U << MODP_1024 | 1U << MODP_1536 | 1U << MODP_2048 |
+                                          1U << MODP_3072 | 1U << MODP_4096 | 1U << MODP_6144 | 1U << ECP_256 |
+                                          1U << ECP_384 | 1U << ECP_521 | 1U << MODP_2048_256;
+
+// Kept: length only. Range, subgroup and curve membership are judged later, when the value is used.
+bool verifyDHValue(DhGroupNum group, const ByteVector* value) {
+  if (dhTrace.enabled(entryLevel)) {
+    dhTrace.write(entryLevel, Cor::TraceSite::here(), TraceText("verifyDHValue: DH group: ", std::uint32_t{group}));
+  }
+  if (group > MODP_2048_256 || (supportedGroups >> group & 1U) == 0) {
+    return failed("verifyDHValue", "Unsupported group number");
+  }
+  std::uint64_t expected = 0;
+  if (dhGroupToSize.contains(group)) {
+    expected = checkedAt(dhGroupToSize, group);
+  }
+  if (value->size() != expected) {
+    return failed("verifyDHValue", "Invalid DH public value size ", value->size(), " for the DH group ",
+                  std::uint32_t{group}, " with size ", expected);
+  }
+  return true;
+}
+
+// Reads bytes as one big-endian number into the given one, or into a new one if it is null. Null on failure, which
+// includes more bytes than OpenSSL can count.
+BIGNUM* toNumber(const ByteVector& bytes, BIGNUM* number) {
+  return bytes.size() > INT_MAX ? nullptr : BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), number);
+}
+
+void clear(ByteVector& secret) {
+  OPENSSL_cleanse(secret.data(), secret.size());
+  secret.clear();
+}
+
+}  // namespace
+
+// --- Base -----------------------------------------------------------------------------------------------------------
+
+IpsecDH::IpsecDH(DhGroupNum group) : dhGroup(group), sharedSecretComputed(false), initialized(false) {}
+
+IpsecDH::~IpsecDH() {
+  clear(sharedSecret);
+}
+
+bool IpsecDH::setDHGroup(DhGroupNum group) {
+  entered();
+  if (initialized) {
+    return failed("IpsecDH::setDHGroup", "Cannot change DH group after initIpsecDH");
+  }
+  dhGroup = group;
+  return true;
+}
+
+// --- MODP -----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+struct ModpParameters {
+  PublicBn p;
+  PublicBn g;
+};
+
+// Reads the parameters of a key. Both numbers are null on failure.
+ModpParameters parametersOf(EVP_PKEY* key) {
+  ModpParameters read{PublicBn(BN_new()), PublicBn(BN_new())};
+  if (!read.p || !read.g || EVP_PKEY_DH_get_params(key, read.p.get(), read.g.get(), nullptr, nullptr) != 0) {
+    return {};
+  }
+  return read;
+}
+
+}  // namespace
+
+IpsecDHModp::IpsecDHModp(DhGroupNum group) : IpsecDH(group), dhKey(nullptr), peerPublicValue(nullptr), dhSize(0) {}
+
+IpsecDHModp::~IpsecDHModp() {
+  entered();
+  BN_clear_free(peerPublicValue);
+  EVP_PKEY_free(dhKey);
+}
+
+bool IpsecDHModp::initIpsecDH() {
+  entered();
+  if (initialized) {
+    return true;
+  }
+  if (!dhGroupToSize.contains(dhGroup)) {
+    return failed("IpsecDHModp::initIpsecDH", "Not a supported modp DH group: ", std::uint32_t{dhGroup});
+  }
+  sharedSecretComputed = false;
+  if (peerPublicValue == nullptr) {
+    peerPublicValue = BN_new();  // setPeerPublicKey makes up for a failure
+  }
+  KeyPtr parameters;
+  if (dhGroup == MODP_2048_256) {
+    parameters.reset(EVP_PKEY_DH_params_2048_256());
+    dhSize = 256;
+  } else {
+    constexpr unsigned char generator = 0x02;
+    const PublicBn p(checkedAt(dhGroupToPrime, dhGroup)(nullptr));
+    const PublicBn g(BN_bin2bn(&generator, 1, nullptr));
+    if (!p || !g) {
+      return failed("IpsecDHModp::initIpsecDH", "Failed assigning p and g, p or g is NULL");
+    }
+    parameters.reset(EVP_PKEY_DH_from_params(p.get(), g.get(), nullptr, nullptr));
+    dhSize = BN_num_bytes(p.get());
+  }
+  KeyPtr key(EVP_PKEY_DH_generate_keys(parameters.get()));  // null for null parameters
+  if (!key) {
+    return failed("IpsecDHModp::initIpsecDH", "Failed to generate dh key");
+  }
+  adopt(dhKey, std::move(key));
+  initialized = true;
+  return true;
+}
+
+bool IpsecDHModp::getMyPublicKey(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHModp::getMyPublicKey", "IpsecDHModp is not initialized");
+  }
+  if (dhSize == 0) {
+    return failed("IpsecDHModp::getMyPublicKey", "Wrong dh size, dhSize is 0");
+  }
+  out->assign(static_cast<std::size_t>(dhSize), 0);
+  const PublicBn pub(BN_new());
+  if (!pub || EVP_PKEY_DH_get_params(dhKey, nullptr, nullptr, pub.get(), nullptr) != 0 ||
+      BN_bn2binpad(pub.get(), out->data(), dhSize) != dhSize) {
+    return failed("IpsecDHModp::getMyPublicKey", "Failed to get pubkey");
+  }
+  return true;
+}
+
+bool IpsecDHModp::getMyPrivateKey(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHModp::getMyPrivateKey", "IpsecDHModp is not initialized");
+  }
+  const SecretBn priv(BN_new());
+  if (!priv || EVP_PKEY_DH_get_params(dhKey, nullptr, nullptr, nullptr, priv.get()) != 0 || BN_is_zero(priv.get())) {
+    return failed("IpsecDHModp::getMyPrivateKey", "Wrong private key size, privKeyLen is 0");
+  }
+  out->resize(static_cast<std::size_t>(BN_num_bytes(priv.get())));
+  (void)BN_bn2bin(priv.get(), out->data());  // its result is the length just taken
+  return true;
+}
+
+bool IpsecDHModp::setMyPrivateKey(const ByteVector* key) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHModp::setMyPrivateKey", "IpsecDHModp is not initialized");
+  }
+  const SecretBn priv(toNumber(*key, nullptr));
+  if (!priv) {
+    return failed("IpsecDHModp::setMyPrivateKey", "Failed to get or assign the private key");
+  }
+  clear(sharedSecret);
+  sharedSecretComputed = false;
+  const ModpParameters own = parametersOf(dhKey);
+  if (!own.p) {
+    return failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
+  }
+  // Kept: a key that cannot be made leaves the object without one, still initialised.
+  adopt(dhKey, KeyPtr(EVP_PKEY_DH_from_params(own.p.get(), own.g.get(), nullptr, priv.get())));
+  if (dhKey == nullptr) {
+    return failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
+  }
+  return true;
+}
+
+bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHModp::setPeerPublicKey", "IpsecDHModp is not initialized");
+  }
+  if (!verifyDHValue(dhGroup, peer)) {
+    return failed("IpsecDHModp::setPeerPublicKey", "Failed to verify the peer's public key");
+  }
+  BIGNUM* const decoded = toNumber(*peer, peerPublicValue);
+  if (decoded == nullptr) {
+    return failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
+  }
+  peerPublicValue = decoded;  // the same number, or a new one where there was none
+  const ModpParameters own = parametersOf(dhKey);
+  if (!own.p) {
+    return failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the public key");
+  }
+  const KeyPtr peerKey(EVP_PKEY_DH_from_params(own.p.get(), own.g.get(), peerPublicValue, nullptr));
+  if (!peerKey) {
+    return failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
+  }
+  // Kept: from here on a failure leaves the filler, which an earlier success then hands out. The ECP form leaves zeros.
+  sharedSecret.assign(static_cast<std::size_t>(dhSize), 0xFF);
+  unsigned char* secret = sharedSecret.data();
+  std::size_t secretLen = 0;
+  if (EVP_PKEY_get_shared_secret(dhKey, peerKey.get(), &secret, &secretLen) != 0 || secretLen == 0) {
+    return failed("IpsecDHModp::setPeerPublicKey", "Failed to compute the shared secret");
+  }
+  sharedSecret.resize(secretLen);
+  sharedSecretComputed = true;
+  return true;
+}
+
+bool IpsecDHModp::getSharedSecret(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHModp::getSharedSecret", "IpsecDHModp is not initialized");
+  }
+  if (!sharedSecretComputed) {
+    return failed("IpsecDHModp::getSharedSecret", "Shared secret has not been computed");
+  }
+  out->assign(static_cast<std::size_t>(dhSize), 0);
+  std::copy_backward(sharedSecret.begin(), sharedSecret.end(), out->end());
+  return true;
+}
+
+// --- Elliptic curves ------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Curves by group, from group 19 on.
+constexpr std::array<int, 3> curveNids = {
+    NID_X9_62_prime256v1,  // 19
+    NID_secp384r1,         // 20
+    NID_secp521r1,         // 21
+};
+
+// What is costly to build about a curve, made at first use and then shared by all objects and threads: building the
+// group by name and generating a key by the curve's name cost group 19 a quarter of a whole exchange. Both are never
+// changed and never freed: exchanges may still run in other static destructors when the process ends.
+struct SharedCurve {
+  std::atomic<EC_GROUP*> group;
+  std::atomic<EVP_PKEY*> parameters;
+};
+
+std::array<SharedCurve, curveNids.size()> sharedCurves;
+
+// Returns what the slot holds, or makes it: whoever is first wins. Null when it cannot be made; the next caller tries
+// again.
+template <class T, auto freeFunction, class Make>
+T* shared(std::atomic<T*>& slot, const Make& make) {
+  T* held = slot.load(std::memory_order_acquire);
+  if (held != nullptr) {
+    return held;
+  }
+  std::unique_ptr<T, FreeWith<freeFunction>> made(make());
+  if (made && slot.compare_exchange_strong(held, made.get(), std::memory_order_acq_rel)) {
+    held = made.release();
+  }
+  return held;
+}
+
+// As EC_GROUP_new_by_curve_name: a copy of the shared group costs a fifth of it.
+CurvePtr newCurve(std::size_t curve) {
+  const EC_GROUP* group = shared<EC_GROUP, EC_GROUP_free>(
+      sharedCurves[curve].group, [curve] { return EC_GROUP_new_by_curve_name(curveNids[curve]); });
+  return CurvePtr(group == nullptr ? nullptr : EC_GROUP_dup(group));
+}
+
+EVP_PKEY* newCurveParameters(int nid) {
+  const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+  EVP_PKEY* parameters = nullptr;
+  if (!context || EVP_PKEY_paramgen_init(context.get()) != 1 ||
+      EVP_PKEY_CTX_set_group_name(context.get(), OBJ_nid2sn(nid)) != 1 ||
+      EVP_PKEY_paramgen(context.get(), &parameters) != 1) {
+    EVP_PKEY_free(parameters);
+    return nullptr;
+  }
+  return parameters;
+}
+
+// As EVP_PKEY_Q_keygen of "EC" with the curve's name, which builds the curve anew and takes twice as long for group 19.
+KeyPtr newCurveKey(std::size_t curve) {
+  EVP_PKEY* parameters = shared<EVP_PKEY, EVP_PKEY_free>(sharedCurves[curve].parameters,
+                                                         [curve] { return newCurveParameters(curveNids[curve]); });
+  if (parameters == nullptr) {
+    return nullptr;
+  }
+  const KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, parameters, nullptr));
+  EVP_PKEY* key = nullptr;
+  if (!context || EVP_PKEY_keygen_init(context.get()) != 1 || EVP_PKEY_generate(context.get(), &key) != 1) {
+    EVP_PKEY_free(key);
+    return nullptr;
+  }
+  return KeyPtr(key);
+}
+
+int fieldLength(const EC_GROUP* group) {
+  return (EC_GROUP_get_degree(group) + 7) / 8;
+}
+
+// A BN context with one open frame, ended and freed with the object.
+class Scratch {
+ public:
+  Scratch() : context(BN_CTX_new()) {
+    if (context) {
+      BN_CTX_start(context.get());
+    }
+  }
+  ~Scratch() { BN_CTX_end(context.get()); }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+
+  BN_CTX* get() const { return context.get(); }
+
+ private:
+  BnContextPtr context;
+};
+
+// Writes two numbers, each right-aligned in its half of the zero-filled vector.
+// Kept: a number that is zero fails, because BN_bn2bin writes nothing for it and says so.
+bool bnCat(const BIGNUM* x, const BIGNUM* y, int half, ByteVector* out) {
+  unsigned char* bytes = out->data();
+  return BN_bn2bin(x, bytes + (half - BN_num_bytes(x))) != 0 && BN_bn2bin(y, bytes + (2 * half - BN_num_bytes(y))) != 0;
+}
+
+// Reads the two halves of a vector as numbers.
+bool bnSplit(const ByteVector& in, BIGNUM* x, BIGNUM* y) {
+  if (in.size() % 2 != 0 || in.size() / 2 > INT_MAX) {
+    return false;
+  }
+  const int half = static_cast<int>(in.size() / 2);
+  return BN_bin2bn(in.data(), half, x) != nullptr && BN_bin2bn(in.data() + half, half, y) != nullptr;
+}
+
+// Writes a point as x | y (RFC 5903 section 7).
+bool ecpToVector(const EC_GROUP* group, const EC_POINT* point, ByteVector* out) {
+  const Scratch scratch;
+  if (scratch.get() == nullptr) {
+    return failed("ecpToVector", "BN_CTX_new failed");
+  }
+  BIGNUM* const x = BN_CTX_get(scratch.get());
+  BIGNUM* const y = BN_CTX_get(scratch.get());
+  if (x == nullptr || y == nullptr) {
+    return failed("ecpToVector", "BN_CTX_get failed");
+  }
+  if (EC_POINT_get_affine_coordinates(group, point, x, y, scratch.get()) == 0) {
+    return failed("ecpToVector", "EC_POINT_get_affine_coordinates failed");
+  }
+  const int fieldLen = fieldLength(group);
+  out->assign(static_cast<std::size_t>(2 * fieldLen), 0);
+  if (!bnCat(x, y, fieldLen, out)) {
+    return failed("ecpToVector", "bnCat failed");
+  }
+  return true;
+}
+
+// Reads x | y as a point and refuses one that is not on the curve. Coordinates at or above the field's prime are
+// reduced by OpenSSL before the point is judged.
+bool vectorToEcp(const EC_GROUP* group, const ByteVector* in, EC_POINT* point) {
+  const Scratch scratch;
+  if (scratch.get() == nullptr) {
+    return failed("vectorToEcp", "BN_CTX_new failed");
+  }
+  BIGNUM* const x = BN_CTX_get(scratch.get());
+  BIGNUM* const y = BN_CTX_get(scratch.get());
+  if (x == nullptr || y == nullptr) {
+    return failed("vectorToEcp", "BN_CTX_get failed");
+  }
+  if (!bnSplit(*in, x, y)) {
+    return failed("vectorToEcp", "bnSplit failed");
+  }
+  if (EC_POINT_set_affine_coordinates(group, point, x, y, scratch.get()) == 0) {
+    return failed("vectorToEcp", "EC_POINT_set_affine_coordinates_GFp failed");
+  }
+  // Kept: an error of the check itself (-1) is no refusal. The coordinates were checked above when they were set.
+  if (EC_POINT_is_on_curve(group, point, scratch.get()) == 0) {
+    return failed("vectorToEcp", "EC_POINT_is_on_curve failed");
+  }
+  return true;
+}
+
+}  // namespace
+
+IpsecDHEcp::IpsecDHEcp(DhGroupNum group) : IpsecDH(group), ecKey(nullptr), ecGroup(nullptr), peerPoint(nullptr) {}
+
+IpsecDHEcp::~IpsecDHEcp() {
+  EC_POINT_clear_free(peerPoint);
+  EVP_PKEY_free(ecKey);
+  EC_GROUP_free(ecGroup);
+}
+
+bool IpsecDHEcp::initIpsecDH() {
+  entered();
+  if (initialized) {
+    return true;
+  }
+  const std::size_t curve = std::uint32_t{dhGroup} - std::uint32_t{ECP_256};  // wraps far above for a lower number
+  if (curve >= curveNids.size()) {
+    failed("IpsecDHEcp::initIpsecDH", "Unsupported ECDH group: ", std::uint32_t{dhGroup});
+    adopt(ecKey, KeyPtr());
+    return failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
+  }
+  adopt(peerPoint, SecretPointPtr());  // a failed attempt's point belongs to the group replaced next
+  adopt(ecGroup, newCurve(curve));
+  adopt(peerPoint, SecretPointPtr(EC_POINT_new(ecGroup)));  // null for a null group
+  if (peerPoint == nullptr) {
+    return failed("IpsecDHEcp::initIpsecDH", "Failed to initialize peer's public key");
+  }
+  adopt(ecKey, newCurveKey(curve));
+  if (ecKey == nullptr) {
+    return failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
+  }
+  initialized = true;
+  return true;
+}
+
+bool IpsecDHEcp::getMyPublicKey(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHEcp::getMyPublicKey", "IpsecDHEcp is not initialized");
+  }
+  // The longest encoding, of group 21, fits: one read instead of one for the length and one for the bytes.
+  // OpenSSL's failures from here to ecpToVector have no message.
+  std::array<unsigned char, 1 + 2 * 66> octets;
+  std::size_t length = 0;
+  if (ecKey == nullptr ||
+      EVP_PKEY_get_octet_string_param(ecKey, OSSL_PKEY_PARAM_PUB_KEY, octets.data(), octets.size(), &length) != 1 ||
+      length == 0) {
+    return false;
+  }
+  const PointPtr point(EC_POINT_new(ecGroup));
+  const BnContextPtr context(BN_CTX_new());
+  if (!point || !context || EC_POINT_oct2point(ecGroup, point.get(), octets.data(), length, context.get()) != 1) {
+    return false;
+  }
+  return ecpToVector(ecGroup, point.get(), out);
+}
+
+bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHEcp::getMyPrivateKey", "IpsecDHEcp is not initialized");
+  }
+  BIGNUM* number = nullptr;
+  if (ecKey == nullptr || EVP_PKEY_get_bn_param(ecKey, OSSL_PKEY_PARAM_PRIV_KEY, &number) == 0) {
+    return false;  // no message for a key that cannot be read
+  }
+  const SecretBn priv(number);
+  if (BN_is_zero(priv.get())) {
+    return failed("IpsecDHEcp::getMyPrivateKey", "Wrong privKeyLen size, privKeyLen is 0");
+  }
+  out->resize(static_cast<std::size_t>(BN_num_bytes(priv.get())));
+  (void)BN_bn2bin(priv.get(), out->data());  // its result is the length just taken
+  return true;
+}
+
+// Failures here have no message. Kept: an earlier secret stays readable after a new private key. The MODP form forgets.
+bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHEcp::setMyPrivateKey", "IpsecDHEcp is not initialized");
+  }
+  const SecretBn priv(toNumber(*key, nullptr));
+  const PointPtr pub(EC_POINT_new(ecGroup));
+  if (!priv || !pub || EC_POINT_mul(ecGroup, pub.get(), priv.get(), nullptr, nullptr, nullptr) != 1) {
+    return false;
+  }
+  adopt(ecKey, KeyPtr());  // Kept: the old key is gone also when the new one cannot be made
+  adopt(ecKey, KeyPtr(EVP_PKEY_EC_from_params(ecGroup, pub.get(), priv.get())));
+  return ecKey != nullptr;
+}
+
+bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHEcp::setPeerPublicKey", "IpsecDHEcp is not initialized");
+  }
+  if (!verifyDHValue(dhGroup, peer)) {
+    return failed("IpsecDHEcp::setPeerPublicKey", "Failed to verify peer's public key");
+  }
+  if (!vectorToEcp(ecGroup, peer, peerPoint)) {
+    return failed("IpsecDHEcp::setPeerPublicKey", "vectorToEcp failed");
+  }
+  // Kept: from here on a failure leaves zeros, which an earlier success then hands out. The MODP form leaves 0xFF.
+  const int ecdhSize = fieldLength(ecGroup);
+  sharedSecret.assign(static_cast<std::size_t>(ecdhSize), 0);
+  unsigned char* secret = sharedSecret.data();
+  std::size_t secretLen = 0;
+  const KeyPtr peerKey(EVP_PKEY_EC_from_params(ecGroup, peerPoint, nullptr));
+  if (!peerKey || EVP_PKEY_get_shared_secret(ecKey, peerKey.get(), &secret, &secretLen) != 0 || secretLen == 0) {
+    return failed("IpsecDHEcp::setPeerPublicKey", "ECDH_compute_key failed on shared secret with ecdhSize ", ecdhSize);
+  }
+  sharedSecret.resize(secretLen);
+  sharedSecretComputed = true;
+  return true;
+}
+
+bool IpsecDHEcp::getSharedSecret(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHEcp::getSharedSecret", "IpsecDHEcp is not initialized");
+  }
+  if (!sharedSecretComputed) {
+    return failed("IpsecDHEcp::getSharedSecret", "Shared secret has not been computed");
+  }
+  *out = sharedSecret;
+  return true;
+}
+
+// --- Facade ---------------------------------------------------------------------------------------------------------
+
+IpsecDHGeneral::IpsecDHGeneral(DhGroupNum group)
+    : dhGroup(group), isModp(true), ipsecDH(nullptr), modpDH(MODP_NONE), ecpDH(MODP_NONE), initialized(false) {}
+
+bool IpsecDHGeneral::setDHGroup(DhGroupNum group) {
+  entered();
+  if (initialized) {
+    return failed("IpsecDHGeneral::setDHGroup", "Cannot change DH group after initIpsecDH");
+  }
+  dhGroup = group;
+  return true;
+}
+
+bool IpsecDHGeneral::initIpsecDH() {
+  entered();
+  if (initialized) {
+    // Kept: reported as an error, answered as a success. The key pair stays.
+    failed("IpsecDHGeneral::initIpsecDH", "IpsecDHGeneral is already initialized");
+    return true;
+  }
+  if (dhGroup == MODP_NONE) {
+    return failed("IpsecDHGeneral::initIpsecDH", "Cannot initialize the MODP_NONE group");
+  }
+  if (!dhGroupToSize.contains(dhGroup)) {
+    return failed("IpsecDHGeneral::initIpsecDH", "Unsupported DH group: ", std::uint32_t{dhGroup});
+  }
+  isModp = dhGroup != ECP_256 && dhGroup != ECP_384 && dhGroup != ECP_521;
+  ipsecDH = isModp ? static_cast<IpsecDH*>(&modpDH) : &ecpDH;
+  if (!ipsecDH->setDHGroup(dhGroup) || !ipsecDH->initIpsecDH()) {
+    return failed("IpsecDHGeneral::initIpsecDH", "setDHGroup or initIpsecDH failed on ipsecDH");
+  }
+  initialized = true;
+  return true;
+}
+
+bool IpsecDHGeneral::getMyPublicKey(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHGeneral::getMyPublicKey", "IpsecDHGeneral is not initialized");
+  }
+  return ipsecDH->getMyPublicKey(out);
+}
+
+bool IpsecDHGeneral::getMyPrivateKey(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHGeneral::getMyPrivateKey", "IpsecDHGeneral is not initialized");
+  }
+  return ipsecDH->getMyPrivateKey(out);
+}
+
+bool IpsecDHGeneral::setMyPrivateKey(const ByteVector* key) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHGeneral::setMyPrivateKey", "IpsecDHGeneral is not initialized");
+  }
+  return ipsecDH->setMyPrivateKey(key);
+}
+
+bool IpsecDHGeneral::setPeerPublicKey(const ByteVector* peer) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHGeneral::setPeerPublicKey", "IpsecDHGeneral is not initialized");
+  }
+  return ipsecDH->setPeerPublicKey(peer);
+}
+
+bool IpsecDHGeneral::getSharedSecret(ByteVector* out) {
+  entered();
+  if (!initialized) {
+    return failed("IpsecDHGeneral::getSharedSecret", "IpsecDHGeneral is not initialized");
+  }
+  return ipsecDH->getSharedSecret(out);
+}
+
+}  // namespace Ipsec
