@@ -355,8 +355,6 @@ class IPSEC_EXPORT PRFuncPlus {
   bool generatePRStream(std::size_t length, ByteVector* out);
 
  private:
-  bool nextBlock();
-
   PRFunc* prf;
   ByteVector seed;
   std::uint8_t counter;

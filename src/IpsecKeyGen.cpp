@@ -150,33 +150,28 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
   }
   out->resize(length);
   for (std::size_t written = 0; written < length;) {
-    if (bufferPos == buffer.size() && !nextBlock()) {
-      return false;
+    if (bufferPos == buffer.size()) {
+      // T(n) = prf(K, T(n-1) | S [| n]) takes the place of T(n-1): all input is absorbed before the output is written.
+      if (!prf->generatePRStream(&buffer, nullptr)) {
+        return failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
+      }
+      if (counterEnabled) {
+        const ByteVector counterByte = {counter};
+        if (!prf->generatePRStream(&seed, nullptr) || !prf->generatePRStream(&counterByte, &buffer)) {
+          return failed("PRFuncPlus::generatePRStream", "Counter based generatePRStream failed");
+        }
+        // Kept: the counter wraps to 0 after block 255; the limit of RFC 7296 section 2.13 is not enforced here.
+        ++counter;
+      } else if (!prf->generatePRStream(&seed, &buffer)) {
+        return failed("PRFuncPlus::generatePRStream", "Non-counter based generatePRStream failed");
+      }
+      bufferPos = 0;
     }
     const std::size_t count = std::min(length - written, buffer.size() - bufferPos);
     std::copy_n(buffer.data() + bufferPos, count, out->data() + written);
     bufferPos += count;
     written += count;
   }
-  return true;
-}
-
-// Computes T(n) = prf(K, T(n-1) | S [| n]) in place of T(n-1): what is absorbed is read before the output is written.
-bool PRFuncPlus::nextBlock() {
-  if (!prf->generatePRStream(&buffer, nullptr)) {
-    return failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
-  }
-  if (counterEnabled) {
-    const ByteVector counterByte = {counter};
-    if (!prf->generatePRStream(&seed, nullptr) || !prf->generatePRStream(&counterByte, &buffer)) {
-      return failed("PRFuncPlus::generatePRStream", "Counter based generatePRStream failed");
-    }
-    // Kept: the counter wraps to 0 after block 255; the limit of RFC 7296 section 2.13 is not enforced here.
-    ++counter;
-  } else if (!prf->generatePRStream(&seed, &buffer)) {
-    return failed("PRFuncPlus::generatePRStream", "Non-counter based generatePRStream failed");
-  }
-  bufferPos = 0;
   return true;
 }
 
