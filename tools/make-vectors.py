@@ -389,7 +389,8 @@ def dhEcpBlocks(curve):
                         minimalBytes(curve.order - 1), peer)
     yield exchangeBlock("private key n + 2, above the order: acts as 2", curve, minimalBytes(curve.order + 2), peer)
     yield exchangeBlock("private key eight bytes longer than the order", curve,
-                        minimalBytes(seededInt(f"group {curve.number} long", 8 * size + 64)), peer)
+                        minimalBytes(seededInt(f"group {curve.number} long", 8 * size + 64)),
+                        peer) | {"PrivateReadable": "no"}
     yield exchangeBlock("the peer's public value is the generator", curve, own, curve.encode(generator))
     yield exchangeBlock("the peer's public value is the own one", curve, own, curve.public(own))
     yield exchangeBlock("the peer's public value is the negated own one", curve, own,
@@ -576,6 +577,8 @@ Private is what setMyPrivateKey is given: it may have leading zero bytes, which 
 Elliptic-curve known answers, made by tools/make-vectors.py. With the own private key Private, the own public value is
 Public, and the secret with the peer's public value Peer is Secret. Public and Peer are x and y, each of the length of
 a field element; Secret is x. Private is what setMyPrivateKey is given: it may have leading zero bytes.
+PrivateReadable, where present, is "no": OpenSSL computes with a private number that is longer than the order, but does
+not hand it out again, so getMyPrivateKey fails.
 """, flattened(dhEcpBlocks, CURVES.values())),
         "dh_modp_invalid.txt": formatFile("""
 MODP values of the right length that must not become a secret (RFC 6989 sections 2.1 and 2.2), made by
