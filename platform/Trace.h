@@ -69,7 +69,7 @@ class TraceHandle {
   void emit(unsigned level, const TraceSite& site, std::string_view message) const noexcept;
 
   const char* handleName;
-  std::atomic<std::uint32_t> mask;
+  mutable std::atomic<std::uint32_t> mask;  // handles are made const, and switched by name all the same
 };
 
 }  // namespace Cor

@@ -31,7 +31,7 @@ class TraceLevels {
     return *levels;
   }
 
-  void add(TraceHandle* handle) {
+  void add(const TraceHandle* handle) {
     const std::lock_guard guard(lock);
     handles.push_back(handle);
     const auto found = masks.find(std::string_view(handle->name()));
@@ -50,7 +50,7 @@ class TraceLevels {
     for (const auto& [name, mask] : changes) {
       masks.insert_or_assign(name, mask);
     }
-    for (TraceHandle* handle : handles) {
+    for (const TraceHandle* handle : handles) {
       const auto found = changes.find(std::string_view(handle->name()));
       if (found != changes.end()) {
         handle->mask.store(found->second, std::memory_order_relaxed);
@@ -63,7 +63,7 @@ class TraceLevels {
 
   std::mutex lock;
   Masks masks;
-  std::vector<TraceHandle*> handles;
+  std::vector<const TraceHandle*> handles;
 };
 
 namespace {
