@@ -191,7 +191,7 @@ class IPSEC_EXPORT IpsecDHModp : public IpsecDH {
 // while getSharedSecret still answers: do not read a secret after a failed setPeerPublicKey.
 //
 // setMyPrivateKey leaves an earlier secret readable. When the new key pair cannot be made the old one is gone, and all
-// that needs a key fails.
+// that needs a key fails. A private number longer than the group's order is taken, but cannot be read back.
 class IPSEC_EXPORT IpsecDHEcp : public IpsecDH {
  public:
   explicit IpsecDHEcp(DhGroupNum group);
