@@ -25,6 +25,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <limits>
 #include <locale>
 #include <optional>
 #include <regex>
@@ -648,7 +649,8 @@ Cor::String secondsToTimestamp(Vello::Duration time) {
   }
   const auto wholeTime = static_cast<std::time_t>(wholeSeconds);
   std::tm parts = {};
-  if (localtime_r(&wholeTime, &parts) == nullptr) {
+  constexpr int lastYear = std::numeric_limits<int>::max() - 1900;  // Above it strftime's own sum overflows.
+  if (localtime_r(&wholeTime, &parts) == nullptr || parts.tm_year > lastYear) {
     return {};
   }
   char text[30] = {};

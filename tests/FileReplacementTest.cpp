@@ -1,0 +1,485 @@
+// What both writers owe the daemon whatever happens to the disk or to the process: the old file or the new one, whole.
+#include "Ipsec.h"
+
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/TraceRecorder.h"
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+// The program's own read, write and close stand before the C library's for every library in the process. They forward,
+// unless a test wants a fault at the file whose name ends in faultyName.
+namespace {
+
+enum class Fault { None, ReadFailsAtOffset, WriteIsInterrupted, WriteIsShort, CloseFails };
+
+std::atomic<Fault> fault = Fault::None;
+std::atomic<off_t> faultOffset = 0;
+std::atomic<int> faultsHit = 0;
+
+bool isFaulty(int file, Fault wanted) {
+  if (fault != wanted) {
+    return false;
+  }
+  char name[256] = {};
+  const std::string link = "/proc/self/fd/" + std::to_string(file);
+  return readlink(link.c_str(), name, sizeof name - 1) > 0 && std::strstr(name, "/etc/strongswan/") == name;
+}
+
+template <class Function>
+Function* next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" ssize_t read(int file, void* bytes, size_t size) {
+  static auto* const real = next<ssize_t(int, void*, size_t)>("read");
+  if (isFaulty(file, Fault::ReadFailsAtOffset)) {
+    const off_t left = faultOffset - lseek(file, 0, SEEK_CUR);
+    if (left <= 0) {
+      ++faultsHit;
+      errno = EIO;
+      return -1;
+    }
+    return real(file, bytes, std::min(size, static_cast<size_t>(left)));
+  }
+  return real(file, bytes, size);
+}
+
+extern "C" ssize_t write(int file, const void* bytes, size_t size) {
+  static auto* const real = next<ssize_t(int, const void*, size_t)>("write");
+  if (size > 1 && isFaulty(file, Fault::WriteIsShort)) {
+    ++faultsHit;
+    return real(file, bytes, (size + 1) / 2);
+  }
+  if (isFaulty(file, Fault::WriteIsInterrupted) && faultsHit++ % 2 == 0) {
+    errno = EINTR;
+    return -1;
+  }
+  return real(file, bytes, size);
+}
+
+extern "C" int close(int file) {
+  static auto* const real = next<int(int)>("close");
+  const bool fails = isFaulty(file, Fault::CloseFails);
+  const int result = real(file);
+  if (fails) {
+    ++faultsHit;
+    errno = EIO;
+    return -1;
+  }
+  return result;
+}
+
+namespace Ipsec::Testing {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+class FaultsNow {
+ public:
+  explicit FaultsNow(Fault kind, off_t offset = 0) {
+    faultsHit = 0;
+    faultOffset = offset;
+    fault = kind;
+  }
+  ~FaultsNow() {
+    fault = Fault::None;
+    EXPECT_GT(faultsHit, 0) << "The fault was never met.";
+  }
+  FaultsNow(const FaultsNow&) = delete;
+  FaultsNow& operator=(const FaultsNow&) = delete;
+};
+
+// One writer with a file of a hundred entries of its own; number tells versions of the same entry apart.
+struct Writer {
+  const char* name;
+  const char* file;
+  const char* error;
+  void (*update)(int number);
+  std::string (*others)();           // the file's text without the entry
+  std::string (*entry)(int number);  // what update appends
+  void (*refused)();                 // a call that throws after the copy
+};
+
+const Writer connections = {
+    "connections",
+    connectionsFile,
+    "writeConnections Error renaming tmp file to ipsec.conf",
+    [](int number) {
+      writeConnections({{"config", "a"}, {"reqid", std::to_string(number)}, {"left", "l"}, {"right", "r"}});
+    },
+    [] {
+      std::string text;
+      for (int other = 0; other < 100; ++other) {
+        text += "conn other" + std::to_string(other) + "\n\tleft=" + std::string(100, 'x') + "\n\n";
+      }
+      return text;
+    },
+    [](int number) {
+      return "conn a\n\treqid=" + std::to_string(number) +
+             "\n\tleft=l\n\tright=r\n\tauto=add\n\tmobike=no\n\tikedscp=110000\n\n";
+    },
+    [] {
+      writeConnections({{"config", "a"}});
+    },
+};
+
+const Writer secrets = {
+    "secrets",
+    secretsFile,
+    "writeSecrets Error renaming tmp file to ipsec.secrets",
+    [](int number) {
+      writeSecrets({{"peerIp", "10.0.0.1"}, {"key", std::to_string(number)}});
+    },
+    [] {
+      std::string text;
+      for (int other = 0; other < 100; ++other) {
+        text += "other" + std::to_string(other) + " : PSK " + std::string(100, 'x') + "\n";
+      }
+      return text;
+    },
+    [](int number) { return "10.0.0.1 : PSK " + std::to_string(number) + "\n"; },
+    [] {
+      writeSecrets({{"peerIp", "10.0.0.1"}});
+    },
+};
+
+class FileReplacement : public testing::TestWithParam<const Writer*> {
+ protected:
+  FileReplacement() : writer(*GetParam()), temporary(std::string(writer.file) + ".tmp") { resetHost(); }
+
+  std::string whole(int number) const { return writer.others() + writer.entry(number); }
+
+  void startWith(int number) const { writeFile(writer.file, whole(number)); }
+
+  // Expects an update to fail with the one line, and the old file to stay.
+  void expectRefused(int old) const {
+    const TraceRecorder traces("IpsecUtils=0-31");
+    writer.update(old + 1);
+    EXPECT_EQ(traces.errors(), Lines{writer.error});
+    EXPECT_EQ(traces.text(), Lines{writer.error});
+    EXPECT_EQ(traces.text(0), Lines{writer.error});
+    EXPECT_EQ(readFile(writer.file), whole(old));
+  }
+
+  void expectTaken(int number) const {
+    const TraceRecorder traces("IpsecUtils=0-31");
+    writer.update(number);
+    EXPECT_TRUE(traces.lines().empty());
+    EXPECT_EQ(readFile(writer.file), whole(number));
+    EXPECT_FALSE(exists(temporary));
+  }
+
+  const Writer& writer;
+  const std::string temporary;
+};
+
+// --- The disk ---------------------------------------------------------------------------------------------------------
+
+TEST_P(FileReplacement, OnAFullDiskTheOldFileStays) {
+  const Mount disk = Mount::smallDisk(daemonFolder, 20480);  // Holds the old file and half a new one.
+  startWith(1);
+  expectRefused(1);
+  EXPECT_LT(readFile(temporary).size(), whole(2).size());
+  expectRefused(1);
+}
+
+TEST_P(FileReplacement, OnADiskWithoutAnyRoomTheOldFileStays) {
+  const Mount disk = Mount::smallDisk(daemonFolder, 20480);
+  startWith(1);
+  const std::string ballast = std::string(daemonFolder) + "/ballast";
+  EXPECT_THROW(writeFile(ballast, std::string(20480, 'b')), std::runtime_error);
+  expectRefused(1);
+  fs::remove(ballast);
+}
+
+TEST_P(FileReplacement, OnAFullDiskARefusedCallStillThrows) {
+  const Mount disk = Mount::smallDisk(daemonFolder, 20480);
+  startWith(1);
+  EXPECT_THROW(writer.refused(), std::out_of_range);
+  EXPECT_EQ(readFile(writer.file), whole(1));
+}
+
+TEST_P(FileReplacement, WhoseCloseFailsIsNotMoved) {
+  startWith(1);
+  {
+    const FaultsNow faults(Fault::CloseFails);
+    expectRefused(1);
+  }
+  EXPECT_EQ(readFile(temporary), whole(2));
+  expectTaken(3);
+}
+
+TEST_P(FileReplacement, GoesOnAfterAShortOrInterruptedWrite) {
+  startWith(1);
+  {
+    const FaultsNow faults(Fault::WriteIsShort);
+    expectTaken(2);
+  }
+  const FaultsNow faults(Fault::WriteIsInterrupted);
+  expectTaken(3);
+}
+
+TEST_P(FileReplacement, InAReadOnlyFolderLeavesTheOldFile) {
+  startWith(1);
+  {
+    const Mount readOnly = Mount::readOnly(daemonFolder);
+    expectRefused(1);
+  }
+  EXPECT_FALSE(exists(temporary));
+  expectTaken(2);
+}
+
+TEST_P(FileReplacement, InAMissingFolderIsReported) {
+  startWith(1);
+  const Mount empty = Mount::smallDisk("/etc", 4096);
+  const TraceRecorder traces("IpsecUtils=0-31");
+  writer.update(2);
+  EXPECT_EQ(traces.text(), Lines{writer.error});
+  EXPECT_FALSE(exists(daemonFolder));
+}
+
+// --- The temporary file -----------------------------------------------------------------------------------------------
+
+TEST_P(FileReplacement, WithAFolderInTheTemporaryFilesPlaceLeavesTheOldFile) {
+  startWith(1);
+  fs::create_directory(temporary);
+  expectRefused(1);
+}
+
+TEST_P(FileReplacement, NeverMovesAFolderIntoThePlaceOfAMissingFile) {
+  fs::create_directory(temporary);
+  const TraceRecorder traces("IpsecUtils=0-31");
+  writer.update(1);
+  EXPECT_EQ(traces.text(), Lines{writer.error});
+  EXPECT_FALSE(exists(writer.file));
+}
+
+TEST_P(FileReplacement, EmptiesAStaleTemporaryFile) {
+  startWith(1);
+  writeFile(temporary, std::string(100000, 's'));
+  expectTaken(2);
+}
+
+// Runs the check in a process that has a superuser's number but not his right to pass over file modes.
+void withoutTheRightToPassOverModes(const std::function<bool()>& check) {
+  const pid_t child = fork();
+  if (child == 0) {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[2] = {};
+    const bool dropped = syscall(SYS_capset, &header, none) == 0;
+    _exit(!dropped ? 2 : check() ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+// A file that an earlier process left, not to be opened by this one, must not be taken for the new file.
+TEST_P(FileReplacement, NeverMovesAStaleTemporaryFileThatCannotBeOpened) {
+  startWith(1);
+  writeFile(temporary, "stale\n");
+  fs::permissions(temporary, fs::perms::none);
+  withoutTheRightToPassOverModes([this] {
+    const TraceRecorder traces("IpsecUtils=0-31");
+    writer.update(2);
+    return traces.text() == Lines{writer.error};
+  });
+  EXPECT_EQ(readFile(writer.file), whole(1));
+  EXPECT_EQ(readFile(temporary), "stale\n");
+}
+
+// --- The old file -----------------------------------------------------------------------------------------------------
+
+TEST_P(FileReplacement, OfAMissingFileMakesOne) {
+  writer.update(1);
+  EXPECT_EQ(readFile(writer.file), writer.entry(1));
+}
+
+TEST_P(FileReplacement, OfAnEmptyFileFillsIt) {
+  writeFile(writer.file, "");
+  writer.update(1);
+  EXPECT_EQ(readFile(writer.file), writer.entry(1));
+}
+
+TEST_P(FileReplacement, TakesAFileThatMayNotBeReadForEmpty) {
+  startWith(1);
+  fs::permissions(writer.file, fs::perms::none);
+  withoutTheRightToPassOverModes([this] {
+    const TraceRecorder traces("IpsecUtils=0-31");
+    writer.update(2);
+    return traces.lines().empty();
+  });
+  EXPECT_EQ(readFile(writer.file), writer.entry(2));
+}
+
+TEST_P(FileReplacement, TakesAFileThatCannotBeOpenedOrReadForEmpty) {
+  for (const char* target : {"loop", "/proc/self/mem", "/etc"}) {  // ELOOP on opening, EIO and EISDIR on reading.
+    resetHost();
+    fs::create_symlink("loop", std::string(daemonFolder) + "/loop");
+    fs::create_symlink(target, writer.file);
+    writer.update(1);
+    EXPECT_EQ(readFile(writer.file), writer.entry(1)) << target;
+    EXPECT_FALSE(fs::is_symlink(writer.file)) << target;
+  }
+}
+
+TEST_P(FileReplacement, KeepsTheWholeLinesBeforeAReadFailure) {
+  startWith(1);
+  const std::string text = whole(1);
+  const std::size_t offset = text.size() / 2;
+  ASSERT_NE(text[offset - 1], '\n');
+  {
+    const FaultsNow faults(Fault::ReadFailsAtOffset, static_cast<off_t>(offset));
+    writer.update(2);
+  }
+  EXPECT_EQ(readFile(writer.file), text.substr(0, text.rfind('\n', offset) + 1) + writer.entry(2));
+}
+
+TEST_P(FileReplacement, TakesAFileWhoseFirstLineCannotBeReadForEmpty) {
+  startWith(1);
+  {
+    const FaultsNow faults(Fault::ReadFailsAtOffset, 3);
+    writer.update(2);
+  }
+  EXPECT_EQ(readFile(writer.file), writer.entry(2));
+}
+
+// A pipe has no size to go by.
+TEST_P(FileReplacement, ReadsAFileWithoutASize) {
+  ASSERT_EQ(mkfifo(writer.file, 0600), 0);
+  std::string lines;
+  for (int line = 0; line < 10000; ++line) {
+    lines += "# line " + std::to_string(line) + "\n";
+  }
+  std::thread feeder([&] { writeFile(writer.file, lines); });
+  writer.update(1);
+  feeder.join();
+  EXPECT_EQ(readFile(writer.file), lines + writer.entry(1));
+}
+
+TEST_P(FileReplacement, LeavesTheOldFileWhereItCannotBeReplaced) {
+  startWith(1);
+  const std::string other = std::string(daemonFolder) + "/other";
+  writeFile(other, whole(1));
+  {
+    const Mount busy = Mount::bind(other, writer.file);  // A file that is mounted over cannot be renamed over.
+    expectRefused(1);
+  }
+  EXPECT_EQ(readFile(writer.file), whole(1));
+  EXPECT_EQ(readFile(temporary), whole(2));
+}
+
+// --- Modes and other readers ------------------------------------------------------------------------------------------
+
+TEST_P(FileReplacement, GivesTheNewFileTheModeOfTheUmask) {
+  for (const auto& [mask, mode] : {std::pair<mode_t, mode_t>{022, 0644}, {077, 0600}, {0, 0666}}) {
+    startWith(1);
+    fs::permissions(writer.file, fs::perms(0640));
+    const mode_t before = umask(mask);
+    writer.update(2);
+    (void)umask(before);
+    struct stat status = {};
+    ASSERT_EQ(stat(writer.file, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, mode);
+  }
+}
+
+TEST_P(FileReplacement, LeavesAReaderOfTheOldFileWithIt) {
+  startWith(1);
+  const std::string hardLink = std::string(daemonFolder) + "/link";
+  fs::create_hard_link(writer.file, hardLink);
+  expectTaken(2);
+  EXPECT_EQ(readFile(hardLink), whole(1));
+}
+
+TEST_P(FileReplacement, IsNeverSeenHalfDoneByAReader) {
+  constexpr int rewrites = 1000;
+  startWith(0);
+  std::atomic<int> latest = 0;
+  std::atomic<bool> done = false;
+  int looks = 0;
+  int partial = 0;
+  std::thread reader([&] {
+    while (!done) {
+      const int from = latest;
+      const std::string seen = readFile(writer.file);
+      const int upTo = latest + 1;
+      bool matches = false;
+      for (int number = from; number <= upTo && !matches; ++number) {
+        matches = seen == whole(number);
+      }
+      partial += matches ? 0 : 1;
+      ++looks;
+    }
+  });
+  for (int number = 1; number <= rewrites; ++number) {
+    writer.update(number);
+    latest = number;
+  }
+  done = true;
+  reader.join();
+  EXPECT_EQ(partial, 0) << "of " << looks;
+  EXPECT_GT(looks, 10);
+  EXPECT_EQ(readFile(writer.file), whole(rewrites));
+}
+
+TEST_P(FileReplacement, OfAKilledProcessIsDoneOrNotBegun) {
+  constexpr int rewrites = 500;
+  startWith(0);
+  std::mt19937 random(4711);
+  int old = 0;
+  int changed = 0;
+  for (int round = 1; round <= rewrites; ++round) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      writer.update(round);
+      (void)pause();
+      _exit(0);
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500));
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    const std::string seen = readFile(writer.file);
+    if (seen != whole(old)) {
+      ASSERT_EQ(seen, whole(round));
+      old = round;
+      ++changed;
+    }
+  }
+  EXPECT_GT(changed, rewrites / 50);
+  EXPECT_LT(changed, rewrites);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, FileReplacement, testing::Values(&connections, &secrets),
+                         [](const auto& info) { return std::string(info.param->name); });
+
+}  // namespace
+}  // namespace Ipsec::Testing
+
+int main(int argc, char** argv) {
+  return Ipsec::Testing::runInPrivateMounts(argc, argv);
+}

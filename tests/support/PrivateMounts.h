@@ -1,0 +1,64 @@
+// PrivateMounts gives a test program the real paths of the host side without the host behind them: a mount namespace of
+// its own, with own folders over /etc/strongswan and /proc/sys/net/core, and recording stand-ins over /sbin/modprobe and
+// /sbin/rmmod. Nothing in it outlives the program, and nothing is created or changed outside of it.
+//
+//   int main(int argc, char** argv) { return Ipsec::Testing::runInPrivateMounts(argc, argv); }
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Ipsec::Testing {
+
+// Enters the namespace, while there is one thread only, and runs all tests; afterwards fails if a file of the machine's
+// own differs from what it was. Root gets a mount namespace, anybody else a user namespace around it. Where neither is
+// allowed, says so in one line and runs nothing: returns 77 then, and 1 when the environment variable CI is set.
+int runInPrivateMounts(int argc, char** argv);
+
+inline constexpr char daemonFolder[] = "/etc/strongswan";
+inline constexpr char connectionsFile[] = "/etc/strongswan/ipsec.conf";
+inline constexpr char secretsFile[] = "/etc/strongswan/ipsec.secrets";
+inline constexpr char pidFile[] = "/etc/strongswan/ipsec.d/run/charon.pid";
+inline constexpr char kernelSettings[] = "/proc/sys/net/core";
+inline constexpr char replayWindowSetting[] = "/proc/sys/net/core/xfrm_replay_esn_max";
+
+// Empties the private folders and puts the stand-ins back, which record and exit with 0. A mount that a test left in the
+// daemon's folder is taken off first.
+void resetHost();
+
+// What a stand-in does after it has recorded its arguments, as shell text ("exit 1", "kill -9 $$").
+void setModuleTool(std::string_view name, std::string_view action);
+void removeModuleTool(std::string_view name);
+
+// Returns the commands that the stand-ins recorded since resetHost: "/sbin/modprobe|aesni_intel|", one an argument.
+std::vector<std::string> recordedCommands();
+
+// Mounts of the tests' own, for as long as the object lives. Fail the running test, and throw, when mount fails.
+class Mount {
+ public:
+  // A tmpfs with room for so many bytes, rounded up to pages.
+  static Mount smallDisk(const std::string& folder, std::size_t bytes);
+  static Mount bind(const std::string& source, const std::string& target);
+  static Mount readOnly(const std::string& folder);
+
+  Mount(Mount&& other) noexcept;
+  Mount& operator=(Mount&&) = delete;
+  ~Mount();
+
+ private:
+  explicit Mount(std::string target);
+
+  std::string target;
+};
+
+// What a test looks at and leaves behind. They throw std::runtime_error when a file cannot be read or written.
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, std::string_view contents);
+bool exists(const std::string& path);
+
+// Tells what the machine's own files on all these paths are now: names, modes, times, contents. Looks at them through
+// the namespace that the program started in.
+std::string machinesOwnFiles();
+
+}  // namespace Ipsec::Testing
