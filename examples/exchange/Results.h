@@ -1,0 +1,30 @@
+// What a run has found so far.
+#pragma once
+
+#include "Exchange.h"
+#include "Published.h"
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace Exchange {
+
+struct Results {
+  std::vector<PublishedSide> publishedSides;
+  std::vector<PublishedResult> published;
+  std::vector<GroupResult> groups;
+  std::vector<std::string> failures;  // one line each, everything that went wrong
+  std::size_t exchangesPlanned = 0;
+  double seconds = 0;
+};
+
+// Middle of the values, which one slow outlier does not move; 0 when there is none.
+double median(std::vector<double> values);
+
+double medianInit(const GroupResult& group);
+double medianAgreement(const GroupResult& group);
+std::size_t agreeing(const GroupResult& group);
+std::size_t keyBytes(const GroupResult& group);
+
+}  // namespace Exchange

@@ -1,0 +1,97 @@
+#include "Table.h"
+
+#include <cstdio>
+#include <string>
+
+namespace Exchange {
+namespace {
+
+// The first bytes of a published figure: enough to find it in the RFC.
+std::string beginning(const ByteVector& bytes) {
+  constexpr std::size_t shown = 5;
+  std::string text;
+  for (std::size_t index = 0; index < shown && index < bytes.size(); ++index) {
+    char digits[3];
+    (void)std::snprintf(digits, sizeof(digits), "%02x", static_cast<unsigned>(bytes[index]));
+    text += digits;
+  }
+  return text + "..";
+}
+
+// A row appears at once, also when standard output is a pipe.
+void endRow() {
+  std::putchar('\n');
+  (void)std::fflush(stdout);
+}
+
+}  // namespace
+
+void printPublishedHead() {
+  std::puts("Published exchanges: private keys imported, public values and shared secrets computed\n");
+  std::printf("  %-21s  %-16s %3s  %-13s  %-12s  %-13s  %s\n", "Source", "Side", "No.", "Group", "Public value",
+              "Shared secret", "Matches");
+}
+
+void printPublished(const PublishedResult& result) {
+  const PublishedSide& side = *result.published;
+  std::printf("  %-21s  %-16s %3u  %-13s  %-12s  %-13s  %s", side.source.c_str(), side.side.c_str(),
+              static_cast<unsigned>(side.group->number), side.group->name, beginning(side.publicValue).c_str(),
+              beginning(side.secret).c_str(), result.agrees() ? "yes" : "NO");
+  endRow();
+}
+
+void printNothingPublished(const Group& group) {
+  std::printf("  RFC 5903 and RFC 5114 publish no exchange for group %u.", static_cast<unsigned>(group.number));
+  endRow();
+}
+
+void printGroupHead() {
+  std::puts("\nExchanges between two processes over a socket on 127.0.0.1, one with each PRF\n");
+  std::printf("  %3s  %-13s %12s %12s   %-16s %8s %12s %9s\n", "No.", "Group", "Public bytes", "Secret bytes",
+              "Both sides agree", "Init us", "Agreement us", "Key bytes");
+}
+
+void printGroup(const GroupResult& result) {
+  const ExchangeResult& any = result.exchanges.back();
+  const std::size_t good = agreeing(result);
+  const std::string verdict = std::string(good == suites.size() ? "yes, " : "NO, ") + std::to_string(good) + " of " +
+                              std::to_string(suites.size()) + " PRFs";
+  std::printf("  %3u  %-13s %12zu %12zu   %-16s %8.0f %12.0f %9zu", static_cast<unsigned>(result.group->number),
+              result.group->name, any.publicBytes, any.secretBytes, verdict.c_str(), medianInit(result),
+              medianAgreement(result), keyBytes(result));
+  endRow();
+}
+
+void printSuites() {
+  std::puts("\n  Init: set up the group and make a key pair. Agreement: take the peer's value, compute the secret.");
+  std::puts("  Both are the initiator's, median of the four exchanges.");
+  std::puts("\nKeys that each side draws from prf+ in one exchange (RFC 7296 section 2.14), in bytes\n");
+  std::printf("  %-15s %-16s %-19s %5s %9s %9s %9s %6s\n", "PRF", "Encryption", "Integrity", "SK_d", "SK_ai/ar",
+              "SK_ei/er", "SK_pi/pr", "Sum");
+  for (const Suite& suite : suites) {
+    const KeyLengths lengths = keyLengths(suite);
+    std::printf("  %-15s %-16s %-19s %5zu   2 x %3zu   2 x %3zu   2 x %3zu %6zu\n", suite.prfName, suite.encryptionName,
+                suite.integrityName, lengths[SK_d], lengths[SK_ai], lengths[SK_ei], lengths[SK_pi],
+                totalKeyBytes(suite));
+  }
+  std::puts("\n  AES-GCM takes 4 bytes of salt besides its key and no integrity keys (RFC 4106, RFC 5282).");
+}
+
+void printSummary(const Results& results) {
+  std::size_t good = 0;
+  std::size_t drawn = 0;
+  for (const GroupResult& group : results.groups) {
+    good += agreeing(group);
+    drawn += keyBytes(group);
+  }
+  std::size_t reproduced = 0;
+  for (const PublishedResult& one : results.published) {
+    reproduced += one.agrees() ? 1 : 0;
+  }
+  std::printf("\n%s: %zu of %zu published sides and %zu of %zu exchanges agree, %zu bytes of keys drawn, %.2f s.",
+              results.failures.empty() ? "All well" : "FAILED", reproduced, results.published.size(), good,
+              results.exchangesPlanned, drawn, results.seconds);
+  endRow();
+}
+
+}  // namespace Exchange
