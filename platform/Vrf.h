@@ -99,9 +99,9 @@ class VrfIdMap {
 // progress looks again a bounded number of times (for some tens of milliseconds). A writer that died in the middle of an
 // entry leaves that entry damaged, which a reader reports; it never stops a reader.
 //
-// A damaged entry stays so until a writer sets or erases the VRF that it still names or, if it names none, sets a VRF
-// that is new to the table. An entry whose number has been overwritten is got rid of only with the segment: remove it,
-// create it anew.
+// A damaged entry stays so until a writer sets or erases the VRF that it names; one that was being added or removed when
+// its writer died is finished as missing by the next create(). An entry whose number is damaged is got rid of only with
+// the segment: remove it, create it anew.
 //
 // One thread of the writer writes at a time. Reading needs nothing of the kind.
 class VrfIdMap::Status {
@@ -112,7 +112,7 @@ class VrfIdMap::Status {
   static constexpr std::size_t capacity = 1024;
 
   // Creates the segment ("/name", as shm_open takes it), or takes over one that exists, and becomes its writer. What an
-  // earlier writer left is kept as it is, damaged entries included. Throws std::system_error, also when what exists is no
+  // earlier writer left is kept, damaged entries included. Throws std::system_error, also when what exists is no
   // VRF status table (std::errc::file_exists).
   static Vello::Ptr<Status> create(const char* name);
 

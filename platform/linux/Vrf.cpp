@@ -156,8 +156,21 @@ bool seemsToHold(const Slot& slot, VrfId id) noexcept {
          slot.words[IdWord].load(std::memory_order_relaxed) == id.value();
 }
 
-bool seemsFree(const Slot& slot) noexcept {
-  return slot.words[StateWord].load(std::memory_order_relaxed) == slotFree;
+// A slot to put a VRF into. A damaged one is none, even if it looks free: it may have held a VRF.
+bool isFree(const Slot& slot) noexcept {
+  const std::optional<SlotWords> words = copySlot(slot);
+  return words && (*words)[StateWord] == slotFree && (*words)[ChecksumWord] == checksumOf(*words);
+}
+
+// Finishes what a dead writer left unfinished, as far as nothing is lost by it: an entry that looks free is one of a VRF
+// that was not added yet, or was already gone.
+void finishFreeSlots(Segment& segment) noexcept {
+  for (Slot& slot : segment.slots) {
+    const bool unfinished = slot.sequence.load(std::memory_order_relaxed) % 2 != 0;
+    if (unfinished && slot.words[StateWord].load(std::memory_order_relaxed) == slotFree) {
+      writeSlot(slot, freeWords());
+    }
+  }
 }
 
 // --- Segments ---------------------------------------------------------------------------------------------------------
@@ -240,6 +253,7 @@ Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
   if (!isTable(*mapped)) {
     throwError(EEXIST, name, "is no VRF status table");
   }
+  finishFreeSlots(*mapped);
   return Vello::Ptr<Status>(new Status(std::move(mapped)));
 }
 
@@ -266,7 +280,7 @@ void VrfIdMap::Status::set(const VrfEntry& entry) {
       target = &slot;
       break;
     }
-    if (target == nullptr && seemsFree(slot)) {
+    if (target == nullptr && isFree(slot)) {
       target = &slot;
     }
   }
