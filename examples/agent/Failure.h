@@ -1,0 +1,28 @@
+// What ends a run early: one line for the user and the exit code that goes with it.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace Agent {
+
+enum class ExitCode : int {
+  Success = 0,
+  Internal = 1,    // sockets, files, cryptography on this side
+  Usage = 2,       // the command line
+  Timeout = 3,     // no answer, after all retransmissions
+  Refused = 4,     // the peer said no, with a notify
+  NotTrusted = 5,  // the peer did not prove that it knows the pre-shared key, or is somebody else
+  Protocol = 6,    // an answer that makes no sense
+  NoEcho = 7,      // security associations are up, but the echo did not come back
+  NotFound = 8,    // a test option's search ended without a find
+};
+
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitCode why, const std::string& text) : std::runtime_error(text), code(why) {}
+
+  const ExitCode code;
+};
+
+}  // namespace Agent
