@@ -1,0 +1,196 @@
+// A configuration change as an IPsec agent makes it, from naming a connection to loading the kernel's modules, on a host
+// of the demo's own. Fails when anything that it shows is not as expected.
+
+#include "Ipsec.h"
+
+#include "PrivateHost.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char connectionsFile[] = "/etc/strongswan/ipsec.conf";
+constexpr char secretsFile[] = "/etc/strongswan/ipsec.secrets";
+constexpr char pidFile[] = "/etc/strongswan/ipsec.d/run/charon.pid";
+constexpr char replaySetting[] = "/proc/sys/net/core/xfrm_replay_esn_max";
+
+std::string contents(const char* path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write(const char* path, const std::string& text) {
+  std::ofstream file(path);
+  file << text;
+}
+
+void title(const char* text) {
+  std::cout << "\n--- " << text << " ---\n" << std::flush;
+}
+
+void expect(bool held, const char* what) {
+  if (!held) {
+    throw std::runtime_error(std::string("not as expected: ") + what);
+  }
+}
+
+std::string nameOf(const char* left, const char* right, std::uint32_t number) {
+  const Ipsec::ConnectionKey key(Vrf::VrfIdMap::VrfId::defaultVrf(), number, Ipsec::ConnIdSrc::Local,
+                                 Ipnet::IpGenAddr(left), Ipnet::IpGenAddr(right));
+  return Ipsec::getConnNameFromKey(key).str();
+}
+
+void writeConnection(const char* left, const char* right, std::uint32_t number, const char* lifetime) {
+  Ipsec::writeConnections({{"config", nameOf(left, right, number)},
+                           {"ikeVersion", "ikev2"},
+                           {"authby", Ipsec::Ike::stringValue(Ipsec::Ike::IpsecAuthType::PreSharedKey)},
+                           {"reqid", std::to_string(number)},
+                           {"left", left},
+                           {"right", right},
+                           {"lifetime", lifetime},
+                           {"esp", "aes256gcm16-ecp256!"}});
+}
+
+// The new file's mode is what the umask leaves of 0666, whatever the old one's was.
+void writeSecret(const char* peer, const char* key) {
+  const mode_t before = umask(077);
+  Ipsec::writeSecrets({{"peerIp", peer}, {"key", key}});
+  (void)umask(before);
+}
+
+void showFile(const char* path) {
+  title(path);
+  struct stat status = {};
+  expect(stat(path, &status) == 0, "the file is there");
+  std::printf("(mode %03o)\n", status.st_mode & 0777U);
+  std::cout << contents(path);
+}
+
+void changeConnections() {
+  title("A connection's name");
+  const std::string name = nameOf("10.0.0.1", "10.0.0.2", 7);
+  std::cout << name << "\n";
+  expect(name == "default-10.0.0.1-10.0.0.2-local-7", "the name");
+
+  Ipsec::writeConnections({{"uniqueids", "add"}, {"default", "%default"}, {"ikeVersion", "ikev2"}});
+  writeConnection("10.0.0.1", "10.0.0.2", 7, "3600");
+  writeConnection("10.0.0.1", "10.0.0.3", 8, "3600");
+  writeConnection("2001:db8::1", "2001:db8::2", 9, "3600");
+  writeConnection("10.0.0.1", "10.0.0.2", 7, "7200");
+  Ipsec::writeConnections({{"config", nameOf("10.0.0.1", "10.0.0.3", 8)}, {"delete", ""}});
+
+  showFile(connectionsFile);
+  const std::string text = contents(connectionsFile);
+  expect(text.rfind("config setup\n\tuniqueids=no\nconn %default\n", 0) == 0, "the head of the connections file");
+  expect(text.find("local-8") == std::string::npos, "the deleted connection");
+  expect(text.find("local-9") < text.find("local-7"), "the order of the last updates");
+  expect(text.find("lifetime=7200s") != std::string::npos, "the replaced connection");
+}
+
+void changeSecrets() {
+  writeSecret("10.0.0.2", "\"first secret of the demo\"");
+  writeSecret("2001:db8::2", "0x00112233445566778899aabbccddeeff");
+  writeSecret("10.0.0.2", "\"second secret of the demo\"");
+  showFile(secretsFile);
+  expect(contents(secretsFile) ==
+             "2001:db8::2 : PSK 0x00112233445566778899aabbccddeeff\n10.0.0.2 : PSK \"second secret of the demo\"\n",
+         "the secrets file");
+  expect((fs::status(secretsFile).permissions() & fs::perms(0777)) == fs::perms(0600), "the secrets file's mode");
+}
+
+void askForDaemon() {
+  title("Does the daemon run?");
+  const bool before = Ipsec::isSswanRunning();
+  std::cout << "without a pid file: " << (before ? "yes" : "no") << "\n";
+  write(pidFile, std::to_string(getpid()) + "\n");  // Played by the demo itself.
+  const bool after = Ipsec::isSswanRunning();
+  std::cout << "with the pid file of a running process: " << (after ? "yes" : "no") << "\n";
+  expect(!before && after, "the daemon's liveness");
+}
+
+void setReplayWindow() {
+  title("The kernel's limit of replay windows");
+  write(replaySetting, "4096\n");
+  Ipsec::setMaxReplayWindow();
+  expect(contents(replaySetting) == "65536\n", "the setting");
+  fs::remove(replaySetting);
+  Ipsec::setMaxReplayWindow();  // On a kernel without it.
+  expect(!fs::exists(replaySetting), "the missing setting");
+}
+
+// Plays a module tool that records what it is asked for. The library reports only one that cannot be run.
+void placeModuleTool(const char* path) {
+  write(path, "#!/bin/sh\necho \"$0 $*\" >>/etc/commands\n");
+  fs::permissions(path, fs::perms(0755));
+}
+
+void handleModules() {
+  title("Kernel modules");
+  placeModuleTool("/sbin/modprobe");
+  placeModuleTool("/sbin/rmmod");
+  Ipsec::enableCryptoModules();
+  Ipsec::enableFlowEncapModule();
+  Ipsec::disableCryptoModules();
+  expect(contents("/etc/commands") ==
+             "/sbin/modprobe aes-x86_64\n/sbin/modprobe aesni_intel\n/sbin/modprobe crypto_null\n"
+             "/sbin/modprobe ipsec_flow_parallelization\n"
+             "/sbin/rmmod aesni_intel\n/sbin/rmmod aes-x86_64\n/sbin/rmmod crypto_null\n",
+         "the commands");
+  title("Kernel modules on a host without the tool");
+  fs::remove("/sbin/modprobe");
+  Ipsec::enableFlowEncapModule();
+}
+
+// The levels of the text trace are read when the library is loaded: once set, the program starts anew.
+void startWithTraces(char** argv) {
+  if (std::getenv("TRACE_LEVELS") != nullptr) {
+    return;
+  }
+  expect(setenv("TRACE_LEVELS", "IpsecUtils=0-8", 1) == 0, "the environment");
+  (void)execv("/proc/self/exe", argv);
+  throw std::runtime_error("cannot start anew");
+}
+
+// Returns the program's exit code for a machine that allows no private host.
+int skipped(const std::exception& reason) {
+  const bool fails = std::getenv("CI") != nullptr;
+  std::cerr << "*** config-demo " << (fails ? "FAILED" : "SKIPPED")
+            << ": this machine allows no private mount namespace (" << reason.what() << ") ***\n";
+  return fails ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int, char** argv) {
+  try {
+    startWithTraces(argv);
+    enterPrivateHost();
+  } catch (const std::exception& error) {
+    return skipped(error);
+  }
+  try {
+    (void)dup2(STDOUT_FILENO, STDERR_FILENO);  // Traces stand among what they are about.
+    std::cout << std::unitbuf << "A configuration change, in a mount namespace of its own\n";
+    changeConnections();
+    changeSecrets();
+    askForDaemon();
+    setReplayWindow();
+    handleModules();
+  } catch (const std::exception& error) {
+    std::cerr << "config-demo: " << error.what() << "\n";
+    return EXIT_FAILURE;
+  }
+  return EXIT_SUCCESS;
+}
