@@ -2,6 +2,7 @@
 // dying processes are in FileReplacementTest, the same rules over random files in WriterDifferentialTest.
 #include "Ipsec.h"
 
+#include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"
 

@@ -1,6 +1,7 @@
 // What both writers owe the daemon whatever happens to the disk or to the process: the old file or the new one, whole.
 #include "Ipsec.h"
 
+#include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"
 
@@ -475,7 +476,7 @@ TEST_P(FileReplacement, OfAKilledProcessIsDoneOrNotBegun) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, FileReplacement, testing::Values(&connections, &secrets),
-                         [](const auto& info) { return std::string(info.param->name); });
+                         [](const auto& tested) { return std::string(tested.param->name); });
 
 }  // namespace
 }  // namespace Ipsec::Testing

@@ -1,5 +1,6 @@
 #include "Ipsec.h"
 
+#include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"
 

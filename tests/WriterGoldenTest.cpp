@@ -2,6 +2,7 @@
 // folder's name says which file; the first line of "settings" is the rule.
 #include "Ipsec.h"
 
+#include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"
 

@@ -2,7 +2,7 @@
 // its own, with own folders over /etc/strongswan and /proc/sys/net/core, and recording stand-ins over /sbin/modprobe and
 // /sbin/rmmod. Nothing in it outlives the program, and nothing is created or changed outside of it.
 //
-//   int main(int argc, char** argv) { return Ipsec::Testing::runInPrivateMounts(argc, argv); }
+// The tests enter it through HostTests.h.
 #pragma once
 
 #include <string>
@@ -11,10 +11,9 @@
 
 namespace Ipsec::Testing {
 
-// Enters the namespace, while there is one thread only, and runs all tests; afterwards fails if a file of the machine's
-// own differs from what it was. Root gets a mount namespace, anybody else a user namespace around it. Where neither is
-// allowed, says so in one line and runs nothing: returns 77 then, and 1 when the environment variable CI is set.
-int runInPrivateMounts(int argc, char** argv);
+// Enters the namespace and mounts all that; to be called while there is one thread only. Root gets a mount namespace,
+// anybody else a user namespace around it. Throws std::exception where the machine forbids either.
+void enterPrivateMounts();
 
 inline constexpr char daemonFolder[] = "/etc/strongswan";
 inline constexpr char connectionsFile[] = "/etc/strongswan/ipsec.conf";
@@ -34,7 +33,7 @@ void removeModuleTool(std::string_view name);
 // Returns the commands that the stand-ins recorded since resetHost: "/sbin/modprobe|aesni_intel|", one an argument.
 std::vector<std::string> recordedCommands();
 
-// Mounts of the tests' own, for as long as the object lives. Fail the running test, and throw, when mount fails.
+// A mount of a test's own, for as long as the object lives. Throws std::system_error when mount fails.
 class Mount {
  public:
   // A tmpfs with room for so many bytes, rounded up to pages.

@@ -1,0 +1,13 @@
+// The main function of test programs that work on the host's real paths.
+//
+//   int main(int argc, char** argv) { return Ipsec::Testing::runInPrivateMounts(argc, argv); }
+#pragma once
+
+namespace Ipsec::Testing {
+
+// Runs all tests behind private mounts (see PrivateMounts.h), and fails if a file of the machine's own differs from what
+// it was before. Where the machine allows no such mounts, says so in one line and runs nothing: returns 77 then, and 1
+// when the environment variable CI is set.
+int runInPrivateMounts(int argc, char** argv);
+
+}  // namespace Ipsec::Testing
