@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# Installs a build into a folder of its own and builds a program against what is there: run.sh BUILD.
+# C++17 and C++20, g++ and clang++, CMake and pkg-config; every warning counts, those in the installed headers too.
+set -uo pipefail
+cd "$(dirname "$(readlink -f "$0")")" || exit 1
+
+if [ $# -ne 1 ] || [ ! -e "$1/CMakeCache.txt" ]; then
+  echo "Usage: run.sh BUILD, a folder in which the libraries have been built" >&2
+  exit 2
+fi
+build=$(readlink -f "$1")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werror)
+passed=0
+failed=0
+
+# expect TEXT COMMAND...: counts, and shows what a failed command printed.
+expect() {
+  local text=$1
+  shift
+  if "$@" >"$work/log" 2>&1; then
+    passed=$((passed + 1))
+    return 0
+  fi
+  failed=$((failed + 1))
+  echo "FAILED: $text"
+  sed 's/^/  /' "$work/log"
+  return 1
+}
+
+# The consumer's user has no business with the project's own folders.
+with_cmake() {
+  local folder=$work/cmake-$1-$2
+  cmake -G Ninja -S . -B "$folder" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$1" -DCMAKE_CXX_STANDARD="$2" \
+    -DCMAKE_CXX_FLAGS="${warnings[*]}" -DCMAKE_BUILD_TYPE=Release &&
+    grep -q "^IpsecHelpers_DIR:PATH=$prefix/" "$folder/CMakeCache.txt" &&
+    cmake --build "$folder" && "$folder/consumer"
+}
+
+with_pkg_config() {
+  local flags
+  flags=$(pkg-config --cflags --libs ipsechelpers) || return 1
+  [[ $flags == *"-I$prefix/"* && $flags == *"-L$prefix/"* ]] || { echo "flags of another place: $flags"; return 1; }
+  # shellcheck disable=SC2086  # the flags are words
+  "$1" -std=c++"$2" -pedantic-errors "${warnings[@]}" main.cpp -o "$work/consumer" $flags &&
+    LD_LIBRARY_PATH=$libraries "$work/consumer"
+}
+
+# alone COMPILER STANDARD INCLUDE_FOLDER HEADER
+alone() {
+  printf '#include "%s"\n#include "%s"\n' "$4" "$4" >"$work/alone.cpp"
+  # shellcheck disable=SC2046  # the flags are words
+  "$1" -std=c++"$2" "${warnings[@]}" -I"$3" -fsyntax-only "$work/alone.cpp" $(pkg-config --cflags-only-I libcrypto)
+}
+
+# A header that casts in the old style must not get through, or the checks above prove nothing.
+warning_is_seen() {
+  rm -rf "$work/spoilt"
+  cp -r "$include" "$work/spoilt"
+  echo 'inline int spoilt(double value) { return (int)value; }' >>"$work/spoilt/Ipsec.h"
+  ! alone "$1" "$2" "$work/spoilt" Ipsec.h && grep -q 'old-style' "$work/log"
+}
+
+# The example is told where to find a library in the same way.
+example() {
+  cmake -G Ninja -S ../../examples/exchange -B "$work/example" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug &&
+    cmake --build "$work/example" && "$work/example/exchange-demo" --group 19
+}
+
+check_compiler() {
+  local compiler=$1 standard header
+  for standard in 17 20; do
+    local text="$compiler, C++$standard"
+    expect "$text: the consumer with CMake" with_cmake "$compiler" "$standard"
+    expect "$text: the consumer with pkg-config" with_pkg_config "$compiler" "$standard"
+    for header in "${headers[@]}"; do
+      expect "$text: $header alone" alone "$compiler" "$standard" "$include" "$header"
+    done
+    expect "$text: a warning in a header is an error" warning_is_seen "$compiler" "$standard"
+  done
+}
+
+if ! expect 'cmake --install' cmake --install "$build" --prefix "$prefix"; then
+  echo "$passed passed, $failed failed"
+  exit 1
+fi
+include=$prefix/include/ipsec-helpers
+pkg_config_file=$(find "$prefix" -name ipsechelpers.pc)
+libraries=$(dirname "$(dirname "$pkg_config_file")")
+export PKG_CONFIG_PATH=$libraries/pkgconfig
+mapfile -t headers < <(cd "$include" && find . -name '*.h' -printf '%P\n' | sort)
+expect 'the public header and seven of the platform are installed' test "${headers[*]}" = \
+  "Ipsec.h platform/AgentTypes.h platform/CryptoShim.h platform/Framework.h platform/Log.h platform/Process.h \
+platform/Trace.h platform/Vrf.h"
+expect 'the key exchange example on its own' example
+
+skipped=0
+for compiler in g++ clang++; do
+  if command -v "$compiler" >/dev/null; then
+    check_compiler "$compiler"
+  else
+    echo "SKIPPED: there is no $compiler on this machine; nothing was built with it." >&2
+    skipped=$((skipped + 1))
+  fi
+done
+if [ "$skipped" -ne 0 ] && [ -n "${CI:-}" ]; then
+  echo "FAILED: CI is set, and there nothing may be skipped." >&2
+  failed=$((failed + skipped))
+fi
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
