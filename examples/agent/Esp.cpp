@@ -139,13 +139,14 @@ std::optional<std::chrono::microseconds> echo(const Link& link, ChildSa& child, 
                                               const std::function<void()>& beforeRetry) {
   using Clock = std::chrono::steady_clock;
   const std::uint16_t identifier = ByteReader(randomBytes(2)).u16();
-  const LinkOptions& options = link.settings();
-  auto patience = options.timeout;
-  for (int attempt = 0; attempt < options.tries; ++attempt, patience *= 2) {
-    if (attempt > 0) {
+  // The first request may overtake what the peer needs to take it (IKEv1's last message), so the first wait is short.
+  std::chrono::milliseconds patience{20};
+  std::uint16_t number = 0;
+  for (; patience <= link.settings().timeout; patience *= 2) {
+    if (number > 0) {
       beforeRetry();
     }
-    const ByteVector request = echoRequest(source, destination, identifier, static_cast<std::uint16_t>(attempt + 1));
+    const ByteVector request = echoRequest(source, destination, identifier, ++number);
     const Clock::time_point sent = Clock::now();
     link.sendEsp(child.encapsulate(request));
     while (const std::optional<ByteVector> packet = link.receiveEsp(sent + patience)) {

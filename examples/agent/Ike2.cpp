@@ -304,6 +304,9 @@ bool Ike2Session::rekey() {
   Nonces nonces;
   nonces.i = randomBytes(32);
   KeyExchange own(ikeGroup);
+  if (options.zeroSecret > 0) {
+    own.useWeakKey();
+  }
   const std::vector<Payload> answer = request(
       createChildSa,
       {makeSa(offer), {noncePayload, nonces.i}, makeKe(static_cast<std::uint16_t>(ikeGroup), own.publicValue())});

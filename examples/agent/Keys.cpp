@@ -32,14 +32,17 @@ Secret KeyExchange::secretWith(const ByteVector& peerValue) {
   return secret;
 }
 
-void KeyExchange::searchLeadingZero() {
-  // One public value in 256 has it, and 12,800 draws miss it with probability e^-50. A short private key makes a draw
-  // quick and the exchange insecure; the large groups need that.
-  constexpr int draws = 12800;
+void KeyExchange::useWeakKey() {
   constexpr std::size_t weakKeyBytes = 12;
+  const Secret weakKey(randomBytes(weakKeyBytes));
+  require(dh.setMyPrivateKey(&weakKey.bytes), "setting a Diffie-Hellman private key");
+}
+
+void KeyExchange::searchLeadingZero() {
+  // One public value in 256 has it; so many draws miss it with probability e^-50.
+  constexpr int draws = 12800;
   for (int draw = 0; draw < draws; ++draw) {
-    const Secret weakKey(randomBytes(weakKeyBytes));
-    require(dh.setMyPrivateKey(&weakKey.bytes), "setting a Diffie-Hellman private key");
+    useWeakKey();
     if (publicValue().front() == 0) {
       return;
     }

@@ -17,7 +17,9 @@ class KeyExchange {
   // Throws Failure (Protocol) for a value that does not belong to the group.
   Secret secretWith(const ByteVector& peerValue);
 
-  // For tests of padding: replaces the key pair by weak ones until the public value begins with a zero byte.
+  // For tests of padding, which need very many key pairs: replaces the key pair by one with a short private key, which
+  // is quick and insecure; and does so until the public value begins with a zero byte.
+  void useWeakKey();
   void searchLeadingZero();
 
  private:

@@ -45,7 +45,7 @@ For tests only:
   --key-log FILE         write every derived key to FILE (mode 0600). Whoever reads it reads the traffic.
   --half-open N          first leave N exchanges half open, so that the peer asks for a cookie
   --zero-public          use a weak private key whose public value begins with a zero byte
-  --zero-secret N        rekey until the secret begins with a zero byte, at most N times
+  --zero-secret N        rekey, with weak private keys, until the secret begins with a zero byte; at most N times
 
 Exit codes: 0 success; 1 trouble on this side; 2 wrong command line; 3 no answer; 4 refused by the peer;
 5 the peer did not prove its identity; 6 an answer that makes no sense; 7 no echo; 8 a test option found nothing

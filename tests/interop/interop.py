@@ -1,0 +1,245 @@
+#!/usr/bin/env python3
+"""Sets the agent of examples/agent against an unmodified strongSwan daemon that the library configures.
+
+Every row is one negotiation: the keys that the agent derived are compared byte for byte with those that the daemon
+logs, and an echo passes the tunnel. Then come rows on the life of the configuration. Needs root, TUN, namespaces and
+strongSwan's starter; where something is missing it says so and exits with 77, or fails when CI is set.
+"""
+
+import argparse
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import time
+
+import charonlog
+import life
+import matrix
+import sandbox
+
+SKIPPED = 77
+ECHO = re.compile(r"^echo through \S+ in ([0-9.]+) ms$", re.MULTILINE)
+
+
+class Library:
+    """The helper program that calls the library's side of the configuration."""
+
+    def __init__(self, program):
+        self.process = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+
+    def ask(self, *fields):
+        self.process.stdin.write("\t".join(fields) + "\n")
+        self.process.stdin.flush()
+        verdict, _, text = self.process.stdout.readline().rstrip("\n").partition(" ")
+        if verdict != "ok":
+            raise RuntimeError(f"{fields[0]}: {verdict} {text}")
+        return text
+
+    def connection(self, **settings):
+        self.ask("connection", *(f"{key}={value}" for key, value in settings.items()))
+
+    def secret(self, **settings):
+        self.ask("secret", *(f"{key}={value}" for key, value in settings.items()))
+
+    def name(self, first, second, number):
+        return self.ask("name", first, second, "local", str(number))
+
+    def running(self):
+        return self.ask("running") == "true"
+
+    def close(self):
+        self.process.stdin.close()
+        self.process.wait(timeout=10)
+
+
+class Bench:
+    """Everything that a row needs: the daemon, the library, the agent, the results so far."""
+
+    def __init__(self, place, library, agent):
+        self.place = place
+        self.library = library
+        self.agent = agent
+        self.log_path = sandbox.CONF_DIR / "charon.log"
+        self.key_log = place.scratch / "agent.keys"
+        self.psk_file = place.scratch / "agent.psk"
+        self.failures = []
+        self.passed = 0
+
+    def log_size(self):
+        return self.log_path.stat().st_size
+
+    def log_since(self, offset):
+        with open(self.log_path, encoding="utf-8", errors="replace") as log:
+            log.seek(offset)
+            return log.read()
+
+    def configure(self, address, number, suite, psk, **more):
+        """Writes a connection and its secret through the library; returns the connection's name."""
+        local = sandbox.DAEMON6 if ":" in address else sandbox.DAEMON
+        name = self.library.name(local, address, number)
+        self.library.connection(config=name, ikeVersion=f"ikev{suite.version}", authby="pre-share",
+                                reqid=str(number), left=local, right=address, ike=suite.ike(), esp=suite.esp(), **more)
+        self.library.secret(peerIp=address, key=f'"{psk}"')
+        return name
+
+    def negotiate(self, address, arguments, psk):
+        """Runs the agent once."""
+        self.psk_file.write_text(psk + "\n")
+        self.key_log.unlink(missing_ok=True)
+        peer = sandbox.DAEMON6 if ":" in address else sandbox.DAEMON
+        command = [self.agent, "--peer", peer, "--local", address, "--psk-file", str(self.psk_file),
+                   "--key-log", str(self.key_log), *arguments]
+        return subprocess.run(command, capture_output=True, text=True, timeout=120, check=False)
+
+    def report(self, section, text, trouble, remark=""):
+        """Counts one row and shows it; trouble is None for a row that passed."""
+        if trouble is None:
+            self.passed += 1
+        else:
+            self.failures.append(f"{section}: {text}: {trouble}")
+        print(f"{'ok  ' if trouble is None else 'FAIL'}  {section:<25} {text:<58} {trouble or remark}", flush=True)
+
+    def tally(self):
+        for failure in self.failures:
+            print(f"FAIL  {failure}")
+        print(f"{self.passed} passed, {len(self.failures)} failed", flush=True)
+        return 1 if self.failures else 0
+
+
+def psk_of(row):
+    return f"secret of {row.number}"
+
+
+def compare(ours, theirs):
+    """Says how two sets of keys differ, or returns None."""
+    names = sorted((set(ours) | set(theirs)) - {"init.public"})
+    wrong = [name for name in names if ours.get(name) != theirs.get(name)]
+    if wrong:
+        return "keys differ: " + ", ".join(wrong)
+    expected = ("init.secret", "child1.encr_i", "child1.integ_i")
+    return None if any(name in names for name in expected[1:]) and expected[0] in names else "no keys were logged"
+
+
+def judge(bench, row, result, log):
+    """Returns what is wrong with a row or None, how many keys were compared, and the last echo's time."""
+    if result.returncode != 0:
+        return f"exit code {result.returncode}: {result.stderr.strip()}", 0, ""
+    ours = charonlog.agent_keys(bench.key_log.read_text())
+    trouble = compare(ours, charonlog.keys(log))
+    echoes = ECHO.findall(result.stdout)
+    if trouble is None and len(echoes) != row.echoes:
+        trouble = f"{len(echoes)} of {row.echoes} echoes"
+    if trouble is None and row.zero and not ours[row.zero].startswith("00"):
+        trouble = f"{row.zero} has no leading zero byte"
+    return trouble, len(ours) - ("init.public" in ours), echoes[-1] if echoes else ""
+
+
+def run_row(bench, row):
+    offset = bench.log_size()
+    result = bench.negotiate(row.agent_address(), [*row.suite.arguments(), *row.extra], psk_of(row))
+    trouble, count, echo = judge(bench, row, result, bench.log_since(offset))
+    bench.report(row.section, str(row.suite), trouble, f"{count} keys equal, echo {echo} ms")
+
+
+def configure_rows(bench, rows):
+    for row in rows:
+        if row.ipv6:
+            bench.place.add_agent_address6(row.agent_address())
+        bench.configure(row.agent_address(), row.number, row.suite, psk_of(row))
+
+
+def start_daemon(bench, rows):
+    """Starts the daemon and waits until it has loaded the rows' connections."""
+    bench.place.start_daemon()
+    sandbox.wait_until(lambda: bench.log_since(0).count("added configuration '") >= len(rows), "the connections", 30)
+
+
+def run_matrix(bench):
+    rows = matrix.all_rows()
+    bench.library.connection(default="%default", uniqueids="add")
+    configure_rows(bench, rows)
+    life.check_stopped(bench, "before the daemon's start")
+    start_daemon(bench, rows)
+    life.check_running(bench)
+    for row in rows:
+        run_row(bench, row)
+    life.run(bench)
+    bench.place.stop_daemon()
+    life.check_stopped(bench, "after the daemon's end")
+
+
+def run_demo(bench):
+    rows = matrix.demo_rows()
+    bench.library.connection(default="%default", uniqueids="add")
+    configure_rows(bench, rows)
+    start_daemon(bench, rows)
+    print(f"{'group':<17} {'IKE SA':<34} {'tunnel':<16} {'keys equal to the daemon log':<30} echo")
+    for row in rows:
+        offset = bench.log_size()
+        result = bench.negotiate(row.agent_address(), row.suite.arguments(), psk_of(row))
+        trouble, count, echo = judge(bench, row, result, bench.log_since(offset))
+        if trouble is None:
+            bench.passed += 1
+        else:
+            bench.failures.append(f"group {row.suite.group}: {trouble}")
+        name = f"{row.suite.group:>2} {matrix.GROUPS[row.suite.group]}"
+        verdict = f"{count} of {count}" if trouble is None else trouble
+        print(f"{name:<17} {row.suite.ike()[:-1]:<34} {row.suite.esp()[:-1]:<16} {verdict:<30} {echo} ms", flush=True)
+    bench.place.stop_daemon()
+
+
+def inside(options):
+    """Runs in the private namespaces."""
+    place = sandbox.Sandbox(options.inside)
+    try:
+        place.set_up()
+        library = Library(options.config)
+        bench = Bench(place, library, options.agent)
+        run_demo(bench) if options.demo else run_matrix(bench)
+        library.close()
+        return bench.tally()
+    finally:
+        if options.keep_log:
+            log = sandbox.CONF_DIR / "charon.log"
+            pathlib.Path(options.keep_log).write_bytes(log.read_bytes() if log.exists() else b"")
+        place.close()
+
+
+def outside(options):
+    missing = sandbox.what_is_missing() or sandbox.namespaces_missing()
+    if missing:
+        in_ci = bool(os.environ.get("CI"))
+        print(f"interop: {'FAILED' if in_ci else 'SKIPPED'}: this machine lacks {missing}", flush=True)
+        return 1 if in_ci else SKIPPED
+    began = time.monotonic()
+    with tempfile.TemporaryDirectory(prefix="interop-") as scratch:
+        command = sandbox.namespace_command() + [sys.executable, os.path.abspath(__file__), "--inside", scratch]
+        result = subprocess.run(command + sys.argv[1:], check=False)
+    if not options.demo:
+        print(f"took {time.monotonic() - began:.0f} s", file=sys.stderr)
+    return result.returncode
+
+
+def parse_options():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--agent", required=True, help="the program ipsec-agent")
+    parser.add_argument("--config", required=True, help="the program interop-config")
+    parser.add_argument("--demo", action="store_true", help="negotiate each group once and show a table")
+    parser.add_argument("--keep-log", metavar="FILE", help="copy the daemon's log, keys included, to FILE at the end")
+    parser.add_argument("--inside", help=argparse.SUPPRESS)
+    options = parser.parse_args()
+    options.agent = os.path.abspath(options.agent)
+    options.config = os.path.abspath(options.config)
+    return options
+
+
+def main():
+    options = parse_options()
+    return inside(options) if options.inside else outside(options)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

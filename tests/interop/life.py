@@ -1,0 +1,221 @@
+"""Rows on the life of the configuration: what the library writes, the daemon rereads, and the agent sees on the wire."""
+
+import re
+import socket
+import time
+
+import sandbox
+from matrix import Suite
+
+# The agent's exit codes.
+SUCCESS, TIMEOUT, REFUSED, NOT_TRUSTED = 0, 3, 4, 5
+
+SECTION = "life"
+BULK = 200
+FIRST_NUMBER = 5000  # of the connections here; the matrix counts from 1
+IKE_PORTS = (500, 4500)
+DSCP_110000 = 0xC0
+ETH_P_ALL = 3
+ETH_P_IP, ETH_P_IPV6 = 0x0800, 0x86DD
+
+
+def check_stopped(bench, when):
+    bench.report(SECTION, f"isSswanRunning is false {when}", None if not bench.library.running() else "it is true")
+
+
+def check_running(bench):
+    bench.report(SECTION, "isSswanRunning is true while the daemon lives",
+                 None if bench.library.running() else "it is false")
+
+
+def expect(bench, text, address, suite, psk, code, message="", extra=()):
+    """One negotiation with a foreseen exit code and, on failure, a foreseen word in the message."""
+    result = bench.negotiate(address, [*suite.arguments(), "--tries", "3", *extra], psk)
+    trouble = None
+    if result.returncode != code:
+        trouble = f"exit code {result.returncode}, not {code}: {result.stderr.strip()}"
+    elif message not in result.stderr + result.stdout:
+        trouble = f"no {message} in: {result.stderr.strip()}"
+    bench.report(SECTION, text, trouble, (result.stderr or result.stdout).strip().splitlines()[-1])
+    return result
+
+
+def reread(bench, *expected):
+    """Has the daemon reread the connections, and waits until its log says each of the expected texts."""
+    offset = bench.log_size()
+    bench.place.reread_connections()
+    sandbox.wait_until(lambda: all(text in bench.log_since(offset) for text in expected), f"the log's {expected}", 30)
+
+
+def added(name):
+    return f"added configuration '{name}'"
+
+
+def deleted(name):
+    return f"deleted connection '{name}'"
+
+
+def connection_rows(bench):
+    """A connection comes, changes and goes; its neighbour stays."""
+    old, new = Suite(group=20, encr="aes128"), Suite(group=21, encr="aes256", prf="sha512")
+    address, neighbour = "10.51.200.1", "10.51.200.11"  # the second one's name begins as the first one's ends
+    psk = "of the changing connection"
+    expect(bench, "a peer without a connection is refused", address, old, psk, REFUSED, "NO_PROPOSAL_CHOSEN")
+
+    beside = bench.configure(neighbour, FIRST_NUMBER + 1, old, psk)
+    name = bench.configure(address, FIRST_NUMBER, old, psk)
+    reread(bench, added(name), added(beside))
+    bench.place.stroke("rereadsecrets")
+    expect(bench, "an added connection is up after SIGHUP", address, old, psk, SUCCESS)
+
+    bench.configure(address, FIRST_NUMBER, new, psk)
+    reread(bench, deleted(name), added(name))
+    expect(bench, "a replaced connection refuses its old suite", address, old, psk, REFUSED, "NO_PROPOSAL_CHOSEN")
+    expect(bench, "a replaced connection takes its new suite", address, new, psk, SUCCESS)
+    expect(bench, "its neighbour is untouched by the replacement", neighbour, old, psk, SUCCESS)
+
+    bench.library.connection(config=name, delete="")
+    reread(bench, deleted(name))
+    expect(bench, "a deleted connection is refused", address, new, psk, REFUSED, "NO_PROPOSAL_CHOSEN")
+    expect(bench, "its neighbour is untouched by the deletion", neighbour, old, psk, SUCCESS)
+
+
+def secret_rows(bench):
+    """A secret comes, changes and goes."""
+    suite = Suite()
+    address, neighbour = "10.51.201.1", "10.51.201.11"
+    first, second, other, anybody = "the first", "the second", "the neighbour's", "anybody's"
+    name = bench.configure(address, FIRST_NUMBER + 2, suite, first)
+    beside = bench.configure(neighbour, FIRST_NUMBER + 3, suite, other)
+    reread(bench, added(name), added(beside))
+    bench.place.stroke("rereadsecrets")
+    expect(bench, "an added secret is taken after rereadsecrets", address, suite, first, SUCCESS)
+    expect(bench, "a wrong secret is refused", address, suite, second, REFUSED, "AUTHENTICATION_FAILED")
+
+    bench.library.secret(peerIp=address, key=f'"{second}"')
+    bench.place.stroke("rereadsecrets")
+    expect(bench, "a replaced secret's old one is refused", address, suite, first, REFUSED, "AUTHENTICATION_FAILED")
+    expect(bench, "a replaced secret's new one is taken", address, suite, second, SUCCESS)
+
+    bench.library.secret(secret="%default", key=f'"{anybody}"')
+    bench.place.stroke("rereadsecrets")
+    # The daemon checks a peer against every secret that fits it, but signs with the best one.
+    expect(bench, "a peer that signs with another secret is not trusted", address, suite, anybody, NOT_TRUSTED, "AUTH")
+
+    bench.library.secret(peerIp=address, delete="")
+    bench.place.stroke("rereadsecrets")
+    expect(bench, "a deleted secret is refused", address, suite, second, REFUSED, "AUTHENTICATION_FAILED")
+    expect(bench, "the default secret serves a peer without its own", address, suite, anybody, SUCCESS)
+
+    bench.library.secret(secret="%default", delete="")
+    bench.place.stroke("rereadsecrets")
+    expect(bench, "the deleted default secret is refused", address, suite, anybody, REFUSED, "AUTHENTICATION_FAILED")
+    expect(bench, "the neighbour's secret is untouched by all that", neighbour, suite, other, SUCCESS)
+
+
+def protocol_rows(bench):
+    """Cookies, other groups, wrong identities."""
+    suite = Suite(group=19)
+    address, psk = "10.51.202.1", "of the odd ways"
+    name = bench.configure(address, FIRST_NUMBER + 4, suite, psk)
+    reread(bench, added(name))
+    bench.place.stroke("rereadsecrets")
+    expect(bench, "a cookie is brought back", address, suite, psk, SUCCESS, "asks for a cookie",
+           extra=("--half-open", "3", "-v"))
+    # The half-open exchanges count until they time out: the next ones come from other addresses.
+    address = "10.51.202.2"
+    name = bench.configure(address, FIRST_NUMBER + 5, suite, psk)
+    reread(bench, added(name))
+    bench.place.stroke("rereadsecrets")
+    expect(bench, "another group is used when asked for", address, suite, psk, SUCCESS, "asks for group ecp256",
+           extra=("--group", "14,19", "-v"))
+    expect(bench, "a group that was not offered is not used", address, suite, psk, REFUSED, "",
+           extra=("--group", "14"))
+    expect(bench, "a peer with another identity is not trusted", address, suite, psk, NOT_TRUSTED, "is not 10.50.0.9",
+           extra=("--peer-id", "10.50.0.9"))
+    expect(bench, "another cipher is refused", address, Suite(encr="3des"), psk, REFUSED, "NO_PROPOSAL_CHOSEN")
+    expect(bench, "another tunnel cipher is refused", address, Suite(esp_encr="null"), psk, REFUSED,
+           "NO_PROPOSAL_CHOSEN")
+    expect(bench, "another traffic selector is refused", address, suite, psk, REFUSED, "TS_UNACCEPTABLE",
+           extra=("--ts-remote", "10.99.0.0/16"))
+
+
+def ike_tos(frame):
+    """Returns the type of service byte of an IKE packet from the daemon; None for any other frame."""
+    kind = int.from_bytes(frame[12:14], "big")
+    packet = frame[14:]
+    if kind == ETH_P_IP:
+        tos, source, udp = packet[1], socket.inet_ntop(socket.AF_INET, packet[12:16]), packet[20:]
+        is_udp = packet[9] == socket.IPPROTO_UDP
+    elif kind == ETH_P_IPV6:
+        tos = (packet[0] & 0x0F) << 4 | packet[1] >> 4
+        source, udp = socket.inet_ntop(socket.AF_INET6, packet[8:24]), packet[40:]
+        is_udp = packet[6] == socket.IPPROTO_UDP
+    else:
+        return None
+    if not is_udp or source not in (sandbox.DAEMON, sandbox.DAEMON6):
+        return None
+    port = int.from_bytes(udp[:2], "big")
+    if port not in IKE_PORTS or (port == 4500 and udp[8:12] != bytes(4)):
+        return None
+    return tos
+
+
+def captured(sniffer):
+    while True:
+        try:
+            yield sniffer.recv(65535)
+        except BlockingIOError:
+            return
+
+
+def dscp_row(bench, address, number, psk):
+    name = bench.configure(address, number, Suite(), psk)
+    reread(bench, added(name))
+    bench.place.stroke("rereadsecrets")
+    with socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL)) as sniffer:
+        sniffer.bind(("to-daemon", ETH_P_ALL))
+        sniffer.setblocking(False)
+        result = bench.negotiate(address, Suite().arguments(), psk)
+        seen = [tos for tos in map(ike_tos, captured(sniffer)) if tos is not None]
+    trouble = None
+    if result.returncode != SUCCESS or len(seen) < 3:
+        trouble = f"exit code {result.returncode}, {len(seen)} IKE packets seen: {result.stderr.strip()}"
+    elif set(seen) != {DSCP_110000}:
+        trouble = "seen were " + ", ".join(hex(tos) for tos in sorted(set(seen)))
+    bench.report(SECTION, f"ikedscp is in all IKE packets to {address}", trouble, f"0xc0 in {len(seen)} packets")
+
+
+def bulk_row(bench):
+    """Many connections, each a call of its own, and all of them in the daemon."""
+    suite, psk = Suite(), "of the many"
+    began = time.monotonic()
+    names = []
+    for index in range(BULK):
+        names.append(bench.configure(f"10.51.210.{index + 1}", FIRST_NUMBER + 100 + index, suite, psk))
+    took = time.monotonic() - began
+    reread(bench, *map(added, names))
+    bench.place.stroke("rereadsecrets")
+    loaded = set(re.findall(r"^ *(\S+):  ", bench.place.stroke("statusall"), re.MULTILINE))
+    missing = [name for name in names if name not in loaded]
+    trouble = f"{len(missing)} are not in statusall, {missing[0]} for one" if missing else None
+    bench.report(SECTION, f"{BULK} connections written one by one are loaded", trouble, f"written in {took:.1f} s")
+    for index in (0, BULK // 2, BULK - 1):
+        expect(bench, f"of these, connection {index + 1} is up", f"10.51.210.{index + 1}", suite, psk, SUCCESS)
+
+
+def silent_row(bench):
+    """Nobody answers at an address where nobody is."""
+    expect(bench, "silence is reported", "10.51.203.1", Suite(), "unused", TIMEOUT, "no answer",
+           extra=("--peer", sandbox.AGENT_LINK, "--timeout", "20"))
+
+
+def run(bench):
+    connection_rows(bench)
+    secret_rows(bench)
+    protocol_rows(bench)
+    bench.place.add_agent_address6("fd51::d5c")
+    dscp_row(bench, "10.51.204.1", FIRST_NUMBER + 6, "of the marked packets")
+    dscp_row(bench, "fd51::d5c", FIRST_NUMBER + 7, "of the marked packets")
+    bulk_row(bench)
+    silent_row(bench)
