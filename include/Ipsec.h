@@ -386,7 +386,7 @@ IPSEC_EXPORT void printVector(const char* label, const ByteVector* vec);
 // - What cannot be written whole is never moved into place: the old file stays, and one line is traced ("Error renaming
 //   tmp file to ..."). The temporary file stays behind; the next call empties it.
 // - An exception leaves the call before anything is moved: the old file is untouched, the temporary file stays behind.
-// - An old file that is missing or cannot be read counts as empty.
+// - An old file that is missing or cannot be read counts as empty; one that fails midway counts as its whole lines so far.
 // - Values are written exactly as they are given: a newline in a value is a newline in the file. The caller checks them.
 // - The new file's mode comes from the process's umask, whatever the old file's was: set umask(077) around
 //   writeSecrets, and restore it.
@@ -452,8 +452,9 @@ IPSEC_EXPORT void writeSecrets(stringmap entry);
 // --- Host control ---------------------------------------------------------------------------------------------------
 
 // Runs a program and waits for it, with no time limit. argv is null-terminated, argv[0] the program's absolute path.
-// Returns the raw wait status as waitpid gives it (0: exit code 0; exit code << 8; the signal's number), or -1 when
-// there is no child to wait for (the program could not be started, or somebody else reaped it); errno then tells.
+// Returns the raw wait status as waitpid gives it (0: exit code 0; exit code << 8; the signal's number), or -1 when the
+// wait failed: the program could not be started, somebody else reaped it, or a signal handler without SA_RESTART
+// interrupted the wait and the child is left for the caller to reap. errno then tells.
 IPSEC_EXPORT int _execCommand(const char** argv);
 
 // Load and unload the kernel's crypto modules (aes-x86_64, aesni_intel, crypto_null) with /sbin/modprobe and

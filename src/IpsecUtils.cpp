@@ -527,7 +527,8 @@ void writeConnections(stringmap settings) {
   }
 }
 
-void writeSecrets(stringmap entry) {
+// Takes its map by value as its callers were compiled to pass it.
+void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-param)
   const std::string oldText = readLines(secretsPath);
   Replacement file(secretsPath);
   std::optional<LineMatcher> replaced;  // Only until its first match: a second entry of the peer stays.
@@ -555,7 +556,8 @@ void writeSecrets(stringmap entry) {
 int _execCommand(const char** argv) {
   int status = -1;
   Vello::Ptr<Cor::Process> child = Cor::run(argv, -1, -1, -1, -1);
-  (void)waitpid(child->pid(), &status, 0);  // A wait that fails leaves the status as it is.
+  // Kept: a wait that fails leaves the status as it is, also one that a signal handler interrupts.
+  (void)waitpid(child->pid(), &status, 0);
   const int waitError = errno;
   child.reset();
   errno = waitError;
@@ -627,13 +629,14 @@ L3::VrfName vrfIdToName(Vrf::VrfIdMap::VrfId vrfId, const Vello::Ptr<const Vrf::
   }();
   const bool ve = entry != VrfIdMap::VrfEntry(VrfIdMap::VrfId::none());
   assert(ve);
-  const L3::VrfName vrfName(entry.name());
+  L3::VrfName vrfName(entry.name());
   assert(vrfName);
   return vrfName;
 }
 
 std::string fillSpace(unsigned int count) {
-  return std::string(count, ' ');
+  std::string blanks(count, ' ');
+  return blanks;
 }
 
 // Kept: 0 and values above 4294967264 wrap around to 0.
