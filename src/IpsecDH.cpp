@@ -29,13 +29,20 @@ const Cor::TraceHandle dhTrace("IpsecKeyGen");
 constexpr unsigned errorLevel = 0;
 constexpr unsigned entryLevel = 4;
 
-void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
-             const char* function = __builtin_FUNCTION()) noexcept {
+// Out of line, as failed is: the callers' frames then hold no line's text, and calls that trace nothing cost nothing.
+[[gnu::cold, gnu::noinline]] void writeEntry(const char* file, int line, const char* function) noexcept {
   traceEntry(dhTrace, entryLevel, {file, line, function});
 }
 
+inline void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
+                    const char* function = __builtin_FUNCTION()) noexcept {
+  if (dhTrace.enabled(entryLevel)) {
+    writeEntry(file, line, function);
+  }
+}
+
 template <class... Values>
-bool failed(const Where& where, std::string_view text, const Values&... values) noexcept {
+[[gnu::cold, gnu::noinline]] bool failed(const Where& where, std::string_view text, const Values&... values) noexcept {
   return failedAt(dhTrace, errorLevel, where, text, values...);
 }
 
@@ -412,6 +419,17 @@ bool ecpToVector(const EC_GROUP* group, const EC_POINT* point, ByteVector* out) 
   return true;
 }
 
+// Tells whether an encoded point is 0x04 | x | y, of full length and with neither coordinate zero: past its first octet it
+// is then what ecpToVector writes. Decoding it only to encode it again would be two thirds of getMyPublicKey's time:
+// OpenSSL inverts a field element for it. Anything else, the infinity or a compressed point, takes that way.
+bool isWireForm(const unsigned char* octets, std::size_t length, std::size_t fieldLen) {
+  const auto nonZero = [](unsigned char byte) { return byte != 0; };
+  const unsigned char* const x = octets + 1;
+  const unsigned char* const y = x + fieldLen;
+  return length == 1 + 2 * fieldLen && octets[0] == POINT_CONVERSION_UNCOMPRESSED && std::any_of(x, y, nonZero) &&
+         std::any_of(y, y + fieldLen, nonZero);
+}
+
 // Reads x | y as a point and refuses one that is not on the curve. Coordinates at or above the field's prime are
 // reduced by OpenSSL before the point is judged.
 bool vectorToEcp(const EC_GROUP* group, const ByteVector* in, EC_POINT* point) {
@@ -485,6 +503,10 @@ bool IpsecDHEcp::getMyPublicKey(ByteVector* out) {
       EVP_PKEY_get_octet_string_param(ecKey, OSSL_PKEY_PARAM_PUB_KEY, octets.data(), octets.size(), &length) != 1 ||
       length == 0) {
     return false;
+  }
+  if (isWireForm(octets.data(), length, static_cast<std::size_t>(fieldLength(ecGroup)))) {
+    out->assign(octets.data() + 1, octets.data() + length);
+    return true;
   }
   const PointPtr point(EC_POINT_new(ecGroup));
   const BnContextPtr context(BN_CTX_new());
