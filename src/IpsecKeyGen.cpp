@@ -12,6 +12,8 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <iomanip>
 #include <iostream>
 
@@ -22,18 +24,44 @@ const Cor::TraceHandle keyGenTrace("IpsecKeyGen");
 constexpr unsigned errorLevel = 0;
 constexpr unsigned entryLevel = 4;
 
-void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
-             const char* function = __builtin_FUNCTION()) noexcept {
+// Out of line, as failed is: the callers' frames then hold no line's text, and calls that trace nothing cost nothing.
+[[gnu::cold, gnu::noinline]] void writeEntry(const char* file, int line, const char* function) noexcept {
   traceEntry(keyGenTrace, entryLevel, {file, line, function});
 }
 
-bool failed(const Where& where, std::string_view text) noexcept {
-  return failedAt(keyGenTrace, errorLevel, where, text);
+inline void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
+                    const char* function = __builtin_FUNCTION()) noexcept {
+  if (keyGenTrace.enabled(entryLevel)) {
+    writeEntry(file, line, function);
+  }
+}
+
+[[gnu::cold, gnu::noinline]] bool failed(const char* name, std::string_view text, const char* file = __builtin_FILE(),
+                                         int line = __builtin_LINE(),
+                                         const char* function = __builtin_FUNCTION()) noexcept {
+  return failedAt(keyGenTrace, errorLevel, Where(name, file, line, function), text);
 }
 
 }  // namespace
 
 // --- PRF ------------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// As EVP_get_digestbyname of the hash's name, asked once: its table is behind a lock, and a look-up costs as much as a
+// short output. Null when OpenSSL does not know the digest; throws for a hash that has no name.
+const EVP_MD* digestOf(HashAlgorithm hashAlgo) {
+  static std::array<std::atomic<const EVP_MD*>, HASH_SHA512 + 1> found;
+  const char* const name = checkedAt(hashAlgoToName, hashAlgo);
+  const EVP_MD* md = found[hashAlgo].load(std::memory_order_acquire);
+  if (md == nullptr) {
+    md = EVP_get_digestbyname(name);
+    found[hashAlgo].store(md, std::memory_order_release);
+  }
+  return md;
+}
+
+}  // namespace
 
 PRFunc::~PRFunc() = default;
 
@@ -49,7 +77,7 @@ bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {
   if (initialized) {
     return true;
   }
-  md = EVP_get_digestbyname(checkedAt(hashAlgoToName, hashAlgo));
+  md = digestOf(hashAlgo);
   if (md == nullptr) {
     return failed("HmacPRFunc::initHmacPRFunc", "Failed to get the hash function by hashAlgo's name");
   }
@@ -149,6 +177,7 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
     return failed("PRFuncPlus::generatePRStream", "PRFuncPlus is not initialized");
   }
   out->resize(length);
+  ByteVector counterByte;  // allocated once a call, if at all
   for (std::size_t written = 0; written < length;) {
     if (bufferPos == buffer.size()) {
       // T(n) = prf(K, T(n-1) | S [| n]) takes the place of T(n-1): all input is absorbed before the output is written.
@@ -156,7 +185,7 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
         return failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
       }
       if (counterEnabled) {
-        const ByteVector counterByte = {counter};
+        counterByte.assign(1, counter);
         if (!prf->generatePRStream(&seed, nullptr) || !prf->generatePRStream(&counterByte, &buffer)) {
           return failed("PRFuncPlus::generatePRStream", "Counter based generatePRStream failed");
         }

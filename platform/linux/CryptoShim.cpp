@@ -28,6 +28,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <utility>
 
 namespace {
 
@@ -322,7 +323,8 @@ constexpr unsigned char innerPad = 0x36;
 constexpr unsigned char outerPad = 0x5c;
 constexpr std::size_t maxBlockBytes = 144;  // the longest block of OpenSSL's digests, SHA3-224's
 
-// A key's own copy, to tell whether the next key is the same.
+// A key's own copy, to tell whether the next key is the same. A key longer than this is never the same: no nonces that
+// IKE allows (RFC 7296 section 2.10) make a longer one.
 class KeyCopy {
  public:
   KeyCopy() = default;
@@ -330,32 +332,50 @@ class KeyCopy {
   KeyCopy(const KeyCopy&) = delete;
   KeyCopy& operator=(const KeyCopy&) = delete;
 
+  // Takes the same time wherever two keys of one length differ, as CRYPTO_memcmp does, which goes byte by byte: that
+  // would be a tenth of what an output costs.
   bool equals(const unsigned char* key, std::size_t keyLen) const {
-    return held && keyLen == length && (length == 0 || CRYPTO_memcmp(bytes, key, length) == 0);
+    if (!held || keyLen != length) {
+      return false;
+    }
+    std::uint64_t difference = 0;
+    if (length >= wordSize) {
+      for (std::size_t at = 0; at < length - wordSize; at += wordSize) {
+        difference |= word(bytes.data() + at) ^ word(key + at);
+      }
+      difference |= word(bytes.data() + length - wordSize) ^ word(key + length - wordSize);
+    } else if (length != 0) {
+      difference = static_cast<std::uint64_t>(CRYPTO_memcmp(bytes.data(), key, length));
+    }
+    return difference == 0;
   }
 
-  bool assign(const unsigned char* key, std::size_t keyLen) {
+  void assign(const unsigned char* key, std::size_t keyLen) {
     clear();
-    if (keyLen != 0) {
-      bytes = static_cast<unsigned char*>(OPENSSL_memdup(key, keyLen));
-      if (bytes == nullptr) {
-        return false;
-      }
+    if (keyLen > bytes.size()) {
+      return;
     }
+    std::copy_n(key, keyLen, bytes.begin());
     length = keyLen;
     held = true;
-    return true;
   }
 
   void clear() {
-    OPENSSL_clear_free(bytes, length);
-    bytes = nullptr;
+    OPENSSL_cleanse(bytes.data(), length);
     length = 0;
     held = false;
   }
 
  private:
-  unsigned char* bytes = nullptr;
+  static constexpr std::size_t wordSize = sizeof(std::uint64_t);
+
+  static std::uint64_t word(const unsigned char* from) {
+    std::uint64_t read = 0;
+    std::memcpy(&read, from, wordSize);
+    return read;
+  }
+
+  std::array<unsigned char, 512> bytes;
   std::size_t length = 0;
   bool held = false;
 };
@@ -364,59 +384,90 @@ class KeyCopy {
 
 // Two digest states that have absorbed a padded key, copied for each computation: an unchanged key costs two copies
 // instead of two more blocks and an initialisation. OpenSSL clears a state's memory when it frees it.
+//
+// Short input is collected and absorbed in one piece: a prf+ block comes as three, and absorbing costs by the call.
 struct hmac_state {
   const EVP_MD* requested = nullptr;  // what the caller named
-  DigestPtr fetched;                  // the same, looked up once
+  const EVP_MD* fetched = nullptr;    // the same, looked up once
+  DigestPtr owned;                    // holds fetched unless that is shared
+  std::size_t macLength = 0;
   DigestContextPtr inner{EVP_MD_CTX_new()};
   DigestContextPtr outer{EVP_MD_CTX_new()};
   DigestContextPtr running{EVP_MD_CTX_new()};
   KeyCopy key;
-  bool open = false;  // running holds a computation
+  SecretBytes<256> pending;  // input that running has not absorbed yet
+  std::size_t pendingLength = 0;
+  bool open = false;     // a computation is under way
+  bool started = false;  // running holds it
 };
 
 namespace {
+
+// The digests of IKE's PRFs. Looking one up costs as much as a short output.
+constexpr std::array<int, 4> digestNids = {NID_sha1, NID_sha256, NID_sha384, NID_sha512};
+
+std::array<Kept<DigestPtr>, digestNids.size()> keptDigests;
+
+DigestPtr lookUp(const EVP_MD* md) {
+  return DigestPtr(EVP_MD_fetch(nullptr, EVP_MD_get0_name(md), nullptr));
+}
+
+std::unique_ptr<DigestPtr> loadDigest(const EVP_MD* md) {
+  DigestPtr digest = lookUp(md);
+  return std::unique_ptr<DigestPtr>(digest ? new (std::nothrow) DigestPtr(std::move(digest)) : nullptr);
+}
 
 bool fetchDigest(hmac_state& state, const EVP_MD* md) {
   if (state.requested == md) {
     return true;
   }
-  state.key.clear();
   state.requested = nullptr;
-  state.fetched.reset(EVP_MD_fetch(nullptr, EVP_MD_get0_name(md), nullptr));
-  if (!state.fetched) {
+  const auto* found = std::find(digestNids.begin(), digestNids.end(), EVP_MD_get_type(md));
+  if (found == digestNids.end()) {
+    state.owned = lookUp(md);
+    state.fetched = state.owned.get();
+  } else {
+    const auto index = static_cast<std::size_t>(found - digestNids.begin());
+    const DigestPtr* kept = keptDigests[index].get([md] { return loadDigest(md); });
+    state.fetched = kept == nullptr ? nullptr : kept->get();
+  }
+  if (state.fetched == nullptr) {
     return false;
   }
   state.requested = md;
+  state.macLength = static_cast<std::size_t>(EVP_MD_get_size(state.fetched));
   return true;
 }
 
-bool absorbPad(EVP_MD_CTX* context, const EVP_MD* md, const SecretBytes<maxBlockBytes>& keyBlock, std::size_t length,
-               unsigned char pad) {
-  SecretBytes<maxBlockBytes> padded;
-  std::transform(keyBlock.begin(), keyBlock.end(), padded.begin(),
-                 [pad](unsigned char byte) { return static_cast<unsigned char>(byte ^ pad); });
-  return EVP_DigestInit_ex2(context, md, nullptr) == 1 && EVP_DigestUpdate(context, padded.data(), length) == 1;
+// Absorbs a padded key, and turns it from one pad to the other.
+bool absorbPadded(EVP_MD_CTX* context, const EVP_MD* md, unsigned char* padded, std::size_t block) {
+  const bool absorbed = EVP_DigestInit_ex2(context, md, nullptr) == 1 && EVP_DigestUpdate(context, padded, block) == 1;
+  std::transform(padded, padded + block, padded,
+                 [](unsigned char byte) { return static_cast<unsigned char>(byte ^ innerPad ^ outerPad); });
+  return absorbed;
 }
 
 // Prepares both states for a key: RFC 2104 section 2, a key longer than a block is hashed first.
 bool absorbKey(hmac_state& state, const unsigned char* key, std::size_t keyLen) {
-  const EVP_MD* md = state.fetched.get();
+  const EVP_MD* md = state.fetched;
   const int blockSize = EVP_MD_get_block_size(md);
   if (blockSize <= 0 || static_cast<std::size_t>(blockSize) > maxBlockBytes) {
     return false;
   }
   const auto block = static_cast<std::size_t>(blockSize);
-  SecretBytes<maxBlockBytes> keyBlock;
-  keyBlock.fill(0);
+  SecretBytes<maxBlockBytes> padded;
+  padded.fill(0);
   if (keyLen > block) {
-    if (EVP_Digest(key, keyLen, keyBlock.data(), nullptr, md, nullptr) != 1) {
+    if (EVP_Digest(key, keyLen, padded.data(), nullptr, md, nullptr) != 1) {
       return false;
     }
   } else if (keyLen != 0) {
-    std::copy_n(key, keyLen, keyBlock.begin());
+    std::copy_n(key, keyLen, padded.begin());
   }
-  return absorbPad(state.inner.get(), md, keyBlock, block, innerPad) &&
-         absorbPad(state.outer.get(), md, keyBlock, block, outerPad);
+  std::transform(padded.begin(), padded.end(), padded.begin(),
+                 [](unsigned char byte) { return static_cast<unsigned char>(byte ^ innerPad); });
+  return absorbPadded(state.inner.get(), md, padded.data(), block) &&
+         absorbPadded(state.outer.get(), md, padded.data(), block);
 }
 
 bool installKey(hmac_state& state, const EVP_MD* md, const unsigned char* key, std::size_t keyLen) {
@@ -424,7 +475,29 @@ bool installKey(hmac_state& state, const EVP_MD* md, const unsigned char* key, s
     return true;
   }
   state.key.clear();  // until both states are ready they belong to no key
-  return fetchDigest(state, md) && absorbKey(state, key, keyLen) && state.key.assign(key, keyLen);
+  if (!fetchDigest(state, md) || !absorbKey(state, key, keyLen)) {
+    return false;
+  }
+  state.key.assign(key, keyLen);
+  return true;
+}
+
+// Lets running absorb what is pending.
+bool absorbPending(hmac_state& state) {
+  if (!state.started && EVP_MD_CTX_copy_ex(state.running.get(), state.inner.get()) != 1) {
+    return false;
+  }
+  state.started = true;
+  const std::size_t length = std::exchange(state.pendingLength, 0);
+  return length == 0 || EVP_DigestUpdate(state.running.get(), state.pending.data(), length) == 1;
+}
+
+// Writes the MAC. The inner hash goes through the same bytes.
+bool finish(hmac_state& state, unsigned char* mac) {
+  EVP_MD_CTX* running = state.running.get();
+  return absorbPending(state) && EVP_DigestFinal_ex(running, mac, nullptr) == 1 &&
+         EVP_MD_CTX_copy_ex(running, state.outer.get()) == 1 && EVP_DigestUpdate(running, mac, state.macLength) == 1 &&
+         EVP_DigestFinal_ex(running, mac, nullptr) == 1;
 }
 
 }  // namespace
@@ -557,8 +630,9 @@ int hmac_init(struct hmac_ctx* ctx, const EVP_MD* md, const unsigned char* key, 
   if (state == nullptr || md == nullptr) {
     return 1;
   }
-  state->open =
-      installKey(*state, md, key, keyLen) && EVP_MD_CTX_copy_ex(state->running.get(), state->inner.get()) == 1;
+  state->open = installKey(*state, md, key, keyLen);
+  state->started = false;
+  state->pendingLength = 0;
   return state->open ? 0 : 1;
 }
 
@@ -567,7 +641,13 @@ int hmac_update(struct hmac_ctx* ctx, const unsigned char* data, size_t dataLen)
   if (state == nullptr || !state->open) {
     return 1;
   }
-  return dataLen == 0 || EVP_DigestUpdate(state->running.get(), data, dataLen) == 1 ? 0 : 1;
+  if (dataLen <= state->pending.size() - state->pendingLength) {
+    std::copy_n(data, dataLen, state->pending.begin() + state->pendingLength);
+    state->pendingLength += dataLen;
+    return 0;
+  }
+  state->open = absorbPending(*state) && EVP_DigestUpdate(state->running.get(), data, dataLen) == 1;
+  return state->open ? 0 : 1;
 }
 
 int hmac_final(struct hmac_ctx* ctx, unsigned char* out, size_t outSize, size_t* written) {
@@ -577,16 +657,20 @@ int hmac_final(struct hmac_ctx* ctx, unsigned char* out, size_t outSize, size_t*
     return 1;
   }
   state->open = false;
-  SecretBytes<EVP_MAX_MD_SIZE> digest;
-  unsigned length = 0;
-  EVP_MD_CTX* running = state->running.get();
-  if (EVP_DigestFinal_ex(running, digest.data(), &length) != 1 ||
-      EVP_MD_CTX_copy_ex(running, state->outer.get()) != 1 || EVP_DigestUpdate(running, digest.data(), length) != 1 ||
-      EVP_DigestFinal_ex(running, digest.data(), &length) != 1) {
+  if (outSize >= state->macLength) {
+    if (!finish(*state, out)) {
+      OPENSSL_cleanse(out, state->macLength);  // may hold the inner hash
+      return 1;
+    }
+    *written = state->macLength;
+    return 0;
+  }
+  SecretBytes<EVP_MAX_MD_SIZE> mac;
+  if (!finish(*state, mac.data())) {
     return 1;
   }
-  *written = std::min<std::size_t>(length, outSize);
-  std::copy_n(digest.begin(), *written, out);
+  std::copy_n(mac.begin(), outSize, out);
+  *written = outSize;
   return 0;
 }
 
