@@ -1,7 +1,8 @@
-// Replacing one entry of a large file of the daemon's: the library, a copy of the same file by hand in this process, and
-// the cp command. In a mount namespace of its own, on a tmpfs.
+// Replacing one entry of a large file of the daemon's: the library, a copy of the same file by hand in this process,
+// and the cp command. In a mount namespace of its own, on a tmpfs.
 //
-// All are CPU times: of this thread, and of cp's process from its start to its end, so that cp's ratio is the milder one.
+// All are CPU times: of this thread, and of cp's process from its start to its end, so that cp's ratio is the milder
+// one.
 
 #include "Interleave.h"
 #include "Ipsec.h"

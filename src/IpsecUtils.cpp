@@ -42,7 +42,7 @@ constexpr unsigned errorLevel = 0;
 constexpr unsigned infoLevel = 1;
 constexpr unsigned commandLevel = 8;
 
-// --- Files ------------------------------------------------------------------------------------------------------------
+// --- Files -----------------------------------------------------------------------------------------------------------
 
 class Descriptor {
  public:
@@ -120,8 +120,8 @@ class Replacement {
     }
   }
 
-  // Closes the new file and moves it over the old one. Returns false, with the old file in place, when the new one could
-  // not be opened, written or closed (a full disk may show only then), or not be moved.
+  // Closes the new file and moves it over the old one. Returns false, with the old file in place, when the new one
+  // could not be opened, written or closed (a full disk may show only then), or not be moved.
   bool moveIntoPlace() noexcept {
     return file.close() && whole && std::rename(temporaryPath.c_str(), path.c_str()) == 0;
   }
@@ -153,8 +153,8 @@ void copyLines(std::string_view text, Rule keeps, Replacement& copy) {
 }
 
 // LineMatcher finds what std::regex_search finds with the ECMAScript expression "^" + start, and "$" behind it for a
-// whole line. The names and addresses in use hold no metacharacter but ".", and are compared byte by byte, which costs a
-// fraction of the search.
+// whole line. The names and addresses in use hold no metacharacter but ".", and are compared byte by byte, which costs
+// a fraction of the search.
 class LineMatcher {
  public:
   enum class Covers { Start, WholeLine };
@@ -193,7 +193,7 @@ class LineMatcher {
   std::regex expression;
 };
 
-// --- The connections file ---------------------------------------------------------------------------------------------
+// --- The connections file --------------------------------------------------------------------------------------------
 
 constexpr char connectionsPath[] = "/etc/strongswan/ipsec.conf";
 
@@ -419,7 +419,7 @@ Vello::String replacedSection(const stringmap& settings) {
   return {};
 }
 
-// --- The secrets file -------------------------------------------------------------------------------------------------
+// --- The secrets file ------------------------------------------------------------------------------------------------
 
 constexpr char secretsPath[] = "/etc/strongswan/ipsec.secrets";
 
@@ -444,7 +444,7 @@ std::string newSecret(const stringmap& entry) {
   return peer + " : PSK " + checkedAt(entry, "key").str() + "\n";
 }
 
-// --- Kernel modules ---------------------------------------------------------------------------------------------------
+// --- Kernel modules --------------------------------------------------------------------------------------------------
 
 struct ModuleCommand {
   const char* tool;
@@ -497,7 +497,7 @@ void runModuleCommands(const Where& where, const ModuleCommand (&commands)[comma
 
 }  // namespace
 
-// --- Connection names -------------------------------------------------------------------------------------------------
+// --- Connection names ------------------------------------------------------------------------------------------------
 
 Vello::String getConnNameFromKey(const ConnectionKey& key) {
   assert(key.vrfId() == Vrf::VrfIdMap::VrfId::defaultVrf());
@@ -508,7 +508,7 @@ Vello::String getConnNameFromKey(const ConnectionKey& key) {
   return name.str();
 }
 
-// --- The IKE daemon's files -------------------------------------------------------------------------------------------
+// --- The IKE daemon's files ------------------------------------------------------------------------------------------
 
 void writeConnections(stringmap settings) {
   const std::string oldText = readLines(connectionsPath);
@@ -551,7 +551,7 @@ void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-pa
   }
 }
 
-// --- Kernel modules ---------------------------------------------------------------------------------------------------
+// --- Kernel modules --------------------------------------------------------------------------------------------------
 
 int _execCommand(const char** argv) {
   int status = -1;
@@ -578,7 +578,7 @@ void enableFlowEncapModule() {
   runModuleCommands("enableFlowEncapModule", loadFlowModule);
 }
 
-// --- Replay window and liveness ---------------------------------------------------------------------------------------
+// --- Replay window and liveness --------------------------------------------------------------------------------------
 
 void setMaxReplayWindow() {
   constexpr char path[] = "/proc/sys/net/core/xfrm_replay_esn_max";
@@ -615,7 +615,7 @@ bool isSswanRunning() {
   return kill(std::stoi(line), 0) == 0;
 }
 
-// --- Formatting -------------------------------------------------------------------------------------------------------
+// --- Formatting ------------------------------------------------------------------------------------------------------
 
 L3::VrfName vrfIdToName(Vrf::VrfIdMap::VrfId vrfId, const Vello::Ptr<const Vrf::VrfIdMap::Status>& status) {
   using Vrf::VrfIdMap;

@@ -53,7 +53,7 @@ class ConnectionsFile : public testing::Test {
   }
 };
 
-// --- Refusals ---------------------------------------------------------------------------------------------------------
+// --- Refusals --------------------------------------------------------------------------------------------------------
 
 TEST_F(ConnectionsFile, NeedsTheFourSettingsOfAnOrdinarySection) {
   for (const char* name : {"reqid", "left", "right"}) {
@@ -116,7 +116,7 @@ TEST_F(ConnectionsFile, TakesANameThatIsNoExpressionFromConfigBesideADefault) {
   EXPECT_EQ(readFile(connectionsFile).substr(0, 7), "conn (\n");
 }
 
-// --- Odd bytes and sizes ----------------------------------------------------------------------------------------------
+// --- Odd bytes and sizes ---------------------------------------------------------------------------------------------
 
 TEST_F(ConnectionsFile, KeepsNulBytesAndOtherOddOnes) {
   const std::string odd = "\0\xff\xfe\r\x80 conn a\0\n\tx=\0\xc3\x28\n"s;
@@ -167,7 +167,7 @@ TEST_F(ConnectionsFile, KeepsTheOrderOfTheLastUpdates) {
   EXPECT_EQ(readFile(connectionsFile), "conn c" + body + "conn a" + body + "conn b" + body);
 }
 
-// --- Traces -----------------------------------------------------------------------------------------------------------
+// --- Traces ----------------------------------------------------------------------------------------------------------
 
 TEST_F(ConnectionsFile, NoSettingsValueIsEverTraced) {
   const TraceRecorder traces("IpsecUtils=0-31");

@@ -210,7 +210,7 @@ class FileReplacement : public testing::TestWithParam<const Writer*> {
   const std::string others;
 };
 
-// --- The disk ---------------------------------------------------------------------------------------------------------
+// --- The disk --------------------------------------------------------------------------------------------------------
 
 TEST_P(FileReplacement, OnAFullDiskTheOldFileStays) {
   const Mount disk = Mount::smallDisk(daemonFolder, 20480);  // Holds the old file and half a new one.
@@ -275,7 +275,7 @@ TEST_P(FileReplacement, InAMissingFolderIsReported) {
   EXPECT_FALSE(exists(daemonFolder));
 }
 
-// --- The temporary file -----------------------------------------------------------------------------------------------
+// --- The temporary file ----------------------------------------------------------------------------------------------
 
 TEST_P(FileReplacement, WithAFolderInTheTemporaryFilesPlaceLeavesTheOldFile) {
   startWith(1);
@@ -325,7 +325,7 @@ TEST_P(FileReplacement, NeverMovesAStaleTemporaryFileThatCannotBeOpened) {
   EXPECT_EQ(readFile(temporary), "stale\n");
 }
 
-// --- The old file -----------------------------------------------------------------------------------------------------
+// --- The old file ----------------------------------------------------------------------------------------------------
 
 TEST_P(FileReplacement, OfAMissingFileMakesOne) {
   writer.update(1);
@@ -406,7 +406,7 @@ TEST_P(FileReplacement, LeavesTheOldFileWhereItCannotBeReplaced) {
   EXPECT_EQ(versionOf(readFile(temporary)), 2);
 }
 
-// --- Modes and other readers ------------------------------------------------------------------------------------------
+// --- Modes and other readers -----------------------------------------------------------------------------------------
 
 TEST_P(FileReplacement, GivesTheNewFileTheModeOfTheUmask) {
   for (const auto& [mask, mode] : {std::pair<mode_t, mode_t>{022, 0644}, {077, 0600}, {0, 0666}}) {

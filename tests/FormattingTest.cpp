@@ -43,7 +43,7 @@ TEST(FillSpace, GivesAsManyBlanks) {
   EXPECT_EQ(fillSpace(100000), std::string(100000, ' '));
 }
 
-// --- secondsToTimestamp -----------------------------------------------------------------------------------------------
+// --- secondsToTimestamp ----------------------------------------------------------------------------------------------
 
 // Sets the process's time zone for as long as it lives.
 class TimeZone {
@@ -107,7 +107,7 @@ TEST(Timestamp, IsEmptyForATimeWithoutAYear) {
   }
 }
 
-// --- vrfIdToName ------------------------------------------------------------------------------------------------------
+// --- vrfIdToName -----------------------------------------------------------------------------------------------------
 
 // A VRF status table of the test's own.
 class VrfName : public testing::Test {

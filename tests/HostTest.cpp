@@ -27,7 +27,7 @@ class Host : public testing::Test {
   Host() { resetHost(); }
 };
 
-// --- The replay window ------------------------------------------------------------------------------------------------
+// --- The replay window -----------------------------------------------------------------------------------------------
 
 using ReplayWindow = Host;
 
@@ -77,7 +77,7 @@ TEST_F(ReplayWindow, IsNotTracedWhereItsLevelIsOff) {
   EXPECT_EQ(traces.errors().size(), 2U);
 }
 
-// --- The daemon's liveness --------------------------------------------------------------------------------------------
+// --- The daemon's liveness -------------------------------------------------------------------------------------------
 
 class Liveness : public Host {
  protected:
@@ -186,8 +186,8 @@ TEST_F(Liveness, IsFalseWhereTheFileCannotBeRead) {
   EXPECT_FALSE(isSswanRunning());
 }
 
-// The right to signal anybody goes with the change of user. In a user namespace there is no other user to change to, but
-// process 1 is another user's.
+// The right to signal anybody goes with the change of user. In a user namespace there is no other user to change to,
+// but process 1 is another user's.
 TEST_F(Liveness, IsFalseForAProcessThatMayNotBeSignalled) {
   const Sleeper daemon;
   (void)with(std::to_string(daemon.pid()) + "\n");
@@ -219,7 +219,7 @@ TEST_F(Liveness, IsTracedNowhere) {
   EXPECT_TRUE(traces.lines().empty());
 }
 
-// --- The tests themselves ---------------------------------------------------------------------------------------------
+// --- The tests themselves --------------------------------------------------------------------------------------------
 
 TEST_F(Host, TheMachinesOwnFilesStayAsTheyAre) {
   const std::string before = machinesOwnFiles();

@@ -41,7 +41,7 @@ class ChildrenReapedByTheKernel {
   void (*before)(int);
 };
 
-// --- _execCommand -----------------------------------------------------------------------------------------------------
+// --- _execCommand ----------------------------------------------------------------------------------------------------
 
 class Command : public testing::Test {
  protected:
@@ -105,7 +105,7 @@ TEST_F(Command, IsTracedNowhereByItself) {
   EXPECT_TRUE(traces.lines().empty());
 }
 
-// --- The modules ------------------------------------------------------------------------------------------------------
+// --- The modules -----------------------------------------------------------------------------------------------------
 
 class Modules : public testing::Test {
  protected:

@@ -34,7 +34,7 @@ unsigned seed() {
   return given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : 1U;
 }
 
-// --- The plain implementation -------------------------------------------------------------------------------------------
+// --- The plain implementation ----------------------------------------------------------------------------------------
 
 std::regex compiled(const std::string& expression) {
   return std::regex(expression, std::regex::ECMAScript);
@@ -94,7 +94,7 @@ std::string plainSecrets(const std::string& start, const std::string& before) {
   return kept.str();
 }
 
-// --- Random names and files ---------------------------------------------------------------------------------------------
+// --- Random names and files ------------------------------------------------------------------------------------------
 
 class Generator {
  public:
@@ -301,7 +301,7 @@ TEST(WriterDifferential, SecretsAreTakenOutAsByPlainExpressions) {
   tally.expectSome(casesEach / 50);
 }
 
-// --- The second implementation ------------------------------------------------------------------------------------------
+// --- The second implementation ---------------------------------------------------------------------------------------
 
 constexpr int referenceCases = 25000;
 

@@ -3,8 +3,8 @@
 
 Usage: reference-writers.py SEED COUNT
 
-Writes COUNT cases to standard output for WriterDifferentialTest. A case is a list of byte strings, each as its length in
-decimal, a colon and the bytes:
+Writes COUNT cases to standard output for WriterDifferentialTest. A case is a list of byte strings, each as its length
+in decimal, a colon and the bytes:
 
     writer          "connections" or "secrets"
     settings        their number, then name and value of each
@@ -91,7 +91,8 @@ def default_section(settings):
         b"\tkeyexchange=" + settings.get("ikeVersion", b"2"),
         b"\tauto=add",
     ]
-    for name, key in (("esp", "esp"), ("ike", "ike"), ("packetLimit", "lifepackets"), ("marginpackets", "marginpackets"),
+    for name, key in (("esp", "esp"), ("ike", "ike"),
+                      ("packetLimit", "lifepackets"), ("marginpackets", "marginpackets"),
                       ("byteLimit", "lifebytes"), ("marginbytes", "marginbytes")):
         if name in settings:
             section.append(b"\t" + key.encode() + b"=" + settings[name])
@@ -195,9 +196,9 @@ NAMES = [b"a", b"b", b"ab", b"a.b", b"a-b", b"%default", b"", b"default-10.0.0.1
          b"default-10.0.0.1-10.0.0.12-local-7", b"default-2001:db8::1-2001:db8::2-remote-4294967295", b"site/x", b"."]
 PEERS = [b"10.0.0.1", b"10.0.0.11", b"10.0.0.2", b"2001:db8::1", b"", b"%any", b"peer.example"]
 VALUES = [b"", b"1", b"no", b"10.0.0.1", b"a b", b'"C=US, O=x"', b"x\ny", b"\xff\x00\r", b"aes256-sha256!"]
-OPTIONAL = ["ikeVersion", "ikelifetime", "lifetime", "leftsubnet", "localid", "remoteid", "ike", "esp", "mark", "action",
-            "interval", "timeout", "encap", "type", "replayWindowSize", "packetLimit", "marginpackets", "byteLimit",
-            "marginbytes", "reauth", "colour"]
+OPTIONAL = ["ikeVersion", "ikelifetime", "lifetime", "leftsubnet", "localid", "remoteid", "ike", "esp", "mark",
+            "action", "interval", "timeout", "encap", "type", "replayWindowSize", "packetLimit", "marginpackets",
+            "byteLimit", "marginbytes", "reauth", "colour"]
 
 
 def altered(name):

@@ -1,5 +1,5 @@
-// A configuration change as an IPsec agent makes it, from naming a connection to loading the kernel's modules, on a host
-// of the demo's own. Fails when anything that it shows is not as expected.
+// A configuration change as an IPsec agent makes it, from naming a connection to loading the kernel's modules, on a
+// host of the demo's own. Fails when anything that it shows is not as expected.
 
 #include "Ipsec.h"
 

@@ -1,6 +1,6 @@
 // PrivateMounts gives a test program the real paths of the host side without the host behind them: a mount namespace of
-// its own, with own folders over /etc/strongswan and /proc/sys/net/core, and recording stand-ins over /sbin/modprobe and
-// /sbin/rmmod. Nothing in it outlives the program, and nothing is created or changed outside of it.
+// its own, with own folders over /etc/strongswan and /proc/sys/net/core, and recording stand-ins over /sbin/modprobe
+// and /sbin/rmmod. Nothing in it outlives the program, and nothing is created or changed outside of it.
 //
 // The tests enter it through HostTests.h.
 #pragma once
@@ -22,8 +22,8 @@ inline constexpr char pidFile[] = "/etc/strongswan/ipsec.d/run/charon.pid";
 inline constexpr char kernelSettings[] = "/proc/sys/net/core";
 inline constexpr char replayWindowSetting[] = "/proc/sys/net/core/xfrm_replay_esn_max";
 
-// Empties the private folders and puts the stand-ins back, which record and exit with 0. A mount that a test left in the
-// daemon's folder is taken off first.
+// Empties the private folders and puts the stand-ins back, which record and exit with 0. A mount that a test left in
+// the daemon's folder is taken off first.
 void resetHost();
 
 // What a stand-in does after it has recorded its arguments, as shell text ("exit 1", "kill -9 $$").

@@ -16,8 +16,8 @@ namespace Ipsec::Testing {
 
 class TraceRecorder {
  public:
-  // Switches levels on by handle name ("IpsecUtils=0-8,IpsecKeyGen=0"); they are not switched back. An empty text leaves
-  // the levels alone. Fails the running test for a malformed text.
+  // Switches levels on by handle name ("IpsecUtils=0-8,IpsecKeyGen=0"); they are not switched back. An empty text
+  // leaves the levels alone. Fails the running test for a malformed text.
   explicit TraceRecorder(std::string_view levels = {});
 
   // Returns every line so far, of both sinks, in order.
