@@ -1,0 +1,43 @@
+// Compares implementations of one operation on a machine that does other work at the same time.
+//
+// Each side runs in short slices that alternate with the other sides' slices, so that whatever the machine does besides
+// falls on all of them alike. Time is the thread's CPU time; the result is a median over all slices.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Bench {
+
+// Bytes of a key, value, secret or stream.
+using Bytes = std::vector<unsigned char>;
+
+struct Side {
+  std::string name;
+  std::function<void()> operation;
+};
+
+// Returns the CPU time of the calling thread in nanoseconds.
+double threadTime();
+
+// Returns the median time of one operation in nanoseconds for each side, in their order. Every side gets the given
+// number of slices, in all orders of the sides by turns.
+std::vector<double> interleave(const std::vector<Side>& sides, unsigned slices);
+
+// Prints "subject,case,side,unit,value", the line that run.py reads.
+void print(const std::string& subject, const std::string& name, const std::string& side, const std::string& unit,
+           double value);
+
+// The arguments of the programs: "--slices N", "--only NAME" (the latter repeatedly).
+struct Arguments {
+  unsigned slices = 400;
+  std::vector<std::string> only;
+
+  Arguments(int count, char** values);
+
+  // Tells whether the case is to be run: named, or nothing is.
+  bool wants(const std::string& name) const;
+};
+
+}  // namespace Bench

@@ -1,0 +1,53 @@
+// What loading the libraries costs a fresh process: LoadBench LIBRARY... loads each in turn, so that a later one is
+// charged only for what the earlier ones have not brought. Linked with none of them.
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+// Returns the resident memory of the process in bytes.
+long residentBytes() {
+  std::FILE* const file = std::fopen("/proc/self/statm", "r");
+  long total = 0;
+  long resident = 0;
+  if (file == nullptr || std::fscanf(file, "%ld %ld", &total, &resident) != 2) {
+    std::perror("/proc/self/statm");
+    std::exit(EXIT_FAILURE);
+  }
+  std::fclose(file);
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
+bool load(const char* library) {
+  const long before = residentBytes();
+  const auto start = std::chrono::steady_clock::now();
+  if (dlopen(library, RTLD_NOW) == nullptr) {
+    std::fprintf(stderr, "%s\n", dlerror());
+    return false;
+  }
+  const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;
+  const char* name = library;
+  for (const char* at = library; *at != '\0'; ++at) {
+    name = *at == '/' ? at + 1 : name;
+  }
+  std::printf("load,%s,time,us,%.6g\n", name, time.count());
+  std::printf("load,%s,resident memory,bytes,%ld\n", name, residentBytes() - before);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  (void)residentBytes();  // brings in what reading itself needs
+  for (int i = 1; i < argc; ++i) {
+    if (!load(argv[i])) {
+      return EXIT_FAILURE;
+    }
+  }
+  return EXIT_SUCCESS;
+}
