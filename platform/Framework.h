@@ -61,7 +61,7 @@ class String {
 // A string stream whose text comes back as the framework's string.
 class OStringStream : public std::ostringstream {
  public:
-  String str() const { return String(std::ostringstream::str()); }
+  String str() const { return {std::ostringstream::str()}; }
 };
 
 // A time in seconds, held as a double.
@@ -82,7 +82,7 @@ namespace Regex {
 
 // Returns the compiled expression. Throws std::regex_error for text that is not an expression of the given syntax.
 inline std::regex compile(std::string_view expression, std::regex_constants::syntax_option_type syntax) {
-  return std::regex(expression.data(), expression.size(), syntax);
+  return {expression.data(), expression.size(), syntax};
 }
 
 // Tells whether the text contains a match. An expression that was never compiled matches nothing.

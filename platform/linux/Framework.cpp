@@ -18,7 +18,7 @@ String _fmt(const char* format, ...) {
   va_start(arguments, format);
   (void)std::vsnprintf(text.data(), text.size() + 1, format, arguments);  // the length above says that it fits
   va_end(arguments);
-  return String(std::move(text));
+  return {std::move(text)};
 }
 
 }  // namespace Cor

@@ -1,11 +1,11 @@
 #include "platform/Process.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <new>
 
 namespace Cor {

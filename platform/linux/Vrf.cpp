@@ -6,12 +6,12 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <optional>
 #include <string>
@@ -80,7 +80,7 @@ VrfEntry entryOf(const SlotWords& words) {
   }
   char name[nameWords * sizeof(std::uint32_t)];
   std::memcpy(name, &words[NameWord], sizeof(name));
-  return VrfEntry(VrfId(words[IdWord]), std::string_view(name, length));
+  return {VrfId(words[IdWord]), std::string_view(name, length)};
 }
 
 // Writes a slot. The words are stored with release and loaded with acquire: a reader that gets one of these words then
