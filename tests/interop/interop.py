@@ -50,10 +50,6 @@ class Library:
     def running(self):
         return self.ask("running") == "true"
 
-    def close(self):
-        self.process.stdin.close()
-        self.process.wait(timeout=10)
-
 
 class Bench:
     """Everything that a row needs: the daemon, the library, the agent, the results so far."""
@@ -191,15 +187,31 @@ def run_demo(bench):
     bench.place.stop_daemon()
 
 
+def run_by_hand(bench, arguments):
+    """Runs the agent once, as the user says, against a connection that takes every suite."""
+    address, psk = "10.51.0.1", "by hand"
+    bench.library.connection(default="%default", uniqueids="add")
+    bench.library.connection(config=bench.library.name(sandbox.DAEMON, address, 1), ikeVersion="ike",
+                             authby="pre-share", reqid="1", left=sandbox.DAEMON, right=address,
+                             ike=matrix.every_ike_proposal(), esp=matrix.every_esp_proposal())
+    bench.library.secret(peerIp=address, key=f'"{psk}"')
+    start_daemon(bench, [address])
+    result = bench.negotiate(address, arguments, psk)
+    print(result.stdout + result.stderr, end="")
+    bench.place.stop_daemon()
+    return result.returncode
+
+
 def inside(options):
     """Runs in the private namespaces."""
     place = sandbox.Sandbox(options.inside)
     try:
         place.set_up()
-        library = Library(options.config)
+        library = Library(options.config)  # it ends with its standard input
         bench = Bench(place, library, options.agent)
+        if options.by_hand is not None:
+            return run_by_hand(bench, options.by_hand)
         run_demo(bench) if options.demo else run_matrix(bench)
-        library.close()
         return bench.tally()
     finally:
         if options.keep_log:
@@ -218,7 +230,7 @@ def outside(options):
     with tempfile.TemporaryDirectory(prefix="interop-") as scratch:
         command = sandbox.namespace_command() + [sys.executable, os.path.abspath(__file__), "--inside", scratch]
         result = subprocess.run(command + sys.argv[1:], check=False)
-    if not options.demo:
+    if not options.demo and options.by_hand is None:
         print(f"took {time.monotonic() - began:.0f} s", file=sys.stderr)
     return result.returncode
 
@@ -229,6 +241,8 @@ def parse_options():
     parser.add_argument("--config", required=True, help="the program interop-config")
     parser.add_argument("--demo", action="store_true", help="negotiate each group once and show a table")
     parser.add_argument("--keep-log", metavar="FILE", help="copy the daemon's log, keys included, to FILE at the end")
+    parser.add_argument("--by-hand", nargs=argparse.REMAINDER, metavar="OPTION",
+                        help="run the agent once with these options, such as --by-hand -v --group 20 --prf sha384")
     parser.add_argument("--inside", help=argparse.SUPPRESS)
     options = parser.parse_args()
     options.agent = os.path.abspath(options.agent)

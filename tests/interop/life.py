@@ -28,6 +28,11 @@ def check_running(bench):
                  None if bench.library.running() else "it is false")
 
 
+def last_line(result):
+    lines = (result.stderr or result.stdout).strip().splitlines()
+    return lines[-1].removeprefix("ipsec-agent: ") if lines else ""
+
+
 def expect(bench, text, address, suite, psk, code, message="", extra=()):
     """One negotiation with a foreseen exit code and, on failure, a foreseen word in the message."""
     result = bench.negotiate(address, [*suite.arguments(), "--tries", "3", *extra], psk)
@@ -36,7 +41,7 @@ def expect(bench, text, address, suite, psk, code, message="", extra=()):
         trouble = f"exit code {result.returncode}, not {code}: {result.stderr.strip()}"
     elif message not in result.stderr + result.stdout:
         trouble = f"no {message} in: {result.stderr.strip()}"
-    bench.report(SECTION, text, trouble, (result.stderr or result.stdout).strip().splitlines()[-1])
+    bench.report(SECTION, text, trouble, last_line(result))
     return result
 
 
@@ -78,6 +83,28 @@ def connection_rows(bench):
     reread(bench, deleted(name))
     expect(bench, "a deleted connection is refused", address, new, psk, REFUSED, "NO_PROPOSAL_CHOSEN")
     expect(bench, "its neighbour is untouched by the deletion", neighbour, old, psk, SUCCESS)
+
+
+def file_rows(bench):
+    """The daemon takes a section's lines in any order, so their order is read from the file."""
+    suite, address, number = Suite(), "10.51.205.1", FIRST_NUMBER + 8
+    name = bench.configure(address, number, suite, "of the file", leftsubnet="10.60.0.0/24", localid="10.50.0.1",
+                           remoteid=address, ikelifetime="7200", lifetime="900", action="clear", interval="30",
+                           timeout="120", type="tunnel", replayWindowSize="64", encap="", reauth="no")
+    expected = [f"conn {name}"] + ["\t" + line for line in (
+        "keyexchange=ikev2", "authby=secret", "ikelifetime=7200s", "lifetime=900s", f"reqid={number}",
+        f"left={sandbox.DAEMON}", "leftsubnet=10.60.0.0/24", "leftid=10.50.0.1", f"right={address}",
+        f"rightid={address}", "auto=add", f"ike={suite.ike()}", f"esp={suite.esp()}", "dpdaction=clear",
+        "dpddelay=30", "dpdtimeout=120", "forceencaps=yes", "type=tunnel", "replay_window=64", "reauth=no",
+        "mobike=no", "ikedscp=110000")] + [""]
+    written = (sandbox.CONF_DIR / "ipsec.conf").read_text().split("\n")[:-1]
+    wrong = [line for line, right in zip(written[-len(expected):], expected) if line != right]
+    bench.report(SECTION, "a section's lines stand in their order", f"first wrong: {wrong[0]!r}" if wrong else None)
+    reread(bench, added(name))
+    bench.place.stroke("rereadsecrets")
+    bench.place.daemon_run("ip", "addr", "add", "10.60.0.1/32", "dev", "lo")
+    expect(bench, "an echo reaches the network behind leftsubnet", address, suite, "of the file", SUCCESS, "echo",
+           extra=("--ts-remote", "10.60.0.1/24"))
 
 
 def secret_rows(bench):
@@ -212,6 +239,7 @@ def silent_row(bench):
 
 def run(bench):
     connection_rows(bench)
+    file_rows(bench)
     secret_rows(bench)
     protocol_rows(bench)
     bench.place.add_agent_address6("fd51::d5c")

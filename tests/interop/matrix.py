@@ -14,6 +14,21 @@ GCM_CIPHERS = tuple(f"aes{size}gcm{icv}" for icv in (8, 12, 16) for size in (128
 ZERO_SECRET_TRIES = 3000
 
 
+def every_ike_proposal():
+    """Returns proposals that take every suite of both versions."""
+    prfs = "-".join(f"prf{name}" for name in HASHES)
+    tail = "-".join(GROUPS.values())
+    return (f"{'-'.join(BLOCK_CIPHERS)}-{'-'.join(HASHES)}-{prfs}-{tail},{'-'.join(GCM_CIPHERS)}-{prfs}-{tail},"
+            f"{'-'.join(BLOCK_CIPHERS)}-{'-'.join(HASHES)}-{tail}!")
+
+
+def every_esp_proposal():
+    """Returns proposals that take every tunnel, with an exchange of its own or without."""
+    blocks, gcm = f"{'-'.join(BLOCK_CIPHERS)}-null-{'-'.join(HASHES)}", "-".join(GCM_CIPHERS)
+    tail = "-".join(GROUPS.values())
+    return f"{blocks},{gcm},{blocks}-{tail},{gcm}-{tail}!"
+
+
 @dataclasses.dataclass
 class Suite:
     """One negotiation. A cipher with its own integrity ignores integ."""
