@@ -1,0 +1,513 @@
+// Memory runs out: inside OpenSSL, at every allocation of a whole exchange and of a derivation, and at every operator
+// new. Nothing crashes, nothing leaks, and what claims success is right.
+//
+// OpenSSL's allocator can be replaced only before its first use, so this program has its own main.
+
+#include "tests/support/CryptoCases.h"
+
+#include "platform/linux/TraceCapture.h"
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <thread>
+
+extern char** environ;
+
+namespace {
+
+// Allocations of one kind, counted while armed; the one that is ordered fails, or all from it on.
+struct Allocator {
+  std::atomic<long> live = 0;
+  std::atomic<unsigned long> count = 0;
+  std::atomic<unsigned long> failFrom = 0;  // 0: none
+  std::atomic<unsigned long> failTo = 0;
+
+  bool refuses() {
+    const unsigned long from = failFrom.load(std::memory_order_relaxed);
+    if (from == 0) {
+      return false;
+    }
+    const unsigned long n = ++count;
+    return n >= from && n <= failTo.load(std::memory_order_relaxed);
+  }
+
+  void arm(unsigned long from, unsigned long to) {
+    count = 0;
+    failTo = to;
+    failFrom = from;
+  }
+
+  // Returns whether a failure came.
+  bool disarm() {
+    const unsigned long from = failFrom.exchange(0);
+    return count >= from;
+  }
+
+  // Out of line, or the compiler sees free() on what operator new gave, and warns.
+  [[gnu::noinline]] void* take(std::size_t size) {
+    void* const memory = refuses() ? nullptr : std::malloc(size == 0 ? 1 : size);
+    live += memory != nullptr;
+    return memory;
+  }
+
+  [[gnu::noinline]] void give(void* memory) {
+    live -= memory != nullptr;
+    std::free(memory);
+  }
+};
+
+Allocator openSsl;
+Allocator operatorNew;
+
+void* openSslMalloc(std::size_t size, const char*, int) {
+  return openSsl.take(size);
+}
+
+void* openSslRealloc(void* memory, std::size_t size, const char* file, int line) {
+  if (memory == nullptr) {
+    return openSslMalloc(size, file, line);
+  }
+  return openSsl.refuses() ? nullptr : std::realloc(memory, size);
+}
+
+void openSslFree(void* memory, const char*, int) {
+  openSsl.give(memory);
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  void* const memory = operatorNew.take(size);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return operatorNew.take(size);
+}
+
+void* operator new[](std::size_t size) {
+  return operator new(size);
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return operatorNew.take(size);
+}
+
+void operator delete(void* memory) noexcept {
+  operatorNew.give(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  operatorNew.give(memory);
+}
+
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  operatorNew.give(memory);
+}
+
+void operator delete[](void* memory) noexcept {
+  operatorNew.give(memory);
+}
+
+void operator delete[](void* memory, std::size_t) noexcept {
+  operatorNew.give(memory);
+}
+
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+  operatorNew.give(memory);
+}
+
+namespace Ipsec::Testing {
+namespace {
+
+// --- The work -------------------------------------------------------------------------------------------------------------
+
+// What an attempt at the work came to. Outputs of calls that succeeded are kept, to be judged when memory is back.
+struct Attempt {
+  bool importedRight = true;  // everything that claimed success about the known key was right
+  bool finished = false;      // every call succeeded
+  ByteVector generatedPublic;
+  ByteVector generatedSecret;  // with the known public value
+};
+
+struct Known {
+  DhGroupNum group;
+  ByteVector privateKey;
+  ByteVector publicKey;
+  ByteVector selfSecret;  // with itself as the peer
+};
+
+ByteVector streamKey;
+ByteVector streamSeed;
+ByteVector knownStream;
+
+ByteVector knownPrivateKey() {
+  return ByteVector(24, 0x35);
+}
+
+Known make(DhGroupNum group) {
+  Known known{group, knownPrivateKey(), {}, {}};
+  IpsecDHGeneral dh(group);
+  EXPECT_TRUE(dh.initIpsecDH());
+  EXPECT_TRUE(dh.setMyPrivateKey(&known.privateKey));
+  EXPECT_TRUE(dh.getMyPublicKey(&known.publicKey));
+  EXPECT_TRUE(dh.setPeerPublicKey(&known.publicKey));
+  EXPECT_TRUE(dh.getSharedSecret(&known.selfSecret));
+  return known;
+}
+
+// A generated key against the known one, then the known one against itself.
+void exchange(const Known& known, Attempt& attempt) {
+  IpsecDHGeneral dh(known.group);
+  ByteVector out;
+  bool all = dh.initIpsecDH();
+  if (dh.getMyPublicKey(&out)) {
+    attempt.generatedPublic = out;
+    if (dh.setPeerPublicKey(&known.publicKey) && dh.getSharedSecret(&out)) {
+      attempt.generatedSecret = out;
+    } else {
+      all = false;
+    }
+  } else {
+    all = false;
+  }
+  all = dh.getMyPrivateKey(&out) && all;
+  if (!dh.setMyPrivateKey(&known.privateKey)) {
+    return;
+  }
+  bool right = true;
+  const bool read = dh.getMyPublicKey(&out);
+  right = right && (!read || out == known.publicKey);
+  const bool exported = dh.getMyPrivateKey(&out);
+  right = right && (!exported || out == known.privateKey);
+  const bool agreed = dh.setPeerPublicKey(&known.publicKey);
+  const bool answered = dh.getSharedSecret(&out);
+  right = right && (!agreed || !answered || out == known.selfSecret);
+  attempt.importedRight = right;
+  attempt.finished = all && read && exported && agreed && answered;
+}
+
+void derivation(Attempt& attempt) {
+  HmacPRFunc prf;
+  PRFuncPlus plus(&prf, true);
+  ByteVector out;
+  if (!prf.initHmacPRFunc(HASH_SHA256) || !prf.setKey(&streamKey) || !plus.initPRFuncPlus(&streamSeed) ||
+      !plus.generatePRStream(200, &out)) {
+    return;
+  }
+  attempt.importedRight = out == knownStream;
+  attempt.finished = true;
+}
+
+// Judges, with memory back, what an attempt with a generated key claimed.
+bool isRight(const Known& known, const Attempt& attempt) {
+  if (!attempt.importedRight || attempt.generatedSecret.empty()) {
+    return attempt.importedRight;
+  }
+  IpsecDHGeneral dh(known.group);
+  ByteVector out;
+  return dh.initIpsecDH() && dh.setMyPrivateKey(&known.privateKey) && dh.setPeerPublicKey(&attempt.generatedPublic) &&
+         dh.getSharedSecret(&out) && out == attempt.generatedSecret;
+}
+
+class AllocationFailures : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(Cor::setTraceLevels("IpsecKeyGen=31"));  // thousands of failures: no text lines
+    streamKey.assign(32, 0x4B);
+    streamSeed.assign(40, 0x53);
+    HmacPRFunc prf;
+    PRFuncPlus plus(&prf, true);
+    ASSERT_TRUE(prf.initHmacPRFunc(HASH_SHA256) && prf.setKey(&streamKey) && plus.initPRFuncPlus(&streamSeed) &&
+                plus.generatePRStream(200, &knownStream));
+  }
+};
+
+// --- Inside OpenSSL -------------------------------------------------------------------------------------------------------
+
+// Runs the work in a thread of its own, so that OpenSSL's state of a thread is made and freed with it.
+void inThread(const std::function<void()>& work) {
+  std::thread(work).join();
+}
+
+struct Sweep {
+  unsigned long allocations = 0;  // of the work when nothing fails
+  unsigned long failedAttempts = 0;
+};
+
+// Fails the nth allocation alone, then all from the nth on, for every n that the work has.
+Sweep sweepOpenSsl(const std::function<void(Attempt&)>& work, const std::function<bool(const Attempt&)>& right) {
+  Sweep sweep;
+  for (int i = 0; i < 3; ++i) {  // what OpenSSL keeps for good is made now
+    Attempt attempt;
+    inThread([&] { work(attempt); });
+    EXPECT_TRUE(attempt.finished && right(attempt));
+  }
+  for (const bool onwards : {false, true}) {
+    for (unsigned long n = 1;; ++n) {
+      Attempt attempt;
+      bool failed = false;
+      const long before = openSsl.live;
+      inThread([&] {
+        openSsl.arm(n, onwards ? ULONG_MAX : n);
+        work(attempt);
+        failed = openSsl.disarm();
+      });
+      EXPECT_EQ(openSsl.live, before) << "leak, allocation " << n << (onwards ? " and all later" : "");
+      EXPECT_TRUE(right(attempt)) << "wrong answer, allocation " << n << (onwards ? " and all later" : "");
+      sweep.failedAttempts += !attempt.finished;
+      if (!failed) {
+        EXPECT_TRUE(attempt.finished);
+        sweep.allocations = n - 1;
+        break;
+      }
+      if (testing::Test::HasFailure() && n > 4000) {
+        break;
+      }
+    }
+  }
+  std::cout << "allocations: " << sweep.allocations << ", attempts that failed: " << sweep.failedAttempts << '\n';
+  EXPECT_GT(sweep.allocations, 10U);
+  EXPECT_GT(sweep.failedAttempts, sweep.allocations);
+  return sweep;
+}
+
+class AllocationFailuresOfGroup : public AllocationFailures, public testing::WithParamInterface<DhGroupNum> {};
+
+TEST_P(AllocationFailuresOfGroup, InsideOpenSsl) {
+  const Known known = make(GetParam());
+  sweepOpenSsl([&known](Attempt& attempt) { exchange(known, attempt); },
+               [&known](const Attempt& attempt) { return isRight(known, attempt); });
+}
+
+TEST_F(AllocationFailures, InsideOpenSslDuringADerivation) {
+  sweepOpenSsl([](Attempt& attempt) { derivation(attempt); },
+               [](const Attempt& attempt) { return attempt.importedRight; });
+}
+
+// --- First use, in processes of their own -----------------------------------------------------------------------------------
+
+// The argument of a process that does one piece of work with a failure, followed by what attemptFromTheStart reads.
+const char* const coldOption = "--attempt-from-the-start";
+
+// Exit codes of such a process.
+constexpr int falseSuccess = 3;
+constexpr int openSslsOwnCrash = 4;
+constexpr int crash = 5;
+
+// OpenSSL 3.0 crashes by itself when its default library context could not be made, at the next look-up
+// of any algorithm. A crash is OpenSSL's own when the barest of look-ups crashes too; any other is the library's.
+void judgeCrash(int) {
+  if (std::signal(SIGSEGV, [](int) { std::_Exit(openSslsOwnCrash); }) == SIG_ERR) {
+    std::_Exit(crash);
+  }
+  (void)alarm(10);  // in case the crash left a lock behind
+  EVP_MD_free(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
+  std::_Exit(crash);
+}
+
+// Does the work in this fresh process. Known answers come from the parent: nothing may be computed before.
+// Arguments: whether OpenSSL is set up before, the group (0: the derivation), the first and the last allocation to fail,
+// the known public value, the known secret or stream.
+int attemptFromTheStart(char** arguments) {
+  const bool setUp = std::strcmp(arguments[0], "set-up") == 0;
+  const auto group = static_cast<DhGroupNum>(std::strtoul(arguments[1], nullptr, 10));
+  const unsigned long from = std::strtoul(arguments[2], nullptr, 10);
+  const unsigned long to = std::strtoul(arguments[3], nullptr, 10);
+  const Known known{group, knownPrivateKey(), fromHex(arguments[4]), fromHex(arguments[5])};
+  streamKey.assign(32, 0x4B);
+  streamSeed.assign(40, 0x53);
+  knownStream = known.selfSecret;
+  if (!Cor::setTraceLevels("IpsecKeyGen=31")) {
+    return crash;
+  }
+  if (setUp) {
+    EVP_MD_free(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
+  } else {
+    struct sigaction action = {};
+    action.sa_handler = judgeCrash;
+    action.sa_flags = static_cast<int>(SA_NODEFER);
+    (void)sigaction(SIGSEGV, &action, nullptr);
+  }
+  Attempt attempt;
+  openSsl.arm(from, to);
+  if (group == MODP_NONE) {
+    derivation(attempt);
+  } else {
+    exchange(known, attempt);
+  }
+  const bool failed = openSsl.disarm();
+  if (!attempt.importedRight || (!failed && !attempt.finished)) {
+    return falseSuccess;
+  }
+  // With memory back a generated key can be judged; unless OpenSSL's own set-up failed, which is for good.
+  IpsecDHGeneral judge(known.group);
+  if (!attempt.generatedSecret.empty() && judge.initIpsecDH() && !isRight(known, attempt)) {
+    return falseSuccess;
+  }
+  if (!failed) {
+    std::cout << openSsl.count << std::endl;
+  }
+  return 0;
+}
+
+std::string hexOf(const ByteVector& bytes) {
+  std::string text;
+  for (const unsigned char byte : bytes) {
+    constexpr const char* digits = "0123456789abcdef";
+    text += digits[byte >> 4];
+    text += digits[byte & 15];
+  }
+  return text;
+}
+
+// Returns the exit code of such a process, or -1 if it was killed.
+int run(const Known& known, bool setUp, unsigned long from, unsigned long to) {
+  std::vector<std::string> texts = {
+      "/proc/self/exe",     coldOption,         setUp ? "set-up" : "bare", std::to_string(known.group),
+      std::to_string(from), std::to_string(to), hexOf(known.publicKey),    hexOf(known.selfSecret)};
+  std::vector<char*> arguments;
+  for (std::string& text : texts) {
+    arguments.push_back(text.data());
+  }
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t quiet;
+  EXPECT_EQ(posix_spawn_file_actions_init(&quiet), 0);
+  EXPECT_EQ(posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0), 0);
+  pid_t child = 0;
+  EXPECT_EQ(posix_spawn(&child, arguments[0], &quiet, nullptr, arguments.data(), environ), 0);
+  (void)posix_spawn_file_actions_destroy(&quiet);
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The early allocations one by one, then at growing distances: a first use has thousands.
+std::vector<unsigned long> sampled(unsigned long last) {
+  std::vector<unsigned long> numbers;
+  for (unsigned long n = 1; n <= last; n += 1 + n / 10) {
+    numbers.push_back(n);
+  }
+  return numbers;
+}
+
+void expectNoCrashAtFirstUse(const Known& known) {
+  ASSERT_EQ(run(known, true, ULONG_MAX, ULONG_MAX), 0);
+  ASSERT_EQ(run(known, false, ULONG_MAX, ULONG_MAX), 0);
+  unsigned ownCrashes = 0;
+  for (const unsigned long n : sampled(6000)) {
+    for (const unsigned long last : {n, ULONG_MAX}) {
+      EXPECT_EQ(run(known, true, n, last), 0) << "OpenSSL set up, allocations " << n << " to " << last;
+      if (n > 1000 && last != n) {
+        continue;
+      }
+      const int bare = run(known, false, n, last);
+      ownCrashes += bare == openSslsOwnCrash;
+      EXPECT_TRUE(bare == 0 || bare == openSslsOwnCrash) << "allocations " << n << " to " << last << ": " << bare;
+    }
+  }
+  std::cout << "crashes of OpenSSL's own set-up, shown by a bare look-up: " << ownCrashes << '\n';
+}
+
+TEST_P(AllocationFailuresOfGroup, InsideOpenSslAtFirstUse) {
+  expectNoCrashAtFirstUse(make(GetParam()));
+}
+
+TEST_F(AllocationFailures, InsideOpenSslAtFirstUseOfADerivation) {
+  expectNoCrashAtFirstUse({MODP_NONE, {}, {}, knownStream});
+}
+
+// --- operator new -----------------------------------------------------------------------------------------------------------
+
+// Fails each operator new of the work in turn: only std::bad_alloc leaves, or a failure is answered.
+void sweepOperatorNew(const std::function<void(Attempt&)>& work, const std::function<bool(const Attempt&)>& right) {
+  for (int i = 0; i < 600; ++i) {  // fill the ring of the last lines
+    IpsecDHGeneral dh(MODP_NONE);
+    EXPECT_FALSE(dh.initIpsecDH());
+  }
+  Attempt first;
+  work(first);
+  EXPECT_TRUE(first.finished && right(first));
+  unsigned long thrown = 0;
+  unsigned long n = 1;
+  for (bool failed = true; failed; ++n) {
+    Attempt attempt;
+    const long before = operatorNew.live;
+    const long beforeOpenSsl = openSsl.live;
+    {
+      Attempt inner;
+      operatorNew.arm(n, n);
+      bool threw = false;
+      try {
+        work(inner);
+      } catch (const std::bad_alloc&) {
+        threw = true;
+      }
+      failed = operatorNew.disarm();
+      thrown += threw;
+      EXPECT_TRUE(threw || !failed || right(inner)) << "allocation " << n;
+      EXPECT_TRUE(failed || inner.finished);
+    }
+    EXPECT_EQ(operatorNew.live, before) << "leak, operator new " << n;
+    EXPECT_LE(openSsl.live, beforeOpenSsl) << "leak in OpenSSL, operator new " << n;
+  }
+  std::cout << "calls of operator new: " << n - 2 << ", thrown: " << thrown << '\n';
+  EXPECT_GE(thrown, 3U);
+}
+
+TEST_P(AllocationFailuresOfGroup, OfOperatorNew) {
+  const Known known = make(GetParam());
+  sweepOperatorNew([&known](Attempt& attempt) { exchange(known, attempt); },
+                   [&known](const Attempt& attempt) { return isRight(known, attempt); });
+}
+
+TEST_F(AllocationFailures, OfOperatorNewDuringADerivation) {
+  sweepOperatorNew([](Attempt& attempt) { derivation(attempt); },
+                   [](const Attempt& attempt) { return attempt.importedRight; });
+}
+
+TEST_F(AllocationFailures, OfOperatorNewForNonces) {
+  sweepOperatorNew(
+      [](Attempt& attempt) {
+        NonceGenerator generator(100);
+        ByteVector first;
+        ByteVector second;
+        ByteVector both;
+        attempt.finished = generator.generateNonce(&first) && generator.generateNonce(&second) &&
+                           generator.generateFullNonce(&both, &first, &second);
+      },
+      [](const Attempt&) { return true; });
+}
+
+INSTANTIATE_TEST_SUITE_P(Groups, AllocationFailuresOfGroup,
+                         testing::Values(MODP_1024, MODP_2048, MODP_2048_256, ECP_256, ECP_384, ECP_521));
+
+}  // namespace
+}  // namespace Ipsec::Testing
+
+int main(int argc, char** argv) {
+  if (CRYPTO_set_mem_functions(openSslMalloc, openSslRealloc, openSslFree) != 1) {
+    std::cerr << "OpenSSL was used before main\n";
+    return 1;
+  }
+  if (argc == 8 && std::strcmp(argv[1], Ipsec::Testing::coldOption) == 0) {
+    return Ipsec::Testing::attemptFromTheStart(argv + 2);
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
