@@ -40,8 +40,8 @@
 #include <thread>
 #include <vector>
 
-// ThreadSanitizer brings an allocation of its own, which cannot be replaced, and cannot be single-stepped: the tests that
-// need either are left out of its builds.
+// ThreadSanitizer brings an allocation of its own, which cannot be replaced, and cannot be single-stepped: the tests
+// that need either are left out of its builds.
 #ifdef __SANITIZE_THREAD__
 #define WITH_THREAD_SANITIZER
 #elif defined(__has_feature)
@@ -71,18 +71,18 @@ void keepSyslogText(int priority, const char* format, std::va_list values) {
 
 #ifndef WITH_THREAD_SANITIZER
 
-// The whole program's allocation, so that it can be made to fail.
-void* operator new(std::size_t size) {
+// The whole program's allocation, so that it can be made to fail. Not inlined: g++ would see new paired with free.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   void* const memory = memoryIsExhausted ? nullptr : std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) {
     throw std::bad_alloc();
   }
   return memory;
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
@@ -90,14 +90,15 @@ void operator delete(void* memory, std::size_t) noexcept {
 
 // The platform's calls of syslog end here instead of in the C library; the second name is the one that a build with
 // _FORTIFY_SOURCE calls.
-extern "C" void syslog(int priority, const char* format, ...) {
+extern "C" [[gnu::visibility("default")]] void syslog(int priority, const char* format, ...) {
   std::va_list values;
   va_start(values, format);
   keepSyslogText(priority, format, values);
   va_end(values);
 }
 
-extern "C" void __syslog_chk(int priority, int, const char* format, ...) {  // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" [[gnu::visibility("default")]] void __syslog_chk(int priority, int, const char* format, ...) {
   std::va_list values;
   va_start(values, format);
   keepSyslogText(priority, format, values);
@@ -106,7 +107,7 @@ extern "C" void __syslog_chk(int priority, int, const char* format, ...) {  // N
 
 namespace {
 
-// --- Running programs -------------------------------------------------------------------------------------------------
+// --- Running programs ------------------------------------------------------------------------------------------------
 
 // A file in memory, to be a child's standard stream.
 class MemoryFile {
@@ -217,7 +218,7 @@ std::string levelsIn(const std::string& error) {
   return levels;
 }
 
-// --- Roles of the program when it starts itself -----------------------------------------------------------------------
+// --- Roles of the program when it starts itself ----------------------------------------------------------------------
 
 // Made before any handle and so destroyed after all of them.
 struct LastWords {
@@ -357,7 +358,7 @@ constexpr Role roles[] = {
     {"write-vrfs", writeVrfs},
 };
 
-// --- Text traces ------------------------------------------------------------------------------------------------------
+// --- Text traces -----------------------------------------------------------------------------------------------------
 
 TEST(TraceHandle, TextLineHoldsEverythingAndEndsWithTheMessage) {
   const Outcome outcome = runRole({"trace-message", "Foo::bar Wrong size 12"});
@@ -458,7 +459,7 @@ TEST(TraceHandle, LinesOfSeveralThreadsStayWhole) {
   }
 }
 
-// --- Captures, levels at run time -------------------------------------------------------------------------------------
+// --- Captures, levels at run time ------------------------------------------------------------------------------------
 
 // "level message" of each text line, as a capture sees it.
 class TextLines {
@@ -554,7 +555,7 @@ TEST(TraceLevels, MalformedTextChangesNothing) {
   EXPECT_TRUE(Cor::setTraceLevels(""));
 }
 
-// --- The ring ---------------------------------------------------------------------------------------------------------
+// --- The ring --------------------------------------------------------------------------------------------------------
 
 TEST(RingTrace, KeepsTheLastLinesInOrder) {
   for (int number = 0; number < 600; ++number) {
@@ -590,7 +591,7 @@ TEST(Tracing, KeepsErrno) {
   EXPECT_EQ(errno, ECHILD);
 }
 
-// --- Log messages -----------------------------------------------------------------------------------------------------
+// --- Log messages ----------------------------------------------------------------------------------------------------
 
 constexpr Cor::LogMessage testMessage = {"TEST_MESSAGE", "%s has %d", "explanation", "action", 4};
 
@@ -670,7 +671,7 @@ TEST(LogHandle, StopsAtItsLimit) {
   EXPECT_EQ(sentOf(handle, 50), 7);
 }
 
-// --- Process runner ---------------------------------------------------------------------------------------------------
+// --- Process runner --------------------------------------------------------------------------------------------------
 
 TEST(Run, PassesTheArgumentsUntouched) {
   const Outcome outcome = runAndWait({"/usr/bin/printf", "[%s]", "a b", "", "$HOME", "*", "'\"\n"});
@@ -774,7 +775,7 @@ TEST(Run, AProgramThatCannotBeStartedIsNotStarted) {
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no child was left behind";
 }
 
-// --- Exhausted memory -------------------------------------------------------------------------------------------------
+// --- Exhausted memory ------------------------------------------------------------------------------------------------
 
 #ifndef WITH_THREAD_SANITIZER
 
@@ -825,7 +826,7 @@ TEST(ExhaustedMemory, StartsNoProgram) {
 
 #endif
 
-// --- VRF status table -------------------------------------------------------------------------------------------------
+// --- VRF status table ------------------------------------------------------------------------------------------------
 
 class VrfStatus : public testing::Test {
  protected:
@@ -1212,7 +1213,7 @@ TEST_F(VrfStatus, HandsItsMessageToTheCorruptionHandler) {
   EXPECT_TRUE(open()->corruptionHandler());
 }
 
-// --- Framework and agent types ----------------------------------------------------------------------------------------
+// --- Framework and agent types ---------------------------------------------------------------------------------------
 
 template <class T>
 std::string textOf(const T& value) {

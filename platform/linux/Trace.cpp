@@ -70,7 +70,7 @@ namespace {
 
 constexpr std::uint32_t errorsOnly = 1;
 
-// --- Levels -----------------------------------------------------------------------------------------------------------
+// --- Levels ----------------------------------------------------------------------------------------------------------
 
 bool isControl(char byte) noexcept {
   const auto value = static_cast<unsigned char>(byte);
@@ -148,7 +148,7 @@ TraceLevels::Masks levelsFromEnvironment() {
   return {};
 }
 
-// --- Sinks ------------------------------------------------------------------------------------------------------------
+// --- Sinks -----------------------------------------------------------------------------------------------------------
 
 // Puts errno back: what is traced is often about to be told from it.
 class ErrnoKeeper {
@@ -237,7 +237,7 @@ void writeRing(const TraceSite& site, std::string_view message) {
   Sinks::instance().ring.log(spdlog::details::log_msg({}, spdlog::level::info, viewOf(text)));
 }
 
-// --- Captures ---------------------------------------------------------------------------------------------------------
+// --- Captures --------------------------------------------------------------------------------------------------------
 
 struct Captures {
   std::atomic<bool> any = false;
@@ -278,7 +278,7 @@ void showToCaptures(TraceSink sink, const char* handle, unsigned level, const Tr
 
 TraceLevels::TraceLevels() : masks(levelsFromEnvironment()) {}
 
-// --- The facilities ---------------------------------------------------------------------------------------------------
+// --- The facilities --------------------------------------------------------------------------------------------------
 
 TraceHandle::TraceHandle(const char* name) noexcept : handleName(name), mask(errorsOnly) {
   try {

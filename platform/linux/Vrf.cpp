@@ -52,7 +52,7 @@ constexpr int quickLooks = 64;
 constexpr int slowLooks = 40;
 constexpr timespec nap = {0, 1'000'000};
 
-// --- Slots ------------------------------------------------------------------------------------------------------------
+// --- Slots -----------------------------------------------------------------------------------------------------------
 
 SlotWords freeWords() noexcept {
   SlotWords words = {};
@@ -162,8 +162,8 @@ bool isFree(const Slot& slot) noexcept {
   return words && (*words)[StateWord] == slotFree && (*words)[ChecksumWord] == checksumOf(*words);
 }
 
-// Finishes what a dead writer left unfinished, as far as nothing is lost by it: an entry that looks free is one of a VRF
-// that was not added yet, or was already gone.
+// Finishes what a dead writer left unfinished, as far as nothing is lost by it: an entry that looks free is one of a
+// VRF that was not added yet, or was already gone.
 void finishFreeSlots(Segment& segment) noexcept {
   for (Slot& slot : segment.slots) {
     const bool unfinished = slot.sequence.load(std::memory_order_relaxed) % 2 != 0;
@@ -173,7 +173,7 @@ void finishFreeSlots(Segment& segment) noexcept {
   }
 }
 
-// --- Segments ---------------------------------------------------------------------------------------------------------
+// --- Segments --------------------------------------------------------------------------------------------------------
 
 class Descriptor {
  public:
