@@ -2,7 +2,7 @@
 
 import re
 
-HEAD = re.compile(r"^\d+\[(?:IKE|CHD)\] (?P<label>.+?) => (?P<size>\d+) bytes @ ")
+HEAD = re.compile(r"^\d+\[(?P<part>IKE|CHD)\] (?P<label>.+?) => (?P<size>\d+) bytes @ ")
 DUMP = re.compile(r"^\d+\[(?:IKE|CHD)\] +\d+: (?P<hex>(?:[0-9A-F]{2} )+)")
 
 IKE_LABELS = {
@@ -28,24 +28,24 @@ CHILD_LABELS = {
     "integrity responder key": "integ_r",
 }
 
-IKE_SECRET = "shared Diffie Hellman secret"
-CHILD_SECRET = "DH secret"
+# Releases differ in what they call it.
+SECRETS = ("shared Diffie Hellman secret", "key exchange secret", "DH secret")
 CHILD_SEEDS = ("seed", "initiator SA seed")
 
 
 def dumps(text):
-    """Yields (label, hex digits) for every dump in the log."""
-    label, size, digits = None, 0, ""
+    """Yields (part of the daemon, label, hex digits) for every dump in the log."""
+    part, label, size, digits = None, None, 0, ""
     for line in text.splitlines():
         head = HEAD.match(line)
         if head:
-            label, size, digits = head["label"], int(head["size"]), ""
+            part, label, size, digits = head["part"], head["label"], int(head["size"]), ""
         dump = DUMP.match(line)
         if dump and label:
             digits += dump["hex"].replace(" ", "").lower()
         if label and len(digits) >= 2 * size:
             # The last column shows the bytes as text, and may look like more digits.
-            yield label, digits[:2 * size]
+            yield part, label, digits[:2 * size]
             label = None
 
 
@@ -53,13 +53,13 @@ def keys(text):
     """Returns {name: hex digits} of one agent's run: init.*, rekey.* (the last one), child1.*, child2.*."""
     found = {}
     phase, child, pending = None, 0, None
-    for label, digits in dumps(text):
-        if label == IKE_SECRET:
+    for part, label, digits in dumps(text):
+        if label in SECRETS and part == "IKE":
             phase = "init" if phase is None else "rekey"
             found[f"{phase}.secret"] = digits
         elif label in IKE_LABELS:
             found[f"{phase}.{IKE_LABELS[label]}"] = digits
-        elif label == CHILD_SECRET:
+        elif label in SECRETS:
             pending = digits
         elif label in CHILD_SEEDS:
             child += 1

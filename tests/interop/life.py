@@ -61,28 +61,29 @@ def deleted(name):
 
 
 def connection_rows(bench):
-    """A connection comes, changes and goes; its neighbour stays."""
+    """A connection comes, changes and goes; its neighbour stays, whose name begins with the connection's."""
     old, new = Suite(group=20, encr="aes128"), Suite(group=21, encr="aes256", prf="sha512")
-    address, neighbour = "10.51.200.1", "10.51.200.11"  # the second one's name begins as the first one's ends
-    psk = "of the changing connection"
+    beside_suite = Suite(group=14)
+    address, psk = "10.51.200.1", "of the changing connection"
     expect(bench, "a peer without a connection is refused", address, old, psk, REFUSED, "NO_PROPOSAL_CHOSEN")
 
-    beside = bench.configure(neighbour, FIRST_NUMBER + 1, old, psk)
+    beside = bench.configure(address, FIRST_NUMBER * 10, beside_suite, psk)
     name = bench.configure(address, FIRST_NUMBER, old, psk)
     reread(bench, added(name), added(beside))
     bench.place.stroke("rereadsecrets")
     expect(bench, "an added connection is up after SIGHUP", address, old, psk, SUCCESS)
+    expect(bench, "so is its neighbour", address, beside_suite, psk, SUCCESS)
 
     bench.configure(address, FIRST_NUMBER, new, psk)
     reread(bench, deleted(name), added(name))
     expect(bench, "a replaced connection refuses its old suite", address, old, psk, REFUSED, "NO_PROPOSAL_CHOSEN")
     expect(bench, "a replaced connection takes its new suite", address, new, psk, SUCCESS)
-    expect(bench, "its neighbour is untouched by the replacement", neighbour, old, psk, SUCCESS)
+    expect(bench, "its neighbour is untouched by the replacement", address, beside_suite, psk, SUCCESS)
 
     bench.library.connection(config=name, delete="")
     reread(bench, deleted(name))
     expect(bench, "a deleted connection is refused", address, new, psk, REFUSED, "NO_PROPOSAL_CHOSEN")
-    expect(bench, "its neighbour is untouched by the deletion", neighbour, old, psk, SUCCESS)
+    expect(bench, "its neighbour is untouched by the deletion", address, beside_suite, psk, SUCCESS)
 
 
 def file_rows(bench):
