@@ -51,13 +51,15 @@ namespace {
 // As EVP_get_digestbyname of the hash's name, asked once: its table is behind a lock, and a look-up costs as much as a
 // short output. Null when OpenSSL does not know the digest; throws for a hash that has no name.
 const EVP_MD* digestOf(HashAlgorithm hashAlgo) {
-  static std::array<std::atomic<const EVP_MD*>, HASH_SHA512 + 1> found;
-  const char* const name = checkedAt(hashAlgoToName, hashAlgo);
-  const EVP_MD* md = found[hashAlgo].load(std::memory_order_acquire);
-  if (md == nullptr) {
-    md = EVP_get_digestbyname(name);
-    found[hashAlgo].store(md, std::memory_order_release);
+  static std::array<std::atomic<const EVP_MD*>, HASH_SHA512 + 1> known;
+  if (hashAlgo < known.size()) {
+    if (const EVP_MD* md = known[hashAlgo].load(std::memory_order_acquire)) {
+      return md;
+    }
   }
+  const char* const name = checkedAt(hashAlgoToName, hashAlgo);
+  const EVP_MD* md = EVP_get_digestbyname(name);
+  known[hashAlgo].store(md, std::memory_order_release);
   return md;
 }
 

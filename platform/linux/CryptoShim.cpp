@@ -395,10 +395,13 @@ struct hmac_state {
   DigestContextPtr outer{EVP_MD_CTX_new()};
   DigestContextPtr running{EVP_MD_CTX_new()};
   KeyCopy key;
-  SecretBytes<256> pending;  // input that running has not absorbed yet
+  std::array<unsigned char, 256> pending;  // input that running has not absorbed yet
   std::size_t pendingLength = 0;
-  bool open = false;     // a computation is under way
-  bool started = false;  // running holds it
+  std::size_t pendingUsed = 0;  // by all computations: to be cleared
+  bool open = false;            // a computation is under way
+  bool started = false;         // running holds it
+
+  ~hmac_state() { OPENSSL_cleanse(pending.data(), pendingUsed); }
 };
 
 namespace {
@@ -439,12 +442,8 @@ bool fetchDigest(hmac_state& state, const EVP_MD* md) {
   return true;
 }
 
-// Absorbs a padded key, and turns it from one pad to the other.
-bool absorbPadded(EVP_MD_CTX* context, const EVP_MD* md, unsigned char* padded, std::size_t block) {
-  const bool absorbed = EVP_DigestInit_ex2(context, md, nullptr) == 1 && EVP_DigestUpdate(context, padded, block) == 1;
-  std::transform(padded, padded + block, padded,
-                 [](unsigned char byte) { return static_cast<unsigned char>(byte ^ innerPad ^ outerPad); });
-  return absorbed;
+bool absorbFirst(EVP_MD_CTX* context, const EVP_MD* md, const unsigned char* block, std::size_t length) {
+  return EVP_DigestInit_ex2(context, md, nullptr) == 1 && EVP_DigestUpdate(context, block, length) == 1;
 }
 
 // Prepares both states for a key: RFC 2104 section 2, a key longer than a block is hashed first.
@@ -454,20 +453,25 @@ bool absorbKey(hmac_state& state, const unsigned char* key, std::size_t keyLen) 
   if (blockSize <= 0 || static_cast<std::size_t>(blockSize) > maxBlockBytes) {
     return false;
   }
-  const auto block = static_cast<std::size_t>(blockSize);
-  SecretBytes<maxBlockBytes> padded;
-  padded.fill(0);
-  if (keyLen > block) {
-    if (EVP_Digest(key, keyLen, padded.data(), nullptr, md, nullptr) != 1) {
-      return false;
-    }
+  const auto length = static_cast<std::size_t>(blockSize);
+  std::array<unsigned char, maxBlockBytes> block;
+  const auto pad = [&](unsigned char value) {
+    std::transform(block.begin(), block.begin() + length, block.begin(),
+                   [value](unsigned char byte) { return static_cast<unsigned char>(byte ^ value); });
+  };
+  std::fill_n(block.begin(), length, static_cast<unsigned char>(0));
+  bool absorbed = true;
+  if (keyLen > length) {
+    absorbed = EVP_Digest(key, keyLen, block.data(), nullptr, md, nullptr) == 1;
   } else if (keyLen != 0) {
-    std::copy_n(key, keyLen, padded.begin());
+    std::copy_n(key, keyLen, block.begin());
   }
-  std::transform(padded.begin(), padded.end(), padded.begin(),
-                 [](unsigned char byte) { return static_cast<unsigned char>(byte ^ innerPad); });
-  return absorbPadded(state.inner.get(), md, padded.data(), block) &&
-         absorbPadded(state.outer.get(), md, padded.data(), block);
+  pad(innerPad);
+  absorbed = absorbed && absorbFirst(state.inner.get(), md, block.data(), length);
+  pad(innerPad ^ outerPad);  // from one pad to the other
+  absorbed = absorbed && absorbFirst(state.outer.get(), md, block.data(), length);
+  OPENSSL_cleanse(block.data(), length);
+  return absorbed;
 }
 
 bool installKey(hmac_state& state, const EVP_MD* md, const unsigned char* key, std::size_t keyLen) {
@@ -644,6 +648,7 @@ int hmac_update(struct hmac_ctx* ctx, const unsigned char* data, size_t dataLen)
   if (dataLen <= state->pending.size() - state->pendingLength) {
     std::copy_n(data, dataLen, state->pending.begin() + state->pendingLength);
     state->pendingLength += dataLen;
+    state->pendingUsed = std::max(state->pendingUsed, state->pendingLength);
     return 0;
   }
   state->open = absorbPending(*state) && EVP_DigestUpdate(state->running.get(), data, dataLen) == 1;
