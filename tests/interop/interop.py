@@ -21,6 +21,9 @@ import matrix
 import sandbox
 
 SKIPPED = 77
+
+# Long for a veth pair, short enough for a run in which nothing works.
+PATIENCE = ("--timeout", "400", "--tries", "3")
 ECHO = re.compile(r"^echo through \S+ in ([0-9.]+) ms$", re.MULTILINE)
 
 
@@ -87,7 +90,7 @@ class Bench:
         self.key_log.unlink(missing_ok=True)
         peer = sandbox.DAEMON6 if ":" in address else sandbox.DAEMON
         command = [self.agent, "--peer", peer, "--local", address, "--psk-file", str(self.psk_file),
-                   "--key-log", str(self.key_log), *arguments]
+                   "--key-log", str(self.key_log), *PATIENCE, *arguments]
         return subprocess.run(command, capture_output=True, text=True, timeout=120, check=False)
 
     def report(self, section, text, trouble, remark=""):
@@ -153,16 +156,24 @@ def start_daemon(bench, rows):
     sandbox.wait_until(lambda: bench.log_since(0).count("added configuration '") >= len(rows), "the connections", 30)
 
 
-def run_matrix(bench):
-    rows = matrix.all_rows()
+def run_rows(bench, rows, most_failures):
+    for done, row in enumerate(rows):
+        if len(bench.failures) >= most_failures:
+            bench.failures.append(f"given up after {most_failures} failures: {len(rows) - done} rows were not run")
+            return
+        run_row(bench, row)
+
+
+def run_matrix(bench, options):
+    rows = [row for row in matrix.all_rows() if options.only in row.section]
     bench.library.connection(default="%default", uniqueids="add")
     configure_rows(bench, rows)
     life.check_stopped(bench, "before the daemon's start")
     start_daemon(bench, rows)
     life.check_running(bench)
-    for row in rows:
-        run_row(bench, row)
-    life.run(bench)
+    run_rows(bench, rows, options.most_failures)
+    if options.only in life.SECTION:
+        life.run(bench)
     bench.place.stop_daemon()
     life.check_stopped(bench, "after the daemon's end")
 
@@ -211,8 +222,11 @@ def inside(options):
         bench = Bench(place, library, options.agent)
         if options.by_hand is not None:
             return run_by_hand(bench, options.by_hand)
-        run_demo(bench) if options.demo else run_matrix(bench)
+        run_demo(bench) if options.demo else run_matrix(bench, options)
         return bench.tally()
+    except RuntimeError as error:
+        print(f"interop: FAILED: {error}", flush=True)
+        return 1
     finally:
         if options.keep_log:
             log = sandbox.CONF_DIR / "charon.log"
@@ -241,6 +255,9 @@ def parse_options():
     parser.add_argument("--config", required=True, help="the program interop-config")
     parser.add_argument("--demo", action="store_true", help="negotiate each group once and show a table")
     parser.add_argument("--keep-log", metavar="FILE", help="copy the daemon's log, keys included, to FILE at the end")
+    parser.add_argument("--only", default="", metavar="TEXT", help="run the sections whose name contains TEXT")
+    parser.add_argument("--most-failures", type=int, default=25, metavar="N",
+                        help="leave the rest of the matrix out after N failed rows (default 25)")
     parser.add_argument("--by-hand", nargs=argparse.REMAINDER, metavar="OPTION",
                         help="run the agent once with these options, such as --by-hand -v --group 20 --prf sha384")
     parser.add_argument("--inside", help=argparse.SUPPRESS)
