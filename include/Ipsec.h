@@ -1,6 +1,7 @@
 // IPsec helpers for IKE agents: Diffie-Hellman, key material, the IKE daemon's files, host control.
 //
-// In the order in which an agent uses it: shared types, Diffie-Hellman, key material, configuration files, host control.
+// In the order in which an agent uses it: shared types, Diffie-Hellman, key material, configuration files, host
+// control.
 //
 // Conventions that hold for every declaration here, unless it says otherwise:
 // - Numbers in byte vectors are big-endian. Lengths are in bytes. Key lengths of transforms are in bits.
@@ -16,7 +17,8 @@
 // - No key, secret, nonce or setting's value is ever written to a trace.
 // - OpenSSL's reasons for a failure may be left in the calling thread's OpenSSL error queue.
 //
-// Virtual functions and data members stand in an order that callers were compiled against: append nothing, move nothing.
+// Virtual functions and data members stand in an order that callers were compiled against: append nothing, move
+// nothing.
 #pragma once
 
 #include "platform/AgentTypes.h"
@@ -104,8 +106,8 @@ struct EncryptAlgoWithKeyLen {
 // IpsecDH is one IKE Diffie-Hellman exchange for one group. Most callers use IpsecDHGeneral, which picks the form.
 //
 // Call order: construct; setDHGroup if the group changes; initIpsecDH; getMyPublicKey, getMyPrivateKey, setMyPrivateKey
-// as needed; setPeerPublicKey; getSharedSecret as often as needed. A call before initIpsecDH has succeeded returns false
-// and touches nothing. Objects are not copyable: they own OpenSSL handles, which the destructor clears and frees.
+// as needed; setPeerPublicKey; getSharedSecret as often as needed. A call before initIpsecDH has succeeded returns
+// false and touches nothing. Objects are not copyable: they own OpenSSL handles, which the destructor clears and frees.
 class IPSEC_EXPORT IpsecDH {
  public:
   // Takes any number as the group; initIpsecDH refuses one that it does not know.
@@ -187,8 +189,8 @@ class IPSEC_EXPORT IpsecDHModp : public IpsecDH {
 //
 // setPeerPublicKey refuses a point that is not on the curve. Coordinates at or above the field's prime are first
 // reduced by it, and the point they then name is judged. The curves have cofactor 1, so a point on the curve needs no
-// subgroup check. When the derivation itself fails, the buffer of an earlier secret has been overwritten with zero bytes
-// while getSharedSecret still answers: do not read a secret after a failed setPeerPublicKey.
+// subgroup check. When the derivation itself fails, the buffer of an earlier secret has been overwritten with zero
+// bytes while getSharedSecret still answers: do not read a secret after a failed setPeerPublicKey.
 //
 // setMyPrivateKey leaves an earlier secret readable. When the new key pair cannot be made the old one is gone, and all
 // that needs a key fails. A private number longer than the group's order is taken, but cannot be read back.
@@ -261,8 +263,8 @@ class IPSEC_EXPORT NonceGenerator {
   // Takes any length in bytes, 0 too; at most INT_MAX.
   explicit NonceGenerator(unsigned long nonceLen);
 
-  // Writes a fresh nonce from OpenSSL's RAND_bytes. Returns false only for RAND_bytes' result -1 (no generator); out then
-  // has the nonce's length and undefined contents. A generator that fails otherwise (RAND_bytes' result 0) is not
+  // Writes a fresh nonce from OpenSSL's RAND_bytes. Returns false only for RAND_bytes' result -1 (no generator); out
+  // then has the nonce's length and undefined contents. A generator that fails otherwise (RAND_bytes' result 0) is not
   // reported: a caller that must know asks RAND_status() first.
   bool generateNonce(ByteVector* out);
 
@@ -334,7 +336,7 @@ class IPSEC_EXPORT HmacPRFunc : public PRFunc {
 };
 
 // PRFuncPlus is the endless stream of key material prf+ (RFC 7296 section 2.13), or the chained expansion without the
-// counter (RFC 2409 section 5.5 and appendix B).
+// counter of IKEv1's quick mode (RFC 2409 section 5.5).
 //
 // The PRFunc is borrowed, and must be keyed and used by nobody else while the stream is drawn. Any PRFunc will do.
 class IPSEC_EXPORT PRFuncPlus {
@@ -386,8 +388,10 @@ IPSEC_EXPORT void printVector(const char* label, const ByteVector* vec);
 // - What cannot be written whole is never moved into place: the old file stays, and one line is traced ("Error renaming
 //   tmp file to ..."). The temporary file stays behind; the next call empties it.
 // - An exception leaves the call before anything is moved: the old file is untouched, the temporary file stays behind.
-// - An old file that is missing or cannot be read counts as empty; one that fails midway counts as its whole lines so far.
-// - Values are written exactly as they are given: a newline in a value is a newline in the file. The caller checks them.
+// - An old file that is missing or cannot be read counts as empty; one whose reading fails midway, as its whole lines
+//   so far.
+// - Values are written exactly as they are given: a newline in a value is a newline in the file. The caller checks
+//   them.
 // - The new file's mode comes from the process's umask, whatever the old file's was: set umask(077) around
 //   writeSecrets, and restore it.
 // - Nothing is synced to disk, and the daemon is not told: it rereads the connections on SIGHUP to its starter and the
@@ -411,19 +415,34 @@ IPSEC_EXPORT Vello::String getConnNameFromKey(const ConnectionKey& key);
 //   default     "%default": the call concerns the section "conn %default". Any other value names the section to take
 //               out, while the one written is named by config
 //   delete      present: take the section out, write none
-//   uniqueids   "add": put "config setup" with uniqueids=no at the top in place of the file's own; any other value: drop
-//               the file's "config setup" section; absent: keep it
+//   uniqueids   "add": put "config setup" with uniqueids=no at the top in place of the file's own; any other value:
+//               drop the file's "config setup" section; absent: keep it
 //
-// What an ordinary section holds (* required):
-//   ikeVersion -> keyexchange (pass ikev1, ikev2 or ike: the daemon refuses numbers)      authby (an authentication
-//   type's text: that of PreSharedKey or of PublicKey)      ikelifetime, lifetime (seconds, digits only)      reqid*
-//   left*      leftsubnet      localid -> leftid      right*      remoteid -> rightid (an X.500 name needs its quotes in
-//   the value)      ike, esp (end a proposal with "!" or the daemon adds its own)      tunnelMode (IpsecGre, IpsecVti)
-//   mark      action -> dpdaction, and then interval* -> dpddelay, timeout* -> dpdtimeout      encap (present:
-//   forceencaps=yes)      type      replayWindowSize -> replay_window      packetLimit -> lifepackets, marginpackets,
-//   byteLimit -> lifebytes, marginbytes (margins below the limits: the daemon does not check)      reauth
+// What an ordinary section holds; the settings with * are required:
+//   config*            conn, the head line
+//   ikeVersion         keyexchange; pass ikev1, ikev2 or ike: the daemon refuses numbers
+//   authby             authby; an authentication type's text, that of PreSharedKey or of PublicKey
+//   ikelifetime        ikelifetime in seconds; digits only, the unit is added
+//   lifetime           lifetime in seconds, likewise
+//   reqid*             reqid
+//   left*              left, the local address
+//   leftsubnet         leftsubnet
+//   localid            leftid; an X.500 name needs its quotes in the value, or the daemon refuses the whole file
+//   right*             right, the remote address
+//   remoteid           rightid, as localid
+//   ike, esp           proposals; end them with "!", or the daemon adds its own
+//   tunnelMode         "IpsecGre": leftprotoport=47 and rightprotoport=47; "IpsecVti": leftsubnet=0.0.0.0/0 and
+//                      rightsubnet=0.0.0.0/0, also behind a leftsubnet of the settings
+//   mark               mark
+//   action             dpdaction; then interval* is dpddelay and timeout* is dpdtimeout
+//   encap              present: forceencaps=yes
+//   type               type
+//   replayWindowSize   replay_window
+//   packetLimit        lifepackets; marginpackets beside it. The daemon does not check that a margin is below its limit
+//   byteLimit          lifebytes; marginbytes beside it
+//   reauth             reauth
 // The default section takes authby, ikelifetime, lifetime, ikeVersion, esp, ike, packetLimit, marginpackets, byteLimit
-// and marginbytes, all optional; without ikeVersion it says keyexchange=2, which the daemon does not take as a version:
+// and marginbytes, all optional. Without ikeVersion it says keyexchange=2, which the daemon does not take as a version:
 // give every section its own ikeVersion.
 //
 // The name stands unescaped in the regular expression that finds the section ("^conn NAME$", ECMAScript): "." matches
@@ -458,8 +477,8 @@ IPSEC_EXPORT void writeSecrets(stringmap entry);
 IPSEC_EXPORT int _execCommand(const char** argv);
 
 // Load and unload the kernel's crypto modules (aes-x86_64, aesni_intel, crypto_null) with /sbin/modprobe and
-// /sbin/rmmod, one after the other. A module that cannot be loaded is not an error: only a command that could not be run
-// is traced, and the next one goes on. Need CAP_SYS_MODULE.
+// /sbin/rmmod, one after the other. A module that cannot be loaded is not an error: only a command that could not be
+// run is traced, and the next one goes on. Need CAP_SYS_MODULE.
 IPSEC_EXPORT void enableCryptoModules();
 IPSEC_EXPORT void disableCryptoModules();
 
@@ -467,8 +486,8 @@ IPSEC_EXPORT void disableCryptoModules();
 IPSEC_EXPORT void enableFlowEncapModule();
 
 // Raises the kernel's limit of an IPsec state's replay window to 65536 packets, by writing
-// /proc/sys/net/core/xfrm_replay_esn_max. A host without the setting, or a caller without the right, gets one trace line
-// (level 1).
+// /proc/sys/net/core/xfrm_replay_esn_max. A host without the setting, or a caller without the right, gets one trace
+// line (level 1).
 IPSEC_EXPORT void setMaxReplayWindow();
 
 // Tells whether the IKE daemon runs: whether the process named by the first line of

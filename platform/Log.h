@@ -32,9 +32,9 @@ class LogHandle {
   LogHandle(const LogHandle&) = delete;
   LogHandle& operator=(const LogHandle&) = delete;
 
-  // Formats the message's text with the values, which must be what its format asks for, and sends "KEY: text" to syslog.
-  // Returns whether it was sent (false: held back by share, interval or limit, or out of memory). Never throws. Any
-  // thread may call it.
+  // Formats the message's text with the values, which must be what its format asks for, and sends "KEY: text" to
+  // syslog. Returns whether it was sent (false: held back by share, interval or limit, or out of memory). Never throws.
+  // Any thread may call it.
   template <class... Values>
   bool emit(Values... values) noexcept {
     return send(registered.format, values...);

@@ -4,8 +4,8 @@
 // the traced code does. A line that cannot be written (memory exhausted, standard error closed) is lost.
 //
 // A text line goes to standard error as "time handle level file:line function message". Control characters in a message
-// are written as "?", so that a line is one line. All functions may be called from any thread, and until the very end of
-// the process.
+// are written as "?", so that a line is one line. All functions may be called from any thread, and until the very end
+// of the process.
 #pragma once
 
 #include <atomic>

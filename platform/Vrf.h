@@ -95,13 +95,13 @@ class VrfIdMap {
 };
 
 // The VRF status table, a named POSIX shared-memory segment. One process creates it and writes; any number of others
-// open it and read, without a lock: each entry has a sequence counter and a checksum, and a reader that meets a write in
-// progress looks again a bounded number of times (for some tens of milliseconds). A writer that died in the middle of an
-// entry leaves that entry damaged, which a reader reports; it never stops a reader.
+// open it and read, without a lock: each entry has a sequence counter and a checksum, and a reader that meets a write
+// in progress looks again a bounded number of times (for some tens of milliseconds). A writer that died in the middle
+// of an entry leaves that entry damaged, which a reader reports; it never stops a reader.
 //
-// A damaged entry stays so until a writer sets or erases the VRF that it names; one that was being added or removed when
-// its writer died is finished as missing by the next create(). An entry whose number is damaged is got rid of only with
-// the segment: remove it, create it anew.
+// A damaged entry stays so until a writer sets or erases the VRF that it names; one that was being added or removed
+// when its writer died is finished as missing by the next create(). An entry whose number is damaged is got rid of only
+// with the segment: remove it, create it anew.
 //
 // One thread of the writer writes at a time. Reading needs nothing of the kind.
 class VrfIdMap::Status {

@@ -419,8 +419,8 @@ bool ecpToVector(const EC_GROUP* group, const EC_POINT* point, ByteVector* out) 
   return true;
 }
 
-// Tells whether an encoded point is 0x04 | x | y, of full length and with neither coordinate zero: past its first octet it
-// is then what ecpToVector writes. Decoding it only to encode it again would be two thirds of getMyPublicKey's time:
+// Tells whether an encoded point is 0x04 | x | y, of full length and with neither coordinate zero: past its first octet
+// it is then what ecpToVector writes. Decoding it only to encode it again would be two thirds of getMyPublicKey's time:
 // OpenSSL inverts a field element for it. Anything else, the infinity or a compressed point, takes that way.
 bool isWireForm(const unsigned char* octets, std::size_t length, std::size_t fieldLen) {
   const auto nonZero = [](unsigned char byte) { return byte != 0; };
