@@ -47,7 +47,7 @@ ByteVector orderOf(DhGroupNum group) {
   }
 }
 
-// --- Call order ---------------------------------------------------------------------------------------------------------
+// --- Call order ------------------------------------------------------------------------------------------------------
 
 TEST(DhEcp, TwoObjectsAgreeOnASecretInEveryGroup) {
   for (const GroupCase& each : ecpGroups) {
@@ -137,7 +137,7 @@ TEST(DhEcp, EntersItsFunctionsAtLevel4) {
   EXPECT_EQ(traces.errors(), Lines{});
 }
 
-// --- Known answers ------------------------------------------------------------------------------------------------------
+// --- Known answers ---------------------------------------------------------------------------------------------------
 
 void expectEcpBlock(Block& block) {
   const ByteVector ownPrivate = block.bytes("Private");
@@ -206,7 +206,7 @@ TEST(DhEcp, OutputsAreResizedAndOverwritten) {
   }
 }
 
-// --- Own keys -----------------------------------------------------------------------------------------------------------
+// --- Own keys --------------------------------------------------------------------------------------------------------
 
 TEST(DhEcp, GeneratedKeysAreBelowTheOrderAndDiffer) {
   for (const GroupCase& each : ecpGroups) {
@@ -329,7 +329,7 @@ TEST(DhEcp, LongPrivateKeysAreUsedWhole) {
   }
 }
 
-// --- Hostile peers ------------------------------------------------------------------------------------------------------
+// --- Hostile peers ---------------------------------------------------------------------------------------------------
 
 TEST(DhEcp, RefusesEveryOtherLength) {
   for (const GroupCase& each : ecpGroups) {

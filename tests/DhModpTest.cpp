@@ -16,7 +16,7 @@ const Lines lengthRefused(DhGroupNum group, std::size_t given, std::size_t expec
 const Lines secretRefused = {"IpsecDHModp::setPeerPublicKey Failed to compute the shared secret"};
 const Lines noSecret = {"IpsecDHModp::getSharedSecret Shared secret has not been computed"};
 
-// --- Call order ---------------------------------------------------------------------------------------------------------
+// --- Call order ------------------------------------------------------------------------------------------------------
 
 TEST(DhModp, TwoObjectsAgreeOnASecretInEveryGroup) {
   for (const GroupCase& each : modpGroups) {
@@ -145,7 +145,7 @@ TEST(DhModp, ErrorsReachTheRingWhenTheirLevelIsOff) {
   EXPECT_EQ(traces.text(), Lines{});
 }
 
-// --- Known answers ------------------------------------------------------------------------------------------------------
+// --- Known answers ---------------------------------------------------------------------------------------------------
 
 void expectModpBlock(Block& block) {
   const ByteVector ownPrivate = block.bytes("Private");
@@ -204,7 +204,7 @@ TEST(DhModp, OutputsAreResizedAndOverwritten) {
   }
 }
 
-// --- Own keys -----------------------------------------------------------------------------------------------------------
+// --- Own keys --------------------------------------------------------------------------------------------------------
 
 TEST(DhModp, GeneratedExponentsHaveTwiceTheStrengthOfTheGroup) {
   for (const GroupCase& each : modpGroups) {
@@ -255,7 +255,7 @@ TEST(DhModp, NewPrivateKeyForgetsTheSecret) {
   EXPECT_EQ(secret(dh), padded({9}, 256));
 }
 
-// Kept: a private key is used as it is. Zero is a key too, and fails where it is used: its public value 1 is handed out.
+// Kept: a private key is used as it is. Zero is one too: its public value is 1, and it fails where it is used.
 TEST(DhModp, PrivateKeyZeroIsTakenAndFailsInUse) {
   for (const GroupCase& each : modpGroups) {
     for (const std::size_t zeros : {0U, 1U, 32U, 1000U}) {
@@ -333,7 +333,7 @@ TEST(DhModp, LongPrivateKeysAreUsedWhole) {
   }
 }
 
-// --- Hostile peers ------------------------------------------------------------------------------------------------------
+// --- Hostile peers ---------------------------------------------------------------------------------------------------
 
 TEST(DhModp, RefusesEveryOtherLength) {
   for (const GroupCase& each : modpGroups) {

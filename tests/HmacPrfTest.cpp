@@ -19,7 +19,7 @@ ByteVector hmac(HashAlgorithm hash, const ByteVector& hmacKey, const ByteVector&
   return output;
 }
 
-// --- Call order ---------------------------------------------------------------------------------------------------------
+// --- Call order ------------------------------------------------------------------------------------------------------
 
 TEST(HmacPrf, RefusesEverythingBeforeInit) {
   HmacPRFunc prf;
@@ -103,7 +103,7 @@ TEST(HmacPrf, UnusedObjectIsDestroyedQuietly) {
   EXPECT_EQ(traces.text(), Lines{"~HmacPRFunc: "});
 }
 
-// --- Known answers ------------------------------------------------------------------------------------------------------
+// --- Known answers ---------------------------------------------------------------------------------------------------
 
 TEST(HmacPrf, AnswersTheVectors) {
   const std::size_t blocks = forEachBlock(vectors("hmac.txt"), [](Block& block) {
@@ -177,7 +177,7 @@ TEST(HmacPrf, OutputMayBeAVectorThatWasAbsorbed) {
   EXPECT_EQ(absorbed, hmac(HASH_SHA256, key, data + key));
 }
 
-// --- Keys ---------------------------------------------------------------------------------------------------------------
+// --- Keys ------------------------------------------------------------------------------------------------------------
 
 TEST(HmacPrf, EachOutputStartsAfreshUnderTheSameKey) {
   for (const HashAlgorithm hash : {HASH_SHA1, HASH_SHA256, HASH_SHA384, HASH_SHA512}) {
@@ -263,7 +263,7 @@ TEST(HmacPrf, ObjectsDoNotShareAnything) {
   EXPECT_EQ(secondOutput, hmac(HASH_SHA384, other, key + data));
 }
 
-// --- Through the virtual slots --------------------------------------------------------------------------------------------
+// --- Through the virtual slots ---------------------------------------------------------------------------------------
 
 class ShortPrf : public HmacPRFunc {
  public:

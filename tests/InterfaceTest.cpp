@@ -18,7 +18,7 @@
 namespace Ipsec::Testing {
 namespace {
 
-// --- Numbers ------------------------------------------------------------------------------------------------------------
+// --- Numbers ---------------------------------------------------------------------------------------------------------
 
 template <class Enumeration, class... Numbers>
 constexpr bool areNumbers(std::initializer_list<Enumeration> names, Numbers... numbers) {
@@ -42,7 +42,7 @@ static_assert(areNumbers({ENCR_3DES, ENCR_NULL, ENCR_AES_CBC, ENCR_AES_GCM_8, EN
                          12, 18, 19, 20));
 static_assert(areNumbers({HASH_SHA1, HASH_SHA256, HASH_SHA384, HASH_SHA512}, 1, 2, 3, 4));
 
-// --- Sizes and copies -----------------------------------------------------------------------------------------------------
+// --- Sizes and copies ------------------------------------------------------------------------------------------------
 
 static_assert(std::is_same_v<ByteVector, std::vector<unsigned char>>);
 static_assert(sizeof(EncryptAlgoWithKeyLen) == 16);
@@ -71,7 +71,7 @@ static_assert(!std::is_polymorphic_v<PRFuncPlus> && !std::is_polymorphic_v<Nonce
 // A group's number must not turn into an object by accident.
 static_assert(!std::is_convertible_v<DhGroupNum, IpsecDHGeneral>);
 
-// --- Fields ---------------------------------------------------------------------------------------------------------------
+// --- Fields ----------------------------------------------------------------------------------------------------------
 
 template <class T>
 T field(const void* object, std::size_t offset) {
@@ -205,7 +205,7 @@ TEST(Interface, FieldsOfTheStream) {
   EXPECT_EQ(field<std::uint8_t>(&plus, 32), 3);
 }
 
-// --- Virtual slots --------------------------------------------------------------------------------------------------------
+// --- Virtual slots ---------------------------------------------------------------------------------------------------
 
 // The Itanium ABI holds a pointer to a virtual function as 1 + its offset in the table.
 template <class Function>
@@ -289,7 +289,7 @@ TEST(Interface, DeletingThroughTheBaseDestroysTheForm) {
   EXPECT_EQ(traces.text(), (Lines{"~IpsecDHModp: ", "~HmacPRFunc: "}));
 }
 
-// --- Exported names -------------------------------------------------------------------------------------------------------
+// --- Exported names --------------------------------------------------------------------------------------------------
 
 std::string output(const std::string& command) {
   const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
@@ -333,7 +333,7 @@ TEST(Interface, ExportsTheListedNamesAndNoOther) {
   }
 }
 
-// --- The registered message -------------------------------------------------------------------------------------------------
+// --- The registered message ------------------------------------------------------------------------------------------
 
 TEST(Interface, RegistersItsLogMessage) {
   std::size_t found = 0;

@@ -73,7 +73,7 @@ TEST(KeyLength, NothingIsTraced) {
   EXPECT_TRUE(traces.lines().empty());
 }
 
-// --- Dumps --------------------------------------------------------------------------------------------------------------
+// --- Dumps -----------------------------------------------------------------------------------------------------------
 
 // Takes what std::cout is given while it lives, and puts the stream back as it was.
 class CoutCapture {

@@ -41,7 +41,7 @@ ByteVector sha256(const ByteVector& bytes) {
   return digest;
 }
 
-// --- Known answers ------------------------------------------------------------------------------------------------------
+// --- Known answers ---------------------------------------------------------------------------------------------------
 
 TEST(PrfPlus, AnswersTheVectors) {
   const std::size_t blocks = forEachBlock(vectors("prf_plus.txt"), [](Block& block) {
@@ -88,7 +88,7 @@ TEST(PrfPlus, ChainedModeIsTheStreamOfRfc2409) {
   EXPECT_EQ(draw(plus, expected.size()), expected);
 }
 
-// --- Pieces -------------------------------------------------------------------------------------------------------------
+// --- Pieces ----------------------------------------------------------------------------------------------------------
 
 TEST(PrfPlus, PiecesJoinToTheStream) {
   for (const bool counter : {true, false}) {
@@ -122,7 +122,7 @@ TEST(PrfPlus, OutputIsResizedAndOverwritten) {
   EXPECT_TRUE(out.empty());
 }
 
-// --- Any PRF below ------------------------------------------------------------------------------------------------------
+// --- Any PRF below ---------------------------------------------------------------------------------------------------
 
 // A PRF that notes what it is given, answers blocks of chosen sizes and fails where it is told to.
 class ScriptedPrf : public PRFunc {
@@ -242,7 +242,7 @@ TEST(PrfPlus, SecondInitKeepsSeedAndPosition) {
   EXPECT_EQ(prf.computations[2], (ByteVector{2, 2, 2, 2}) + seed + ByteVector{3});
 }
 
-// --- Refusals -----------------------------------------------------------------------------------------------------------
+// --- Refusals --------------------------------------------------------------------------------------------------------
 
 TEST(PrfPlus, RefusesToDrawBeforeInit) {
   ScriptedPrf prf;

@@ -21,8 +21,8 @@ std::uint64_t wordAt(const unsigned char* bytes) {
   return word;
 }
 
-// Secrets remembers every run of eight bytes of what it is given, and finds them in text: as raw bytes, and as hex digits
-// of either case, whatever stands between the digits.
+// Secrets remembers every run of eight bytes of what it is given, and finds them in text: as raw bytes, and as hex
+// digits of either case, in one word or with separators.
 class Secrets {
  public:
   void add(const std::string& name, const ByteVector& bytes) {
@@ -89,7 +89,7 @@ void expectSecrecy(const TraceRecorder& traces, const Secrets& secrets) {
   }
 }
 
-// --- The scan itself ----------------------------------------------------------------------------------------------------------
+// --- The scan itself -------------------------------------------------------------------------------------------------
 
 TEST(Secrecy, TheScanFindsPlantedSecrets) {
   Secrets secrets;
@@ -104,7 +104,7 @@ TEST(Secrecy, TheScanFindsPlantedSecrets) {
   EXPECT_EQ(secrets.foundIn("33deadbeef4455"), "");  // seven bytes
 }
 
-// --- Everything the crypto core does ------------------------------------------------------------------------------------------
+// --- Everything the crypto core does ---------------------------------------------------------------------------------
 
 template <class Dh>
 void exchange(DhGroupNum group, Secrets& secrets) {

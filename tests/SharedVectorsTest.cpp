@@ -43,7 +43,7 @@ constexpr const char* shared = IPSEC_SHARED_VECTORS;        // as it is
 #define IPSEC_NEEDS_PACKAGE() IPSEC_NEEDS(package, "NIST's sets of the package python3-cryptography-vectors")
 #define IPSEC_NEEDS_SHARED() IPSEC_NEEDS(shared, "the further sets of the folder IPSEC_SHARED_VECTORS")
 
-// --- Checks -------------------------------------------------------------------------------------------------------------
+// --- Checks ----------------------------------------------------------------------------------------------------------
 
 void exchange(Block& block) {
   IpsecDHGeneral dh(groupOf(block));
@@ -111,7 +111,7 @@ void expectPrime(DhGroupNum group, const ByteVector& prime, const ByteVector& ge
   refusal(group, prime);
 }
 
-// --- NIST's sets, as Debian packages them -----------------------------------------------------------------------------------
+// --- NIST's sets, as Debian packages them ----------------------------------------------------------------------------
 
 TEST(SharedVectors, NistEcdh) {
   IPSEC_NEEDS_PACKAGE();
@@ -148,7 +148,7 @@ TEST(SharedVectors, PackagedFiguresOfRfc5114And3526) {
       [](Block& block) { expectPrime(groupOf(block), block.bytes("Prime"), block.bytes("Generator")); });
 }
 
-// --- The further sets -------------------------------------------------------------------------------------------------------
+// --- The further sets ------------------------------------------------------------------------------------------------
 
 TEST(SharedVectors, NistIkev2KeyDerivation) {
   IPSEC_NEEDS_SHARED();

@@ -19,7 +19,7 @@ const ByteVector two = {2};
 const ByteVector three = padded({3}, 256);
 const ByteVector nine = padded({9}, 256);
 
-// --- MODP -----------------------------------------------------------------------------------------------------------------
+// --- MODP ------------------------------------------------------------------------------------------------------------
 
 class ModpFailures : public testing::Test {
  protected:
@@ -252,7 +252,7 @@ TEST_F(ModpFailures, NumbersAreBorrowedByTheShimAndFreedByTheLibrary) {
   EXPECT_EQ(count.calls(), 1U);
 }
 
-// --- Curves -----------------------------------------------------------------------------------------------------------------
+// --- Curves ----------------------------------------------------------------------------------------------------------
 
 const Lines noOwnKey = {"IpsecDHEcp::initIpsecDH Failed to initialize its own private and public EC keys"};
 const Lines noPeerPoint = {"IpsecDHEcp::initIpsecDH Failed to initialize peer's public key"};
@@ -465,7 +465,7 @@ TEST_F(EcpFailures, SecretHasTheLengthThatTheShimReports) {
   EXPECT_EQ(secret(dh), ByteVector{9});
 }
 
-// --- HMAC and prf+ ------------------------------------------------------------------------------------------------------------
+// --- HMAC and prf+ ---------------------------------------------------------------------------------------------------
 
 const ByteVector hmacKey(32, 0x4B);
 const ByteVector input = {'d', 'a', 't', 'a'};
@@ -660,7 +660,7 @@ TEST_F(HmacFailures, StreamReportsFromTheInsideOut) {
   }
 }
 
-// --- Nonces -------------------------------------------------------------------------------------------------------------------
+// --- Nonces ----------------------------------------------------------------------------------------------------------
 
 TEST(NonceFailures, OnlyMinusOneIsAFailure) {
   NonceGenerator generator(16);

@@ -26,7 +26,7 @@ std::map<typename Map::key_type, typename Map::mapped_type> sorted(const Map& ma
   return {map.begin(), map.end()};
 }
 
-// --- Tables -------------------------------------------------------------------------------------------------------------
+// --- Tables ----------------------------------------------------------------------------------------------------------
 
 TEST(DhInternals, SizesOfPublicValues) {
   const std::map<DhGroupNum, std::uint64_t> expected = {
@@ -87,7 +87,7 @@ TEST(DhInternals, CheckedLookupThrowsItsOwnText) {
   }
 }
 
-// --- The check of a peer's value --------------------------------------------------------------------------------------------
+// --- The check of a peer's value -------------------------------------------------------------------------------------
 
 TEST(DhInternals, ValuesOfTheRightLengthPassWhateverTheyHold) {
   TraceRecorder traces("IpsecKeyGen=0");
@@ -137,7 +137,7 @@ TEST(DhInternals, CheckTracesItsGroupAtLevel4) {
   EXPECT_EQ(traces.text(4).size(), 2U);
 }
 
-// --- Points -------------------------------------------------------------------------------------------------------------
+// --- Points ----------------------------------------------------------------------------------------------------------
 
 struct Curve {
   explicit Curve(int nid) : group(EC_GROUP_new_by_curve_name(nid)), point(EC_POINT_new(group.get())) {}

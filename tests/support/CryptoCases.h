@@ -53,7 +53,7 @@ inline bool isCurve(DhGroupNum group) {
   return group == ECP_256 || group == ECP_384 || group == ECP_521;
 }
 
-// --- Bytes ------------------------------------------------------------------------------------------------------------
+// --- Bytes -----------------------------------------------------------------------------------------------------------
 
 inline ByteVector fromHex(std::string_view hex) {
   ByteVector bytes;
@@ -104,7 +104,7 @@ inline std::string vectors(const std::string& name) {
   return std::string(IPSEC_TEST_VECTORS "/") + name;
 }
 
-// --- Answers ----------------------------------------------------------------------------------------------------------
+// --- Answers ---------------------------------------------------------------------------------------------------------
 
 template <class Dh>
 ByteVector publicKey(Dh& dh) {

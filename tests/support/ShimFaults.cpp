@@ -103,7 +103,7 @@ CompressedPoints::~CompressedPoints() {
 
 extern "C" {
 
-// --- The crypto shim ------------------------------------------------------------------------------------------------------
+// --- The crypto shim -------------------------------------------------------------------------------------------------
 
 EVP_PKEY* EVP_PKEY_DH_params_2048_256(void) {
   static auto* const next = REAL(EVP_PKEY_DH_params_2048_256);
@@ -183,7 +183,7 @@ void hmac_cleanup(struct hmac_ctx* ctx) {
   next(ctx);
 }
 
-// --- OpenSSL: numbers -------------------------------------------------------------------------------------------------------
+// --- OpenSSL: numbers ------------------------------------------------------------------------------------------------
 
 BIGNUM* BN_new(void) {
   static auto* const next = REAL(BN_new);
@@ -220,7 +220,7 @@ BIGNUM* BN_CTX_get(BN_CTX* context) {
   return fails("BN_CTX_get", CALLER) ? nullptr : next(context);
 }
 
-// --- OpenSSL: curves --------------------------------------------------------------------------------------------------------
+// --- OpenSSL: curves -------------------------------------------------------------------------------------------------
 
 EC_GROUP* EC_GROUP_new_by_curve_name(int nid) {
   static auto* const next = REAL(EC_GROUP_new_by_curve_name);
@@ -266,7 +266,7 @@ int EC_POINT_mul(const EC_GROUP* group, EC_POINT* result, const BIGNUM* n, const
   return fails("EC_POINT_mul", CALLER) ? answerOr(0) : next(group, result, n, point, m, context);
 }
 
-// --- OpenSSL: keys ----------------------------------------------------------------------------------------------------------
+// --- OpenSSL: keys ---------------------------------------------------------------------------------------------------
 
 EVP_PKEY_CTX* EVP_PKEY_CTX_new_from_name(OSSL_LIB_CTX* library, const char* name, const char* properties) {
   static auto* const next = REAL(EVP_PKEY_CTX_new_from_name);
@@ -319,7 +319,7 @@ int EVP_PKEY_get_bn_param(const EVP_PKEY* key, const char* name, BIGNUM** number
   return fails("EVP_PKEY_get_bn_param", CALLER) ? answerOr(0) : next(key, name, number);
 }
 
-// --- OpenSSL: the rest ------------------------------------------------------------------------------------------------------
+// --- OpenSSL: the rest -----------------------------------------------------------------------------------------------
 
 const EVP_MD* EVP_get_digestbyname(const char* name) {
   static auto* const next = REAL(EVP_get_digestbyname);
