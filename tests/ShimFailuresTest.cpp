@@ -660,6 +660,21 @@ TEST_F(HmacFailures, StreamReportsFromTheInsideOut) {
   }
 }
 
+// --- Set-up ----------------------------------------------------------------------------------------------------------
+
+TEST(SetUpFailures, ResultIsOpenSsls) {
+  {
+    const CallCount count("OPENSSL_init_crypto");
+    EXPECT_EQ(initKeyGenLib(), 1);
+    EXPECT_EQ(count.calls(), 1U);
+    EXPECT_EQ(initOptions(), 0x0CU);  // all ciphers, all digests
+    cleanupKeyGenLib();
+    EXPECT_EQ(count.calls(), 1U);
+  }
+  const Fault fault("OPENSSL_init_crypto", 1, 0);
+  EXPECT_EQ(initKeyGenLib(), 0);
+}
+
 // --- Nonces ----------------------------------------------------------------------------------------------------------
 
 TEST(NonceFailures, OnlyMinusOneIsAFailure) {

@@ -25,6 +25,7 @@ struct Order {
 
 Order order;
 bool compressing = false;
+std::uint64_t lastInitOptions = 0;
 
 bool isTheLibrary(const void* address) {
   Dl_info info = {};
@@ -85,6 +86,10 @@ Fault::Fault(std::string_view function, unsigned nth, std::optional<int> answer)
 
 Fault::~Fault() {
   EXPECT_GE(order.calls, order.nth) << "the library did not call " << order.function << " so often";
+}
+
+std::uint64_t initOptions() {
+  return lastInitOptions;
 }
 
 CompressedPoints::CompressedPoints() {
@@ -320,6 +325,15 @@ int EVP_PKEY_get_bn_param(const EVP_PKEY* key, const char* name, BIGNUM** number
 }
 
 // --- OpenSSL: the rest -----------------------------------------------------------------------------------------------
+
+int OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTINGS* settings) {
+  static auto* const next = REAL(OPENSSL_init_crypto);
+  if (order.function != "OPENSSL_init_crypto") {
+    return next(options, settings);
+  }
+  lastInitOptions = options;
+  return ++order.calls == order.nth ? answerOr(0) : next(options, settings);
+}
 
 const EVP_MD* EVP_get_digestbyname(const char* name) {
   static auto* const next = REAL(EVP_get_digestbyname);

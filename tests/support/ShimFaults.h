@@ -4,6 +4,7 @@
 // the library count: the shim's own calls of OpenSSL, and the test's, are forwarded in any case.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -37,6 +38,10 @@ class CompressedPoints {
   CompressedPoints(const CompressedPoints&) = delete;
   CompressedPoints& operator=(const CompressedPoints&) = delete;
 };
+
+// Returns the options of the last OPENSSL_init_crypto call that was counted. All its calls count, the test's too: the
+// library's only call may leave no return address of its own.
+std::uint64_t initOptions();
 
 // Answers of EVP_PKEY_get_shared_secret other than plain failure (1).
 inline constexpr int successWithoutLength = 0;  // 0, no byte written
