@@ -20,8 +20,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <new>
 #include <thread>
+#include <utility>
 
 extern char** environ;
 
@@ -326,11 +328,16 @@ void judgeCrash(int) {
   std::_Exit(waited && WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV ? openSslsOwnCrash : crash);
 }
 
+// How such a process begins: with OpenSSL set up, with nothing done before, or with OpenSSL's set-up as all that it does.
+const char* const setUpBefore = "set-up";
+const char* const nothingBefore = "bare";
+const char* const openSslAlone = "openssl";
+
 // Does the work in this fresh process. Known answers come from the parent: nothing may be computed before.
-// Arguments: whether OpenSSL is set up before, the group (0: the derivation), the first and the last allocation to
-// fail, the known public value, the known secret or stream.
+// Arguments: how it begins, the group (0: the derivation), the first and the last allocation to fail, the known public
+// value, the known secret or stream.
 int attemptFromTheStart(char** arguments) {
-  const bool setUp = std::strcmp(arguments[0], "set-up") == 0;
+  const bool setUp = std::strcmp(arguments[0], setUpBefore) == 0;
   const auto group = static_cast<DhGroupNum>(std::strtoul(arguments[1], nullptr, 10));
   const unsigned long from = std::strtoul(arguments[2], nullptr, 10);
   const unsigned long to = std::strtoul(arguments[3], nullptr, 10);
@@ -340,6 +347,13 @@ int attemptFromTheStart(char** arguments) {
   knownStream = known.selfSecret;
   if (!Cor::setTraceLevels("IpsecKeyGen=31")) {
     return crash;
+  }
+  (void)alarm(60);  // nobody else ends a process that waits for itself
+  if (std::strcmp(arguments[0], openSslAlone) == 0) {
+    (void)alarm(3);
+    openSsl.arm(from, to);
+    (void)OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
+    return 0;
   }
   if (setUp) {
     EVP_MD_free(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
@@ -378,11 +392,16 @@ std::string hexOf(const ByteVector& bytes) {
   return text;
 }
 
-// Returns the exit code of such a process, or -1 if it was killed.
-int run(const Known& known, bool setUp, unsigned long from, unsigned long to) {
-  std::vector<std::string> texts = {
-      "/proc/self/exe",     coldOption,         setUp ? "set-up" : "bare", std::to_string(known.group),
-      std::to_string(from), std::to_string(to), hexOf(known.publicKey),    hexOf(known.selfSecret)};
+// Returns the exit code of such a process, or the negative signal that ended it.
+int run(const Known& known, const char* begin, unsigned long from, unsigned long to) {
+  std::vector<std::string> texts = {"/proc/self/exe",
+                                    coldOption,
+                                    begin,
+                                    std::to_string(known.group),
+                                    std::to_string(from),
+                                    std::to_string(to),
+                                    hexOf(known.publicKey),
+                                    hexOf(known.selfSecret)};
   std::vector<char*> arguments;
   for (std::string& text : texts) {
     arguments.push_back(text.data());
@@ -396,7 +415,7 @@ int run(const Known& known, bool setUp, unsigned long from, unsigned long to) {
   (void)posix_spawn_file_actions_destroy(&quiet);
   int status = -1;
   EXPECT_EQ(waitpid(child, &status, 0), child);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 // The early allocations one by one, then at growing distances: a first use has thousands.
@@ -408,22 +427,37 @@ std::vector<unsigned long> sampled(unsigned long last) {
   return numbers;
 }
 
+// OpenSSL 3.5 waits for ever when the first allocation of its set-up fails: to report that, it starts the set-up again.
+// The set-up alone, without the library, shows for which failures; asked once for each.
+bool openSslWaitsForItself(const Known& known, unsigned long from, unsigned long to) {
+  static std::map<std::pair<unsigned long, unsigned long>, bool> answers;
+  const auto [answer, isNew] = answers.try_emplace({from, to}, false);
+  if (isNew) {
+    answer->second = run(known, openSslAlone, from, to) == -SIGALRM;
+  }
+  return answer->second;
+}
+
 void expectNoCrashAtFirstUse(const Known& known) {
-  ASSERT_EQ(run(known, true, ULONG_MAX, ULONG_MAX), 0);
-  ASSERT_EQ(run(known, false, ULONG_MAX, ULONG_MAX), 0);
-  unsigned ownCrashes = 0;
+  ASSERT_EQ(run(known, setUpBefore, ULONG_MAX, ULONG_MAX), 0);
+  ASSERT_EQ(run(known, nothingBefore, ULONG_MAX, ULONG_MAX), 0);
+  unsigned ownFaults = 0;
   for (const unsigned long n : sampled(6000)) {
     for (const unsigned long last : {n, ULONG_MAX}) {
-      EXPECT_EQ(run(known, true, n, last), 0) << "OpenSSL set up, allocations " << n << " to " << last;
+      EXPECT_EQ(run(known, setUpBefore, n, last), 0) << "OpenSSL set up, allocations " << n << " to " << last;
       if (n > 1000 && last != n) {
         continue;
       }
-      const int bare = run(known, false, n, last);
-      ownCrashes += bare == openSslsOwnCrash;
+      if (openSslWaitsForItself(known, n, last)) {
+        ++ownFaults;
+        continue;
+      }
+      const int bare = run(known, nothingBefore, n, last);
+      ownFaults += bare == openSslsOwnCrash;
       EXPECT_TRUE(bare == 0 || bare == openSslsOwnCrash) << "allocations " << n << " to " << last << ": " << bare;
     }
   }
-  std::cout << "crashes of OpenSSL's own set-up, shown by a bare look-up: " << ownCrashes << '\n';
+  std::cout << "crashes and stops of OpenSSL's own set-up, shown without the library: " << ownFaults << '\n';
 }
 
 TEST_P(AllocationFailuresOfGroup, InsideOpenSslAtFirstUse) {
