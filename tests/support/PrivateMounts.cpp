@@ -39,7 +39,7 @@ void mountOrThrow(const char* source, const fs::path& target, const char* type, 
   check(mount(source, target.c_str(), type, flags, options) == 0, "mount over " + target.string());
 }
 
-// --- The machine's own files ------------------------------------------------------------------------------------------
+// --- The machine's own files -----------------------------------------------------------------------------------------
 
 // An open folder is looked up in the mounts that it was opened in: this one stays the machine's own.
 int machinesRoot = -1;
@@ -74,7 +74,7 @@ void describe(const std::string& path, std::ostream& out) {
   out << "\n";
 }
 
-// --- Entering ---------------------------------------------------------------------------------------------------------
+// --- Entering --------------------------------------------------------------------------------------------------------
 
 void writeText(const char* path, const std::string& text) {
   std::ofstream file(path);
