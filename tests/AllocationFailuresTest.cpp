@@ -350,7 +350,7 @@ int attemptFromTheStart(char** arguments) {
   }
   (void)alarm(60);  // nobody else ends a process that waits for itself
   if (std::strcmp(arguments[0], openSslAlone) == 0) {
-    (void)alarm(3);
+    (void)alarm(2);
     openSsl.arm(from, to);
     (void)OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
     return 0;
