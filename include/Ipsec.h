@@ -446,11 +446,13 @@ IPSEC_EXPORT Vello::String getConnNameFromKey(const ConnectionKey& key);
 // give every section its own ikeVersion.
 //
 // The name stands unescaped in the regular expression that finds the section ("^conn NAME$", ECMAScript): "." matches
-// any character, and a name with other metacharacters means what it means as an expression. Long lines and such a name
-// can exhaust the stack in the standard library's matcher; getConnNameFromKey makes none.
+// any character, and a name with other metacharacters means what it means as an expression. Such a name, when it is
+// long or meets long lines, can exhaust the stack in the standard library's compiler or matcher; getConnNameFromKey
+// makes none.
 //
-// Throws std::regex_error for a name that is no expression, and std::out_of_range ("_Map_base::at") for a required
-// setting that is missing or an authby that is not one of the two texts.
+// Throws std::regex_error for a name that is no expression or too long for one (about 100,000 characters), and
+// std::out_of_range ("_Map_base::at") for a required setting that is missing or an authby that is not one of the two
+// texts.
 IPSEC_EXPORT void writeConnections(stringmap settings);
 
 // Adds, replaces or removes one pre-shared key of the daemon's secrets file, "/etc/strongswan/ipsec.secrets". The first
@@ -464,8 +466,8 @@ IPSEC_EXPORT void writeConnections(stringmap settings);
 //
 // The address stands unescaped in the regular expression that finds the entry ("^ADDRESS :"), as above.
 //
-// Throws std::regex_error for an address that is no expression, and std::out_of_range ("_Map_base::at") for a required
-// setting that is missing.
+// Throws std::regex_error for an address that is no expression or too long for one, and std::out_of_range
+// ("_Map_base::at") for a required setting that is missing.
 IPSEC_EXPORT void writeSecrets(stringmap entry);
 
 // --- Host control ---------------------------------------------------------------------------------------------------

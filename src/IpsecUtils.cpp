@@ -159,13 +159,17 @@ class LineMatcher {
  public:
   enum class Covers { Start, WholeLine };
 
-  // Throws std::regex_error. Compiles the plain starts too: one that is too long is refused like any other.
+  // Throws std::regex_error. A plain start that is too long for an expression is refused, but not by compiling it: the
+  // standard library's compiler recurses at every character, and its stack would end first.
   LineMatcher(std::string text, Covers extent)
-      : start(std::move(text)),
-        covers(extent),
-        plain(std::all_of(start.begin(), start.end(), isPlain)),
-        expression(Vello::Regex::compile("^" + start + (covers == Covers::WholeLine ? "$" : ""),
-                                         std::regex_constants::ECMAScript)) {}
+      : start(std::move(text)), covers(extent), plain(std::all_of(start.begin(), start.end(), isPlain)) {
+    const std::string searched = "^" + start + (covers == Covers::WholeLine ? "$" : "");
+    if (!plain) {
+      expression = Vello::Regex::compile(searched, std::regex_constants::ECMAScript);
+    } else if (searched.size() > longestPlain) {
+      throw std::regex_error(std::regex_constants::error_space);
+    }
+  }
 
   bool matches(std::string_view line) const {
     if (!plain) {
@@ -176,6 +180,8 @@ class LineMatcher {
   }
 
  private:
+  static constexpr std::size_t longestPlain = 99996;  // libstdc++ refuses a plain expression of more characters.
+
   // Characters that stand for themselves in an expression, and "." that stands for any but a line's end.
   static bool isPlain(char character) noexcept {
     return (character >= '0' && character <= '9') || (character >= 'a' && character <= 'z') ||
@@ -190,7 +196,7 @@ class LineMatcher {
   std::string start;
   Covers covers;
   bool plain;
-  std::regex expression;
+  std::regex expression;  // compiled when the start is not plain
 };
 
 // --- The connections file --------------------------------------------------------------------------------------------

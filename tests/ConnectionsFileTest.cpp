@@ -4,6 +4,7 @@
 
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
+#include "tests/support/SmallStack.h"
 #include "tests/support/TraceRecorder.h"
 
 #include <gtest/gtest.h>
@@ -139,10 +140,39 @@ TEST_F(ConnectionsFile, KeepsALineOf10Megabytes) {
   EXPECT_TRUE(readFile(connectionsFile) == line + "\nconn b\n" + line + "\n" + sectionA);
 }
 
-TEST_F(ConnectionsFile, TakesOutANameOf10000Characters) {
-  const std::string name(10000, 'n');
-  writeFile(connectionsFile, "conn " + name + "\n\tx=1\nconn b\n");
-  writeConnections({{"config", name}, {"delete", ""}});
+TEST_F(ConnectionsFile, TakesOutALongName) {
+  for (const std::size_t length : {10000U, 99000U, 99989U}) {
+    const std::string name(length, 'n');
+    writeFile(connectionsFile, "conn " + name + "\n\tx=1\nconn b\n");
+    writeConnections({{"config", name}, {"delete", ""}});
+    EXPECT_EQ(readFile(connectionsFile), "conn b\n") << length;
+  }
+}
+
+TEST_F(ConnectionsFile, RefusesANameThatIsTooLongForAnExpression) {
+  const std::string before = "conn " + std::string(99990, 'n') + "\n\tx=1\n";
+  for (const std::size_t length : {99990U, 200000U}) {
+    writeFile(connectionsFile, before);
+    try {
+      writeConnections({{"config", std::string(length, 'n')}, {"delete", ""}});
+      ADD_FAILURE() << "A name of " << length << " characters was taken.";
+    } catch (const std::regex_error& refusal) {
+      EXPECT_EQ(refusal.code(), std::regex_constants::error_space);
+    }
+    EXPECT_TRUE(readFile(connectionsFile) == before) << length;
+    EXPECT_EQ(readFile(temporary), "") << length;
+  }
+}
+
+TEST_F(ConnectionsFile, NeedsLittleStackForALongName) {
+  onASmallStack([] {
+    const std::string name(99000, 'n');
+    writeFile(connectionsFile, "conn " + name + "\n\tx=1\nconn b\n");
+    writeConnections({{"config", name}, {"delete", ""}});
+  });
+  EXPECT_EQ(readFile(connectionsFile), "conn b\n");
+  const auto tooLong = [] { writeConnections({{"config", std::string(200000, 'n')}, {"delete", ""}}); };
+  EXPECT_THROW(onASmallStack(tooLong), std::regex_error);
   EXPECT_EQ(readFile(connectionsFile), "conn b\n");
 }
 

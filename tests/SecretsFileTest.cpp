@@ -4,6 +4,7 @@
 
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
+#include "tests/support/SmallStack.h"
 #include "tests/support/TraceRecorder.h"
 
 #include <gtest/gtest.h>
@@ -87,6 +88,30 @@ TEST_F(SecretsFile, KeepsALineOf10Megabytes) {
   writeFile(secretsFile, line + "\n10.0.0.1 : PSK a\n" + line);
   writeSecrets({{"peerIp", "10.0.0.1"}, {"key", "k"}});
   EXPECT_TRUE(readFile(secretsFile) == line + "\n" + line + "\n10.0.0.1 : PSK k\n");
+}
+
+TEST_F(SecretsFile, RefusesAnAddressThatIsTooLongForAnExpression) {
+  for (const std::size_t length : {99993U, 99994U, 200000U}) {
+    const std::string before = std::string(length, 'n') + " : PSK a\n";
+    const stringmap entry = {{"peerIp", std::string(length, 'n')}, {"delete", ""}};
+    writeFile(secretsFile, before);
+    if (length == 99993U) {
+      writeSecrets(entry);
+      EXPECT_EQ(readFile(secretsFile), "");
+      continue;
+    }
+    EXPECT_THROW(writeSecrets(entry), std::regex_error) << length;
+    EXPECT_TRUE(readFile(secretsFile) == before) << length;
+  }
+}
+
+TEST_F(SecretsFile, NeedsLittleStackForALongAddress) {
+  writeFile(secretsFile, "10.0.0.1 : PSK a\n" + std::string(99000, 'n') + " : PSK b\n");
+  onASmallStack([] { writeSecrets({{"peerIp", std::string(99000, 'n')}, {"delete", ""}}); });
+  EXPECT_EQ(readFile(secretsFile), "10.0.0.1 : PSK a\n");
+  const auto tooLong = [] { writeSecrets({{"peerIp", std::string(200000, 'n')}, {"delete", ""}}); };
+  EXPECT_THROW(onASmallStack(tooLong), std::regex_error);
+  EXPECT_EQ(readFile(secretsFile), "10.0.0.1 : PSK a\n");
 }
 
 TEST_F(SecretsFile, ReplacesOneOf100000Entries) {
