@@ -392,8 +392,10 @@ IPSEC_EXPORT void printVector(const char* label, const ByteVector* vec);
 //   so far.
 // - Values are written exactly as they are given: a newline in a value is a newline in the file. The caller checks
 //   them.
-// - The new file's mode comes from the process's umask, whatever the old file's was: set umask(077) around
-//   writeSecrets, and restore it.
+// - The new file's mode comes from the process's umask, whatever the old file's was: set umask(077) around every call
+//   of writeSecrets, and restore it. A temporary file that an earlier failed call left keeps the mode it was made with
+//   and gives it to the new file; it also holds the keys copied so far. The umask is the whole process's: mind other
+//   threads.
 // - Nothing is synced to disk, and the daemon is not told: it rereads the connections on SIGHUP to its starter and the
 //   secrets on `ipsec rereadsecrets`.
 // - One call at a time per file, over all threads and processes: the caller serialises.

@@ -421,6 +421,18 @@ TEST_P(FileReplacement, GivesTheNewFileTheModeOfTheUmask) {
   }
 }
 
+// Kept: the file is emptied and not made anew.
+TEST_P(FileReplacement, KeepsTheModeOfAStaleTemporaryFile) {
+  startWith(1);
+  fs::permissions(writer.file, fs::perms(0600));
+  writeFile(temporary, "stale\n");
+  fs::permissions(temporary, fs::perms(0644));
+  const mode_t before = umask(077);
+  expectTaken(2);
+  (void)umask(before);
+  EXPECT_EQ(fs::status(writer.file).permissions(), fs::perms(0644));
+}
+
 TEST_P(FileReplacement, LeavesAReaderOfTheOldFileWithIt) {
   startWith(1);
   const std::string hardLink = std::string(daemonFolder) + "/link";
