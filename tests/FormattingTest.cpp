@@ -2,9 +2,14 @@
 
 #include "tests/support/TraceRecorder.h"
 
+#include "platform/linux/VrfSegment.h"
+
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -131,6 +136,21 @@ class VrfName : public testing::Test {
     ASSERT_TRUE(memory.flush());
   }
 
+  // Gives the first entry another length, with a checksum that fits: as a faulty writer would.
+  void setStoredLength(std::uint32_t length) const {
+    const int file = shm_open(segment.c_str(), O_RDWR, 0);
+    ASSERT_GE(file, 0);
+    void* const memory = mmap(nullptr, sizeof(Vrf::Segment), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    (void)close(file);
+    ASSERT_NE(memory, MAP_FAILED);
+    const Vrf::MappedSegment mapped(static_cast<Vrf::Segment*>(memory));
+    Vrf::Slot& slot = mapped->slots[0];
+    slot.words[Vrf::LengthWord] = length;
+    Vrf::SlotWords words;
+    std::copy(slot.words.begin(), slot.words.end(), words.begin());
+    slot.words[Vrf::ChecksumWord] = Vrf::checksumOf(words);
+  }
+
   std::string segment;
   Vello::Ptr<VrfIdMap::Status> table;
 };
@@ -158,6 +178,20 @@ TEST_F(VrfName, MayHave100BytesAndNoMore) {
     ADD_FAILURE() << "A name of 101 bytes was taken.";
   } catch (const Vello::RangeException& refusal) {
     EXPECT_STREQ(refusal.what(), "Cor::String::bytes > maxLength() not allowed");
+  }
+}
+
+TEST_F(VrfName, OfALengthThatNoEntryHoldsIsRefused) {
+  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), std::string(101, 'a')));
+  for (const std::uint32_t length : {102U, 105U, 0xFFFFFFFFU}) {
+    setStoredLength(length);
+    try {
+      (void)name(7);
+      ADD_FAILURE() << "A name of " << length << " bytes was taken.";
+    } catch (const Vello::RangeException& refusal) {
+      EXPECT_EQ(refusal.what(),
+                "VRF status table: stored name of " + std::to_string(length) + " bytes > maxNameLength not allowed");
+    }
   }
 }
 
