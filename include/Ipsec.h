@@ -477,26 +477,27 @@ IPSEC_EXPORT void writeSecrets(stringmap entry);
 // Runs a program and waits for it, with no time limit. argv is null-terminated, argv[0] the program's absolute path.
 // Returns the raw wait status as waitpid gives it (0: exit code 0; exit code << 8; the signal's number), or -1 when the
 // wait failed: the program could not be started, somebody else reaped it, or a signal handler without SA_RESTART
-// interrupted the wait and the child is left for the caller to reap. errno then tells.
+// interrupted the wait and the child is left for the caller to reap. errno is ECHILD in the first two cases and EINTR
+// in the third.
 IPSEC_EXPORT int _execCommand(const char** argv);
 
 // Load and unload the kernel's crypto modules (aes-x86_64, aesni_intel, crypto_null) with /sbin/modprobe and
 // /sbin/rmmod, one after the other. A module that cannot be loaded is not an error: only a command that could not be
-// run is traced, and the next one goes on. Need CAP_SYS_MODULE.
+// run or waited for is reported (level 1), and the next one goes on. Need CAP_SYS_MODULE.
 IPSEC_EXPORT void enableCryptoModules();
 IPSEC_EXPORT void disableCryptoModules();
 
-// Loads the netfilter module ipsec_flow_parallelization, in the same way.
+// Loads the netfilter module ipsec_flow_parallelization, in the same way; its failure is reported at level 0.
 IPSEC_EXPORT void enableFlowEncapModule();
 
 // Raises the kernel's limit of an IPsec state's replay window to 65536 packets, by writing
-// /proc/sys/net/core/xfrm_replay_esn_max. A host without the setting, or a caller without the right, gets one trace
-// line (level 1).
+// /proc/sys/net/core/xfrm_replay_esn_max. Every call traces the attempt at level 1, as a failure is traced; a host
+// without the setting, or a caller without the right, adds a second line. A value that the kernel refuses adds none.
 IPSEC_EXPORT void setMaxReplayWindow();
 
 // Tells whether the IKE daemon runs: whether the process named by the first line of
 // /etc/strongswan/ipsec.d/run/charon.pid can be signalled by the caller. False for a missing, unreadable or empty file,
-// and for a process of another user that the caller may not signal. errno is kept when the number is read.
+// and for a process of another user that the caller may not signal. errno is kept by the conversion of the number.
 // Throws std::invalid_argument ("stoi") for a first line that does not begin with a number and std::out_of_range
 // ("stoi") for one outside the range of an int.
 IPSEC_EXPORT bool isSswanRunning();

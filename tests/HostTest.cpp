@@ -211,6 +211,8 @@ TEST_F(Liveness, KeepsErrno) {
   errno = 4711;
   EXPECT_TRUE(isSswanRunning());
   EXPECT_EQ(errno, 4711);
+  EXPECT_FALSE(with("2147483647\n"));  // The number was read, and its process does not exist.
+  EXPECT_EQ(errno, ESRCH);
 }
 
 TEST_F(Liveness, IsTracedNowhere) {
