@@ -4,8 +4,8 @@
 The programs print "subject,case,side,unit,value". Each is run in several processes, and every figure and every ratio is
 the median over them: a ratio moves a little from one process to the next with the layout of its memory.
 
-The exit status says whether every program ran and all outputs agreed. Goals are printed, not enforced: times on a shared
-machine are no assertion.
+The exit status says whether every program ran and all outputs agreed. Goals are printed, not enforced: times on a
+shared machine are no assertion.
 """
 
 import argparse
