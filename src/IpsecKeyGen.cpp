@@ -181,7 +181,7 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
   out->resize(length);
   ByteVector counterByte;  // allocated once a call, if at all
   for (std::size_t written = 0; written < length;) {
-    if (bufferPos == buffer.size()) {
+    if (bufferPos >= buffer.size()) {  // above it only where a failed block left less than was drawn
       // T(n) = prf(K, T(n-1) | S [| n]) takes the place of T(n-1): all input is absorbed before the output is written.
       if (!prf->generatePRStream(&buffer, nullptr)) {
         return failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
@@ -262,7 +262,7 @@ void cleanupKeyGenLib() {}
 
 void printVector(const char* label, const ByteVector* vec) {
   std::cout << label;  // a null label puts the stream into its bad state
-  std::cout << " is\nlen is: " << vec->size() << '\n';
+  std::cout << " is\nlen is: " << std::dec << vec->size() << '\n';
   for (const int byte : *vec) {
     std::cout << std::setw(2) << std::setfill('0') << std::hex << byte;
   }

@@ -286,7 +286,7 @@ Sweep sweepOpenSsl(const std::function<void(Attempt&)>& work, const std::functio
     }
   }
   std::cout << "allocations: " << sweep.allocations << ", attempts that failed: " << sweep.failedAttempts << '\n';
-  EXPECT_GT(sweep.allocations, 10U);
+  EXPECT_GT(sweep.allocations, 2U);  // a derivation makes 19 with OpenSSL 3.0 and 6 with 3.5
   EXPECT_GT(sweep.failedAttempts, sweep.allocations);
   return sweep;
 }

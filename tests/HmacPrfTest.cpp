@@ -232,6 +232,43 @@ TEST(HmacPrf, KeyChangedBehindItsBackCountsFromTheNextOutputOn) {
   }
 }
 
+TEST(HmacPrf, EveryByteOfABorrowedKeyCounts) {
+  for (const std::size_t length : {1, 7, 8, 9, 15, 16, 17, 63, 64, 65, 128, 129, 511, 512, 513}) {
+    for (std::size_t flipped = 0; flipped < length; ++flipped) {
+      HmacPRFunc prf;
+      ByteVector borrowed(length, 0x5A);
+      ASSERT_TRUE(prf.initHmacPRFunc(HASH_SHA256));
+      ASSERT_TRUE(prf.setKey(&borrowed));
+      borrowed[flipped] ^= 0x80;
+      ByteVector output;
+      ASSERT_TRUE(prf.generatePRStream(&data, &output));
+      ASSERT_TRUE(prf.generatePRStream(&data, &output));
+      ASSERT_EQ(output, hmac(HASH_SHA256, borrowed, data)) << "byte " << flipped << " of " << length;
+    }
+  }
+}
+
+// Short pieces are collected before they are absorbed: nothing may get lost where that ends.
+TEST(HmacPrf, PiecesOfAnyLengthsAreTheInputJoined) {
+  const std::array<std::size_t, 9> lengths = {0, 1, 127, 128, 255, 256, 257, 512, 1000};
+  for (const std::size_t first : lengths) {
+    for (const std::size_t second : lengths) {
+      ByteVector one(first, 0x11);
+      const ByteVector two(second, 0x22);
+      HmacPRFunc prf;
+      ByteVector output;
+      ASSERT_TRUE(prf.initHmacPRFunc(HASH_SHA512));
+      ASSERT_TRUE(prf.setKey(&key));
+      ASSERT_TRUE(prf.generatePRStream(&one, nullptr));
+      ASSERT_TRUE(prf.generatePRStream(&two, nullptr));
+      ASSERT_TRUE(prf.generatePRStream(&data, &output));
+      one.insert(one.end(), two.begin(), two.end());
+      one.insert(one.end(), data.begin(), data.end());
+      ASSERT_EQ(output, hmac(HASH_SHA512, key, one)) << first << " and " << second;
+    }
+  }
+}
+
 // An empty key is a key: OpenSSL's own interface takes a null pointer for "the key given last".
 TEST(HmacPrf, EmptyKeyReplacesTheKeyBefore) {
   HmacPRFunc prf;

@@ -111,6 +111,14 @@ TEST(KeyLength, DumpOfAnEmptyVectorHasAnEmptyLine) {
   EXPECT_EQ(output.text(), " is\nlen is: 0\n\nend\n");
 }
 
+TEST(KeyLength, DumpCountsInDecimalWhateverTheBaseWas) {
+  CoutCapture output;
+  const ByteVector bytes(20, 0);
+  std::cout << std::hex;
+  printVector("x", &bytes);
+  EXPECT_EQ(output.text(), "x is\nlen is: 20\n" + std::string(40, '0') + "\nend\n");
+}
+
 TEST(KeyLength, DumpHasNoLineBreaksHoweverLong) {
   CoutCapture output;
   const ByteVector bytes(1000, 0x0f);

@@ -129,6 +129,9 @@ class ScriptedPrf : public PRFunc {
  public:
   bool generatePRStream(const ByteVector* input, ByteVector* output) override {
     if (++calls == failAt) {
+      if (clearsOnFailure && output != nullptr) {
+        output->clear();
+      }
       return false;
     }
     pending = pending + *input;
@@ -153,6 +156,7 @@ class ScriptedPrf : public PRFunc {
   std::vector<std::size_t> sizes = {4};
   int calls = 0;
   int failAt = 0;
+  bool clearsOnFailure = false;
   int sizeQuestions = 0;
   int keysSet = 0;
   ByteVector pending;
@@ -166,12 +170,28 @@ TEST(PrfPlus, ComputesABlockOnlyWhenItsFirstByteIsDrawn) {
   EXPECT_EQ(prf.computations.size(), 1U);
   EXPECT_EQ(draw(plus, 4), (ByteVector{1, 1, 1, 1}));  // ends at the boundary
   EXPECT_EQ(prf.computations.size(), 1U);
+  const int callsBefore = prf.calls;
   EXPECT_EQ(draw(plus, 0), ByteVector());
-  EXPECT_EQ(prf.computations.size(), 1U);
+  EXPECT_EQ(prf.calls, callsBefore);
   EXPECT_EQ(draw(plus, 1), ByteVector{2});
   EXPECT_EQ(prf.computations.size(), 2U);
   EXPECT_EQ(draw(plus, 3), (ByteVector{2, 2, 2}));
   EXPECT_EQ(prf.computations.size(), 2U);
+}
+
+// A stream is not to be used after a failure. Whoever does gets no bytes from behind the block that the failure left.
+TEST(PrfPlus, DrawAfterAFailedBlockStaysInsideTheBuffer) {
+  ScriptedPrf prf;
+  PRFuncPlus plus(&prf, true);
+  ASSERT_TRUE(plus.initPRFuncPlus(&seed));
+  (void)draw(plus, 4);
+  prf.failAt = prf.calls + 3;
+  prf.clearsOnFailure = true;
+  ByteVector out;
+  EXPECT_FALSE(plus.generatePRStream(4, &out));
+  EXPECT_TRUE(plus.generatePRStream(1 << 20, &out));
+  const std::size_t failedBlocks = 1;
+  EXPECT_EQ(prf.computations.size(), failedBlocks + (1 << 20) / 4);
 }
 
 TEST(PrfPlus, FeedsCounterBytesThatWrap) {
