@@ -8,14 +8,16 @@
 // - Inputs are pointers to vectors that are only read; outputs are pointers to vectors that the callee resizes to the
 //   exact result and fills. Neither may be null. An output may not be the same vector as an input.
 // - The caller owns what it creates and passes. What is borrowed beyond a call is said at the parameter.
-// - bool results: true is success. A failure is traced as one line (ring buffer and text trace, level 0) and leaves
-//   outputs untouched unless the declaration says what is left in them.
+// - bool results: true is success. A failure is traced (ring buffer and text trace, level 0), as one line by the
+//   function called after those of what it called inside, and leaves outputs untouched unless the declaration says what
+//   is left.
 // - Exceptions: std::bad_alloc or std::length_error when a container cannot grow, and what a declaration names. Nothing
 //   leaks when one is thrown. OpenSSL running out of memory is an ordinary failure, not an exception.
 // - Threads: none are made and no locks are taken. An object is used by one thread at a time; different objects may be
 //   used on different threads at once. Free functions may be called from any thread unless they say otherwise.
 // - No key, secret, nonce or setting's value is ever written to a trace.
 // - OpenSSL's reasons for a failure may be left in the calling thread's OpenSSL error queue.
+// - Objects may be destroyed, but keys not be exchanged, in static destructors that run after OpenSSL's own clean-up.
 //
 // Virtual functions and data members stand in an order that callers were compiled against: append nothing, move
 // nothing.
@@ -164,7 +166,7 @@ class IPSEC_EXPORT IpsecDH {
 // 0xFF bytes while getSharedSecret still answers: do not read a secret after a failed setPeerPublicKey.
 //
 // setMyPrivateKey forgets an earlier secret. When the new key pair cannot be made, the object keeps its old one if the
-// parameters could not be read, and has none otherwise; then all that needs a key fails.
+// parameters could not be read, and has none otherwise; then all that needs a key fails for good.
 //
 // initIpsecDH throws std::out_of_range ("_Map_base::at") for the groups 19, 20 and 21.
 class IPSEC_EXPORT IpsecDHModp : public IpsecDH {
@@ -192,8 +194,10 @@ class IPSEC_EXPORT IpsecDHModp : public IpsecDH {
 // subgroup check. When the derivation itself fails, the buffer of an earlier secret has been overwritten with zero
 // bytes while getSharedSecret still answers: do not read a secret after a failed setPeerPublicKey.
 //
-// setMyPrivateKey leaves an earlier secret readable. When the new key pair cannot be made the old one is gone, and all
-// that needs a key fails. A private number longer than the group's order is taken, but cannot be read back.
+// setMyPrivateKey leaves an earlier secret readable. When the new key object cannot be made the old one is gone, and
+// all that needs a key fails until another private key is set; a failure before that keeps the old key. A private
+// number longer than the group's order is taken, but cannot be read back. Failures to read or import the own key are
+// not traced.
 class IPSEC_EXPORT IpsecDHEcp : public IpsecDH {
  public:
   explicit IpsecDHEcp(DhGroupNum group);

@@ -301,7 +301,7 @@ constexpr std::array<int, 3> curveNids = {
 
 // What is costly to build about a curve, made at first use and then shared by all objects and threads: building the
 // group by name and generating a key by the curve's name cost group 19 a quarter of a whole exchange. Both are never
-// changed and never freed: exchanges may still run in other static destructors when the process ends.
+// changed and never freed: exchanges may still run in static destructors, up to OpenSSL's own clean-up.
 struct SharedCurve {
   std::atomic<EC_GROUP*> group;
   std::atomic<EVP_PKEY*> parameters;

@@ -63,8 +63,8 @@ struct SecretBytes : std::array<unsigned char, size> {
   ~SecretBytes() { OPENSSL_cleanse(this->data(), size); }
 };
 
-// Holds an object that is made at first use and then kept and shared, unchanged, until the process ends: other
-// libraries' static destructors may still compute with it, after OpenSSL's own clean-up has been registered.
+// Holds an object that is made at first use and then kept and shared, unchanged, until the process ends:
+// static destructors that run before OpenSSL's own clean-up may still compute with it. After it OpenSSL makes no key.
 template <class T>
 class Kept {
  public:
