@@ -27,12 +27,13 @@ class Process {
 };
 
 // Starts argv[0], an absolute path, with argv (null-terminated) as its arguments and the caller's environment.
-// input, output, error: descriptors that become the child's standard input, output and error; -1 inherits the caller's.
-// processGroup: -1 leaves the child in the caller's process group, 0 makes it the leader of a group of its own, any
-// other number joins that group.
-// The child starts with no signal blocked, and with none ignored but what the caller ignores itself. A program that
-// cannot be started gives a handle whose pid() is Process::notStarted; errno tells why. Throws std::bad_alloc only, and
-// then there is no child. Any thread may call it.
+// input, output, error: descriptors that become the child's standard input, output and error; -1 inherits the caller's,
+// which is closed in the child if it is close-on-exec. Other descriptors without close-on-exec are inherited too.
+// processGroup: -1 leaves the child in the caller's process group, 0 makes it the leader of a group of its own, a
+// number above 0 joins that group.
+// The child starts with no signal blocked, and with none ignored but what the caller ignores itself and the C library's
+// own two. A program that cannot be started, and one asked into a process group below -1, gives a handle whose pid() is
+// Process::notStarted; errno tells why. Throws std::bad_alloc only, and then there is no child. Any thread may call it.
 Vello::Ptr<Process> run(const char* const* argv, int input, int output, int error, int processGroup);
 
 }  // namespace Cor

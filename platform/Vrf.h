@@ -116,8 +116,9 @@ class VrfIdMap::Status {
   // VRF status table (std::errc::file_exists).
   static Vello::Ptr<Status> create(const char* name);
 
-  // Opens an existing segment for reading. Throws std::system_error when there is none, and
-  // Vello::CorruptionDetectedException when it is no VRF status table or of another size.
+  // Opens an existing segment for reading. Nobody may shrink a segment that is open, which would stop its readers with
+  // SIGBUS: remove it and create it anew. Its mode is 0644, cut by the writer's umask. Throws std::system_error when
+  // there is none, and Vello::CorruptionDetectedException when it is no VRF status table or of another size.
   static Vello::Ptr<const Status> open(const char* name);
 
   // Removes the segment's name. Processes that have it open keep it.

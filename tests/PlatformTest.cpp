@@ -772,6 +772,8 @@ TEST(Run, AProgramThatCannotBeStartedIsNotStarted) {
   }
   const char* const empty[] = {nullptr};
   EXPECT_EQ(Cor::run(empty, -1, -1, -1, -1)->pid(), Cor::Process::notStarted);
+  EXPECT_EQ(Cor::run(ArgumentVector({"/bin/true"}), -1, -1, -1, -5)->pid(), Cor::Process::notStarted);
+  EXPECT_EQ(errno, EINVAL) << "a process group below -1";
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "no child was left behind";
 }
 

@@ -99,7 +99,7 @@ class Redirection {
 
 // Returns 0, or the error's number.
 int spawn(const char* const* argv, int input, int output, int error, int processGroup, pid_t& child) {
-  if (argv == nullptr || argv[0] == nullptr) {
+  if (argv == nullptr || argv[0] == nullptr || processGroup < -1) {
     return EINVAL;
   }
   const Redirection redirections[] = {

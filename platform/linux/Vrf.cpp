@@ -243,7 +243,11 @@ Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
     throwError(EEXIST, name, "is of another size than a VRF status table");
   }
   // The memory is reserved, not only sized: where there is none left, writing would end in SIGBUS.
-  if (const int error = posix_fallocate(file.get(), 0, sizeof(Segment)); error != 0) {
+  int error = 0;
+  do {
+    error = posix_fallocate(file.get(), 0, sizeof(Segment));
+  } while (error == EINTR);
+  if (error != 0) {
     throwError(error, name, "cannot be given memory");
   }
   MappedSegment mapped = mapOrThrow(file, name, PROT_READ | PROT_WRITE);
