@@ -27,9 +27,9 @@ DIGEST_SIZES = {"SHA-1": 20, "SHA-256": 32, "SHA-384": 48, "SHA-512": 64}
 def loadModpGroups():
     """The reference primes, by group, as the sibling script computes them."""
     path = pathlib.Path(__file__).resolve().parent / "make-vectors.py"
-    spec = importlib.util.spec_from_file_location("make_vectors", path)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    found = importlib.util.spec_from_file_location("make_vectors", path)
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
     return module.MODP_GROUPS
 
 
