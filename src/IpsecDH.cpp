@@ -326,8 +326,8 @@ T* shared(std::atomic<T*>& slot, const Make& make) {
 
 // As EC_GROUP_new_by_curve_name: a copy of the shared group costs a fifth of it.
 CurvePtr newCurve(std::size_t curve) {
-  const EC_GROUP* group = shared<EC_GROUP, EC_GROUP_free>(
-      sharedCurves[curve].group, [curve] { return EC_GROUP_new_by_curve_name(curveNids[curve]); });
+  const auto* group = shared<EC_GROUP, EC_GROUP_free>(sharedCurves[curve].group,
+                                                      [curve] { return EC_GROUP_new_by_curve_name(curveNids[curve]); });
   return CurvePtr(group == nullptr ? nullptr : EC_GROUP_dup(group));
 }
 
@@ -345,8 +345,8 @@ EVP_PKEY* newCurveParameters(int nid) {
 
 // As EVP_PKEY_Q_keygen of "EC" with the curve's name, which builds the curve anew and takes twice as long for group 19.
 KeyPtr newCurveKey(std::size_t curve) {
-  EVP_PKEY* parameters = shared<EVP_PKEY, EVP_PKEY_free>(sharedCurves[curve].parameters,
-                                                         [curve] { return newCurveParameters(curveNids[curve]); });
+  auto* parameters = shared<EVP_PKEY, EVP_PKEY_free>(sharedCurves[curve].parameters,
+                                                     [curve] { return newCurveParameters(curveNids[curve]); });
   if (parameters == nullptr) {
     return nullptr;
   }
@@ -412,7 +412,7 @@ bool ecpToVector(const EC_GROUP* group, const EC_POINT* point, ByteVector* out) 
     return failed("ecpToVector", "EC_POINT_get_affine_coordinates failed");
   }
   const int fieldLen = fieldLength(group);
-  out->assign(static_cast<std::size_t>(2 * fieldLen), 0);
+  out->assign(2 * static_cast<std::size_t>(fieldLen), 0);
   if (!bnCat(x, y, fieldLen, out)) {
     return failed("ecpToVector", "bnCat failed");
   }
