@@ -168,17 +168,16 @@ def protocol_rows(bench):
            extra=("--ts-remote", "10.99.0.0/16"))
 
 
-def ike_tos(frame):
-    """Returns the type of service byte of an IKE packet from the daemon; None for any other frame."""
+def ike_packet(frame):
+    """Returns type of service, destination and IKE header of an IKE packet from the daemon; None for any other frame."""
     kind = int.from_bytes(frame[12:14], "big")
     packet = frame[14:]
     if kind == ETH_P_IP:
-        tos, source, udp = packet[1], socket.inet_ntop(socket.AF_INET, packet[12:16]), packet[20:]
-        is_udp = packet[9] == socket.IPPROTO_UDP
+        tos, udp, is_udp = packet[1], packet[20:], packet[9] == socket.IPPROTO_UDP
+        source, destination = (socket.inet_ntop(socket.AF_INET, packet[at:at + 4]) for at in (12, 16))
     elif kind == ETH_P_IPV6:
-        tos = (packet[0] & 0x0F) << 4 | packet[1] >> 4
-        source, udp = socket.inet_ntop(socket.AF_INET6, packet[8:24]), packet[40:]
-        is_udp = packet[6] == socket.IPPROTO_UDP
+        tos, udp, is_udp = (packet[0] & 0x0F) << 4 | packet[1] >> 4, packet[40:], packet[6] == socket.IPPROTO_UDP
+        source, destination = (socket.inet_ntop(socket.AF_INET6, packet[at:at + 16]) for at in (8, 24))
     else:
         return None
     if not is_udp or source not in (sandbox.DAEMON, sandbox.DAEMON6):
@@ -186,7 +185,18 @@ def ike_tos(frame):
     port = int.from_bytes(udp[:2], "big")
     if port not in IKE_PORTS or (port == 4500 and udp[8:12] != bytes(4)):
         return None
-    return tos
+    return tos, destination, udp[12:40] if port == 4500 else udp[8:36]
+
+
+def marked_packets(sniffer, address):
+    """Returns (type of service, exchange) of the daemon's IKE packets to an address that belong to a connection.
+
+    An answer with a responder's SPI of zero (a COOKIE, say) does not: the daemon keeps no state for it, and has not
+    looked a connection up yet.
+    """
+    packets = [packet for packet in map(ike_packet, captured(sniffer)) if packet is not None]
+    return [(tos, header[18]) for tos, destination, header in packets
+            if destination == address and header[8:16] != bytes(8)]
 
 
 def captured(sniffer):
@@ -205,12 +215,12 @@ def dscp_row(bench, address, number, psk):
         sniffer.bind(("to-daemon", ETH_P_ALL))
         sniffer.setblocking(False)
         result = bench.negotiate(address, Suite().arguments(), psk)
-        seen = [tos for tos in map(ike_tos, captured(sniffer)) if tos is not None]
+        seen = marked_packets(sniffer, address)
     trouble = None
     if result.returncode != SUCCESS or len(seen) < 3:
         trouble = f"exit code {result.returncode}, {len(seen)} IKE packets seen: {result.stderr.strip()}"
-    elif set(seen) != {DSCP_110000}:
-        trouble = "seen were " + ", ".join(hex(tos) for tos in sorted(set(seen)))
+    elif any(tos != DSCP_110000 for tos, _ in seen):
+        trouble = "seen were " + ", ".join(f"{tos:#x} in exchange {exchange}" for tos, exchange in seen)
     bench.report(SECTION, f"ikedscp is in all IKE packets to {address}", trouble, f"0xc0 in {len(seen)} packets")
 
 
