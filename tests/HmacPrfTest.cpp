@@ -233,7 +233,8 @@ TEST(HmacPrf, KeyChangedBehindItsBackCountsFromTheNextOutputOn) {
 }
 
 TEST(HmacPrf, EveryByteOfABorrowedKeyCounts) {
-  for (const std::size_t length : {1, 7, 8, 9, 15, 16, 17, 63, 64, 65, 128, 129, 511, 512, 513}) {
+  const std::array<std::size_t, 15> lengths = {1, 7, 8, 9, 15, 16, 17, 63, 64, 65, 128, 129, 511, 512, 513};
+  for (const std::size_t length : lengths) {
     for (std::size_t flipped = 0; flipped < length; ++flipped) {
       HmacPRFunc prf;
       ByteVector borrowed(length, 0x5A);
