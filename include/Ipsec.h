@@ -264,7 +264,7 @@ IPSEC_EXPORT void cleanupKeyGenLib();
 class IPSEC_EXPORT NonceGenerator {
  public:
   NonceGenerator();  // 32 bytes
-  // Takes any length in bytes, 0 too; at most INT_MAX.
+  // Takes any length in bytes, 0 too. Nonces above INT_MAX bytes are answered with true, but are not random.
   explicit NonceGenerator(unsigned long nonceLen);
 
   // Writes a fresh nonce from OpenSSL's RAND_bytes. Returns false only for RAND_bytes' result -1 (no generator); out
