@@ -2,8 +2,6 @@
 
 #include "End.h"
 
-#include <botan/version.h>
-
 #include <botan/auto_rng.h>
 #include <botan/bigint.h>
 #include <botan/dh.h>
@@ -12,7 +10,7 @@
 #include <botan/ecdh.h>
 #include <botan/mac.h>
 #include <botan/pubkey.h>
-
+#include <botan/version.h>
 #include <openssl/bn.h>
 
 #include <algorithm>

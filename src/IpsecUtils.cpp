@@ -3,21 +3,19 @@
 
 // The assertions below are contract, not debugging aids: they stop the process in release builds too.
 #undef NDEBUG
-#include <cassert>
-
-#include "Ipsec.h"
-
-#include "platform/Process.h"
-#include "platform/Trace.h"
-
 #include "CheckedAt.h"
 #include "ErrorTrace.h"
+#include "Ipsec.h"
+#include "platform/Process.h"
+#include "platform/Trace.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cmath>
 #include <csignal>

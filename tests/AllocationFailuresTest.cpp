@@ -3,9 +3,8 @@
 //
 // OpenSSL's allocator can be replaced only before its first use, so this program has its own main.
 
-#include "tests/support/CryptoCases.h"
-
 #include "platform/linux/TraceCapture.h"
+#include "tests/support/CryptoCases.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -16,6 +15,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <climits>

@@ -1,5 +1,4 @@
 #include "Ipsec.h"
-
 #include "tests/support/TraceRecorder.h"
 
 #include <gtest/gtest.h>

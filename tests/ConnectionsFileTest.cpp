@@ -1,7 +1,6 @@
 // What the golden folders do not show of the connections file: refusals, odd bytes, sizes and traces. Damaged disks and
 // dying processes are in FileReplacementTest, the same rules over random files in WriterDifferentialTest.
 #include "Ipsec.h"
-
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/SmallStack.h"

@@ -1,6 +1,5 @@
 // What both writers owe the daemon whatever happens to the disk or to the process: the old file or the new one, whole.
 #include "Ipsec.h"
-
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"
@@ -14,6 +13,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>

@@ -1,14 +1,13 @@
 #include "Ipsec.h"
-
-#include "tests/support/TraceRecorder.h"
-
 #include "platform/linux/VrfSegment.h"
+#include "tests/support/TraceRecorder.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,4 @@
 #include "Ipsec.h"
-
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"
@@ -10,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
 #include <cerrno>
 #include <csignal>
 #include <filesystem>

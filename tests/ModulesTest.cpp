@@ -1,5 +1,4 @@
 #include "Ipsec.h"
-
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"
@@ -8,6 +7,7 @@
 
 #include <sys/time.h>
 #include <sys/wait.h>
+
 #include <cerrno>
 #include <csignal>
 #include <string>

@@ -3,7 +3,6 @@
 //
 // IPSEC_TEST_SEED in the environment changes the seed.
 #include "Ipsec.h"
-
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 

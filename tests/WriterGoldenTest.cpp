@@ -1,7 +1,6 @@
 // One folder a rule under golden/: the settings of a call, the file before it (none: no such file) and after it. The
 // folder's name says which file; the first line of "settings" is the rule.
 #include "Ipsec.h"
-
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"

@@ -3,12 +3,12 @@
 
 #include "Bytes.h"
 
+#include <sys/socket.h>
+
 #include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
-
-#include <sys/socket.h>
 
 namespace Agent {
 

@@ -2,11 +2,11 @@
 // host of the demo's own. Fails when anything that it shows is not as expected.
 
 #include "Ipsec.h"
-
 #include "PrivateHost.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <exception>

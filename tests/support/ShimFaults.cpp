@@ -10,6 +10,7 @@
 #include <openssl/rand.h>
 
 #include <dlfcn.h>
+
 #include <cstdlib>
 #include <iostream>
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+
 #include <exception>
 #include <functional>
 #include <system_error>
