@@ -17,14 +17,32 @@ import subprocess
 import sys
 
 GROUPS = {
-    "1": "MODP 768", "2": "MODP 1024", "5": "MODP 1536", "14": "MODP 2048", "15": "MODP 3072", "16": "MODP 4096",
-    "17": "MODP 6144", "19": "ECP 256", "20": "ECP 384", "21": "ECP 521", "24": "MODP 2048/256",
+    "1": "MODP 768",
+    "2": "MODP 1024",
+    "5": "MODP 1536",
+    "14": "MODP 2048",
+    "15": "MODP 3072",
+    "16": "MODP 4096",
+    "17": "MODP 6144",
+    "19": "ECP 256",
+    "20": "ECP 384",
+    "21": "ECP 521",
+    "24": "MODP 2048/256",
 }
 
 # What the library may take at most, as a multiple of bare OpenSSL called the best way.
 EXCHANGE_GOALS = {
-    "1": 1.08, "2": 1.08, "5": 1.03, "14": 1.03, "15": 1.03, "16": 1.03, "17": 1.03, "19": 1.15, "20": 1.03,
-    "21": 1.08, "24": 1.03,
+    "1": 1.08,
+    "2": 1.08,
+    "5": 1.03,
+    "14": 1.03,
+    "15": 1.03,
+    "16": 1.03,
+    "17": 1.03,
+    "19": 1.15,
+    "20": 1.03,
+    "21": 1.08,
+    "24": 1.03,
 }
 PRF_GOAL = 1.10
 WRITER_GOAL = 3.00  # as a multiple of the cp command's CPU time for a copy of the same file
@@ -88,8 +106,9 @@ def relocations(program, libraries, results):
     """Asks the dynamic linker how many relocations a process ends with that loads one library more each time."""
     before = 0
     for count in range(len(libraries) + 1):
-        done = subprocess.run([program, *libraries[:count]], capture_output=True, text=True,
-                              env={**os.environ, "LD_DEBUG": "statistics"})
+        done = subprocess.run(
+            [program, *libraries[:count]], capture_output=True, text=True, env={**os.environ, "LD_DEBUG": "statistics"}
+        )
         found = re.findall(r"number of relocations(?: from cache)?: *(\d+)", done.stderr)
         final = re.findall(r"final number of relocations: *(\d+)", done.stderr)
         if not final and not found:
@@ -134,9 +153,11 @@ def print_table(results):
         if subject != "ike-sa":
             continue
         ours, botan = results.median(subject, case, "library"), results.median(subject, case, "botan")
-        print(f"{label:<34}{figure(ours):>9}{figure(results.median(subject, case, 'openssl')):>9}{ratio:>8.3f}"
-              f"{goal:>7.2f}  {'yes' if ratio <= goal else 'NO':<4}{figure(botan):>9}"
-              f"{figure(botan / ours) if botan else '-':>15}")
+        print(
+            f"{label:<34}{figure(ours):>9}{figure(results.median(subject, case, 'openssl')):>9}{ratio:>8.3f}"
+            f"{goal:>7.2f}  {'yes' if ratio <= goal else 'NO':<4}{figure(botan):>9}"
+            f"{figure(botan / ours) if botan else '-':>15}"
+        )
     if not any(side == "botan" for _, _, side in results.values):
         print("Botan: not compared, it was not found when the benchmarks were built")
     print(f"\n{head}{'joined':>9}{'ratio to it':>15}")
@@ -144,22 +165,29 @@ def print_table(results):
         if subject != "prf+":
             continue
         joined = results.ratio(subject, case, "library", "openssl joined")
-        print(f"{label:<34}{figure(results.median(subject, case, 'library')):>9}"
-              f"{figure(results.median(subject, case, 'openssl')):>9}{ratio:>8.3f}{goal:>7.2f}  "
-              f"{'yes' if ratio <= goal else 'NO':<4}{figure(results.median(subject, case, 'openssl joined')):>9}"
-              f"{joined:>15.3f}")
+        print(
+            f"{label:<34}{figure(results.median(subject, case, 'library')):>9}"
+            f"{figure(results.median(subject, case, 'openssl')):>9}{ratio:>8.3f}{goal:>7.2f}  "
+            f"{'yes' if ratio <= goal else 'NO':<4}{figure(results.median(subject, case, 'openssl joined')):>9}"
+            f"{joined:>15.3f}"
+        )
     for title, subject in (("File writers", "writer"), ("Memory", "memory"), ("Loading", "load"), ("Tracing", "trace")):
         for number, case in enumerate(results.cases(subject)):
             if number == 0:
                 print(f"\n{title}")
             name = f"group {case}, {GROUPS[case]}" if case in GROUPS else case
-            sides = [f"{side} {figure(results.median(subject, case, side))} {results.units[subject, case, side]}"
-                     for side in results.sides(subject, case) if side != WRITER_RATIO]
+            sides = [
+                f"{side} {figure(results.median(subject, case, side))} {results.units[subject, case, side]}"
+                for side in results.sides(subject, case)
+                if side != WRITER_RATIO
+            ]
             print(f"  {name:<40}{'; '.join(sides)}")
         if subject == "writer":
             for _, _, label, ratio, goal in rated_writers(results):
-                print(f"  {label:<48}{'ratio':>6}{ratio:>8.3f}{'goal':>7}{goal:>6.2f}{'met':>6} "
-                      f"{'yes' if ratio <= goal else 'NO'}")
+                print(
+                    f"  {label:<48}{'ratio':>6}{ratio:>8.3f}{'goal':>7}{goal:>6.2f}{'met':>6} "
+                    f"{'yes' if ratio <= goal else 'NO'}"
+                )
 
 
 def write_csv(results, path):
@@ -187,14 +215,18 @@ def write_chart(results, path):
         return left + (right - left) * (max(value, low) - low) / (high - low)
 
     height = top + step * len(rows) + 40
-    out = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{right + 70}" height="{height}" '
-           'font-family="sans-serif" font-size="12">',
-           '<rect width="100%" height="100%" fill="white"/>',
-           '<text x="10" y="22" font-size="15">CPU time, the library to bare OpenSSL called the best way</text>',
-           '<text x="10" y="40" fill="#666">1.00 is bare OpenSSL; the dark line is the goal</text>']
+    out = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{right + 70}" height="{height}" '
+        'font-family="sans-serif" font-size="12">',
+        '<rect width="100%" height="100%" fill="white"/>',
+        '<text x="10" y="22" font-size="15">CPU time, the library to bare OpenSSL called the best way</text>',
+        '<text x="10" y="40" fill="#666">1.00 is bare OpenSSL; the dark line is the goal</text>',
+    ]
     for tick in range(round(low * 100), int(high * 100) + 1, 5):
-        out.append(f'<line x1="{x(tick / 100):.1f}" y1="{top - 6}" x2="{x(tick / 100):.1f}" y2="{height - 32}" '
-                   'stroke="#ddd"/>')
+        out.append(
+            f'<line x1="{x(tick / 100):.1f}" y1="{top - 6}" x2="{x(tick / 100):.1f}" y2="{height - 32}" '
+            'stroke="#ddd"/>'
+        )
         out.append(f'<text x="{x(tick / 100):.1f}" y="{height - 14}" text-anchor="middle">{tick / 100:.2f}</text>')
     for number, (label, ratio, goal) in enumerate(rows):
         y = top + step * number
@@ -202,8 +234,10 @@ def write_chart(results, path):
         colour = "#4a90a4" if ratio <= goal else "#c0504d"
         out.append(f'<text x="{left - 8}" y="{y + 12}" text-anchor="end">{label}</text>')
         out.append(f'<rect x="{start:.1f}" y="{y}" width="{max(end - start, 1):.1f}" height="15" fill="{colour}"/>')
-        out.append(f'<line x1="{x(goal):.1f}" y1="{y - 2}" x2="{x(goal):.1f}" y2="{y + 17}" stroke="#222" '
-                   'stroke-width="2"/>')
+        out.append(
+            f'<line x1="{x(goal):.1f}" y1="{y - 2}" x2="{x(goal):.1f}" y2="{y + 17}" stroke="#222" '
+            'stroke-width="2"/>'
+        )
         out.append(f'<text x="{max(end, x(goal)) + 6:.1f}" y="{y + 12}">{ratio:.3f}</text>')
     out.append("</svg>")
     with open(path, "w", encoding="utf-8") as file:

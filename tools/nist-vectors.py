@@ -68,6 +68,7 @@ class Output:
 
 # --- Reading ---------------------------------------------------------------------------------------------------------
 
+
 def readBlocks(path):
     """Yields (section, block) of a text file: the section is the list of bracketed lines above the block.
 
@@ -101,6 +102,7 @@ def hexOrQuoted(value):
 
 
 # --- Debian's package ------------------------------------------------------------------------------------------------
+
 
 def convertKasEcdh(path, out):
     """NIST's validity tests of ECDH; Result tells what was spoilt, if anything."""
@@ -156,9 +158,17 @@ def convertRfc5114(path, groupOfPrime, out):
         size = (int(block["P"], 16).bit_length() + 7) // 8
         public = {side: padded(block[f"Ystat{side}"], size) for side in ("CAVS", "IUT")}
         for own, peer in (("CAVS", "IUT"), ("IUT", "CAVS")):
-            out.keep("rfc5114_dh.txt", {
-                "Source": f"RFC 5114 as in {path.name}", "Group": group, "Private": evenHex(block[f"Xstat{own}"]),
-                "Public": public[own], "Peer": public[peer], "Secret": padded(block["Z"], size)})
+            out.keep(
+                "rfc5114_dh.txt",
+                {
+                    "Source": f"RFC 5114 as in {path.name}",
+                    "Group": group,
+                    "Private": evenHex(block[f"Xstat{own}"]),
+                    "Public": public[own],
+                    "Peer": public[peer],
+                    "Secret": padded(block["Z"], size),
+                },
+            )
 
 
 def convertParameters(path, groupOfPrime, out):
@@ -167,25 +177,41 @@ def convertParameters(path, groupOfPrime, out):
         if group is None:
             out.drop("RFC 3526 group that is none of ours")
             continue
-        out.keep("rfc3526_parameters.txt", {"Source": f"RFC 3526 as in {path.name}", "Group": group,
-                                            "Prime": block["P"].lower(), "Generator": evenHex(block["G"])})
+        out.keep(
+            "rfc3526_parameters.txt",
+            {
+                "Source": f"RFC 3526 as in {path.name}",
+                "Group": group,
+                "Prime": block["P"].lower(),
+                "Generator": evenHex(block["G"]),
+            },
+        )
 
 
 def convertPackage(folder, out):
     if not folder.is_dir():
         raise SystemExit(f"{folder}: no such folder; install python3-cryptography-vectors or name its folder")
     groupOfPrime = {group.p: number for number, group in loadModpGroups().items()}
-    out.describe("kas_ecdh.txt", """
+    out.describe(
+        "kas_ecdh.txt",
+        """
 NIST CAVS validity tests of ECDH, the correct ones: with Private the own public value is Public, and the secret with
 Peer is Secret. In the form of tests/vectors/dh_ecp.txt.
-""")
-    out.describe("kas_ecdh_invalid.txt", """
+""",
+    )
+    out.describe(
+        "kas_ecdh_invalid.txt",
+        """
 NIST CAVS validity tests of ECDH, public values that fail the validation of SP 800-56A: every Peer must be refused.
-""")
-    out.describe("kas_ecdh_wrong.txt", """
+""",
+    )
+    out.describe(
+        "kas_ecdh_wrong.txt",
+        """
 NIST CAVS validity tests of ECDH with one figure changed. WrongPublic is not the public value of Private; WrongSecret is
 not the secret of Private and Peer, while Public is the public value of Private.
-""")
+""",
+    )
     out.describe("rfc5114_dh.txt", "The exchange of RFC 5114 appendix A.3, in the form of tests/vectors/dh_modp.txt.")
     out.describe("rfc3526_parameters.txt", "The primes and generators of RFC 3526 for our groups.")
     ecdh, dh = folder / "asymmetric" / "ECDH", folder / "asymmetric" / "DH"
@@ -241,10 +267,17 @@ def convertCavsIke(path, target, names, out):
 def convertEccCdh(path, out):
     for _, block in readBlocks(path):
         group, size = CURVES[block["Curve"]]
-        out.keep("cavp_ecdh.txt", {
-            "Source": f"NIST CAVP {path.name}", "Group": group, "Private": padded(block["Private"], size),
-            "Public": padded(block["X"], size) + padded(block["Y"], size),
-            "Peer": padded(block["PeerX"], size) + padded(block["PeerY"], size), "Secret": padded(block["Z"], size)})
+        out.keep(
+            "cavp_ecdh.txt",
+            {
+                "Source": f"NIST CAVP {path.name}",
+                "Group": group,
+                "Private": padded(block["Private"], size),
+                "Public": padded(block["X"], size) + padded(block["Y"], size),
+                "Peer": padded(block["PeerX"], size) + padded(block["PeerY"], size),
+                "Secret": padded(block["Z"], size),
+            },
+        )
 
 
 def acvpTests(path):
@@ -260,9 +293,17 @@ def convertAcvpHmac(path, hashName, out):
             continue
         macSize = test["macLen"] // 8
         truncated = {"Truncated": macSize} if macSize < DIGEST_SIZES[hashName] else {}
-        out.keep("acvp_hmac.txt", {
-            "Source": f"NIST ACVP {path.name} tcId {test['tcId']}", "Hash": hashName, "Key": test["key"].lower(),
-            "Input": test["msg"].lower()} | truncated | {"Output": test["mac"].lower()[: 2 * macSize]})
+        out.keep(
+            "acvp_hmac.txt",
+            {
+                "Source": f"NIST ACVP {path.name} tcId {test['tcId']}",
+                "Hash": hashName,
+                "Key": test["key"].lower(),
+                "Input": test["msg"].lower(),
+            }
+            | truncated
+            | {"Output": test["mac"].lower()[: 2 * macSize]},
+        )
 
 
 def convertAcvpKeys(path, out):
@@ -271,8 +312,15 @@ def convertAcvpKeys(path, out):
             out.drop("safe-prime set for another group")
             continue
         name = "Public" if test.get("testPassed", True) else "WrongPublic"
-        out.keep("acvp_dh_keys.txt", {"Source": f"NIST ACVP {path.name} tcId {test['tcId']}", "Group": 14,
-                                      "Private": evenHex(test["x"]), name: padded(test["y"], 256)})
+        out.keep(
+            "acvp_dh_keys.txt",
+            {
+                "Source": f"NIST ACVP {path.name} tcId {test['tcId']}",
+                "Group": 14,
+                "Private": evenHex(test["x"]),
+                name: padded(test["y"], 256),
+            },
+        )
 
 
 def convertBoringHmac(path, out):
@@ -280,9 +328,16 @@ def convertBoringHmac(path, out):
         if block["HMAC"] not in HASHES:
             out.drop("HMAC set for another digest")
             continue
-        out.keep("boringssl_hmac.txt", {
-            "Source": f"BoringSSL {path.name}", "Hash": HASHES[block["HMAC"]], "Key": hexOrQuoted(block["Key"]),
-            "Input": hexOrQuoted(block["Input"]), "Output": block["Output"].lower()})
+        out.keep(
+            "boringssl_hmac.txt",
+            {
+                "Source": f"BoringSSL {path.name}",
+                "Hash": HASHES[block["HMAC"]],
+                "Key": hexOrQuoted(block["Key"]),
+                "Input": hexOrQuoted(block["Input"]),
+                "Output": block["Output"].lower(),
+            },
+        )
 
 
 def convertBoringDh(path, out):
@@ -295,34 +350,51 @@ def convertBoringDh(path, out):
             out.drop("DH derivation without padding, or of keys that do not match")
         else:
             own, peer = keys[block["Derive"]], keys[block["DerivePeer"]]
-            out.keep("boringssl_dh.txt", {
-                "Source": f"BoringSSL {path.name}", "Note": "leading zero byte in the secret",
-                "Group": groupOfPrime[int(own["P"], 16)], "Private": own["Private"].lower(),
-                "Public": own["Public"].lower(), "Peer": peer["Public"].lower(), "Secret": block["Output"].lower()})
+            out.keep(
+                "boringssl_dh.txt",
+                {
+                    "Source": f"BoringSSL {path.name}",
+                    "Note": "leading zero byte in the secret",
+                    "Group": groupOfPrime[int(own["P"], 16)],
+                    "Private": own["Private"].lower(),
+                    "Public": own["Public"].lower(),
+                    "Peer": peer["Public"].lower(),
+                    "Secret": block["Output"].lower(),
+                },
+            )
 
 
 def convertShared(folder, out):
     if not folder.is_dir():
         raise SystemExit(f"{folder}: no such folder")
-    out.describe("cavs_ikev2.txt", """
+    out.describe(
+        "cavs_ikev2.txt",
+        """
 NIST CAVS tests of IKEv2's key derivation (RFC 7296). Secret is g^ir, NewSecret the one of a new exchange, SK_d the
 first bytes of Keys, as many as the digest has.
   SkeySeed = prf(Ni | Nr, Secret), Keys = prf+(SkeySeed, Ni | Nr | SpiI | SpiR)
   ChildKeys = prf+(SK_d, Ni | Nr), ChildDhKeys = prf+(SK_d, NewSecret | Ni | Nr)
   RekeySkeySeed = prf(SK_d, NewSecret | Ni | Nr)
-""")
-    out.describe("cavs_ikev1.txt", """
+""",
+    )
+    out.describe(
+        "cavs_ikev1.txt",
+        """
 NIST CAVS tests of IKEv1's key derivation (RFC 2409 section 5). Secret is g^xy.
   SkeyId = prf(PreSharedKey, Ni | Nr), or, in blocks without PreSharedKey (signatures), prf(Ni | Nr, Secret)
   SkeyIdD = prf(SkeyId, Secret | CookieI | CookieR | 00)
   SkeyIdA = prf(SkeyId, SkeyIdD | Secret | CookieI | CookieR | 01)
   SkeyIdE = prf(SkeyId, SkeyIdA | Secret | CookieI | CookieR | 02)
-""")
+""",
+    )
     out.describe("cavp_ecdh.txt", "NIST CAVP tests of the ECC CDH primitive, in the form of tests/vectors/dh_ecp.txt.")
     out.describe("acvp_hmac.txt", "NIST ACVP tests of HMAC, in the form of tests/vectors/hmac.txt.")
-    out.describe("acvp_dh_keys.txt", """
+    out.describe(
+        "acvp_dh_keys.txt",
+        """
 NIST ACVP tests of safe-prime key pairs: Public is the public value of Private, WrongPublic is not.
-""")
+""",
+    )
     out.describe("boringssl_hmac.txt", "BoringSSL's HMAC tests (Apache-2.0), in the form of tests/vectors/hmac.txt.")
     out.describe("boringssl_dh.txt", "BoringSSL's DH tests (Apache-2.0), in the form of tests/vectors/dh_modp.txt.")
     nist, boringssl = folder / "nist", folder / "boringssl"
@@ -343,8 +415,14 @@ NIST ACVP tests of safe-prime key pairs: Public is the public value of Private, 
 def main():
     parser = argparse.ArgumentParser(description="Turns published test files into block files.")
     source = parser.add_mutually_exclusive_group(required=True)
-    source.add_argument("--package", type=pathlib.Path, nargs="?", const=PACKAGE, metavar="DIR",
-                        help=f"the folder of Debian's python3-cryptography-vectors, by default {PACKAGE}")
+    source.add_argument(
+        "--package",
+        type=pathlib.Path,
+        nargs="?",
+        const=PACKAGE,
+        metavar="DIR",
+        help=f"the folder of Debian's python3-cryptography-vectors, by default {PACKAGE}",
+    )
     source.add_argument("--shared", type=pathlib.Path, metavar="DIR", help="a folder with nist/ and boringssl/")
     parser.add_argument("--out", type=pathlib.Path, required=True, metavar="DIR", help="where the block files go")
     arguments = parser.parse_args()

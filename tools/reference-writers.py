@@ -91,9 +91,14 @@ def default_section(settings):
         b"\tkeyexchange=" + settings.get("ikeVersion", b"2"),
         b"\tauto=add",
     ]
-    for name, key in (("esp", "esp"), ("ike", "ike"),
-                      ("packetLimit", "lifepackets"), ("marginpackets", "marginpackets"),
-                      ("byteLimit", "lifebytes"), ("marginbytes", "marginbytes")):
+    for name, key in (
+        ("esp", "esp"),
+        ("ike", "ike"),
+        ("packetLimit", "lifepackets"),
+        ("marginpackets", "marginpackets"),
+        ("byteLimit", "lifebytes"),
+        ("marginbytes", "marginbytes"),
+    ):
         if name in settings:
             section.append(b"\t" + key.encode() + b"=" + settings[name])
     return section + [b"\tikedscp=110000", b""]
@@ -192,13 +197,45 @@ def write_secrets(settings, before):
 
 # --- Random cases -----------------------------------------------------------------------------------------------------
 
-NAMES = [b"a", b"b", b"ab", b"a.b", b"a-b", b"%default", b"", b"default-10.0.0.1-10.0.0.2-local-7",
-         b"default-10.0.0.1-10.0.0.12-local-7", b"default-2001:db8::1-2001:db8::2-remote-4294967295", b"site/x", b"."]
+NAMES = [
+    b"a",
+    b"b",
+    b"ab",
+    b"a.b",
+    b"a-b",
+    b"%default",
+    b"",
+    b"default-10.0.0.1-10.0.0.2-local-7",
+    b"default-10.0.0.1-10.0.0.12-local-7",
+    b"default-2001:db8::1-2001:db8::2-remote-4294967295",
+    b"site/x",
+    b".",
+]
 PEERS = [b"10.0.0.1", b"10.0.0.11", b"10.0.0.2", b"2001:db8::1", b"", b"%any", b"peer.example"]
 VALUES = [b"", b"1", b"no", b"10.0.0.1", b"a b", b'"C=US, O=x"', b"x\ny", b"\xff\x00\r", b"aes256-sha256!"]
-OPTIONAL = ["ikeVersion", "ikelifetime", "lifetime", "leftsubnet", "localid", "remoteid", "ike", "esp", "mark",
-            "action", "interval", "timeout", "encap", "type", "replayWindowSize", "packetLimit", "marginpackets",
-            "byteLimit", "marginbytes", "reauth", "colour"]
+OPTIONAL = [
+    "ikeVersion",
+    "ikelifetime",
+    "lifetime",
+    "leftsubnet",
+    "localid",
+    "remoteid",
+    "ike",
+    "esp",
+    "mark",
+    "action",
+    "interval",
+    "timeout",
+    "encap",
+    "type",
+    "replayWindowSize",
+    "packetLimit",
+    "marginpackets",
+    "byteLimit",
+    "marginbytes",
+    "reauth",
+    "colour",
+]
 
 
 def altered(name):
@@ -212,34 +249,38 @@ def sometimes(chance):
 
 def connection_line():
     name = random.choice(NAMES)
-    return random.choice([
-        lambda: b"conn " + name,
-        lambda: b"conn " + name,
-        lambda: b"conn " + altered(name),
-        lambda: b"conn " + name + random.choice([b" ", b"\r", b"x"]),
-        lambda: random.choice([b" conn ", b"conn", b"Conn ", b"xconn ", b"conn  "]) + name,
-        lambda: b"config setup",
-        lambda: random.choice([b"# config setup", b"config  setup", b"config setup\r", b"xconfig setupx"]),
-        lambda: b"",
-        lambda: b"# comment",
-        lambda: b"\tx=" + random.choice(VALUES).replace(b"\n", b" "),
-        lambda: bytes(random.choice(b"conf setup\r\x00\xff\t") for _ in range(random.randrange(12))),
-    ])()
+    return random.choice(
+        [
+            lambda: b"conn " + name,
+            lambda: b"conn " + name,
+            lambda: b"conn " + altered(name),
+            lambda: b"conn " + name + random.choice([b" ", b"\r", b"x"]),
+            lambda: random.choice([b" conn ", b"conn", b"Conn ", b"xconn ", b"conn  "]) + name,
+            lambda: b"config setup",
+            lambda: random.choice([b"# config setup", b"config  setup", b"config setup\r", b"xconfig setupx"]),
+            lambda: b"",
+            lambda: b"# comment",
+            lambda: b"\tx=" + random.choice(VALUES).replace(b"\n", b" "),
+            lambda: bytes(random.choice(b"conf setup\r\x00\xff\t") for _ in range(random.randrange(12))),
+        ]
+    )()
 
 
 def secret_line():
     peer = random.choice(PEERS)
-    return random.choice([
-        lambda: peer + b" : PSK x",
-        lambda: peer + b" : PSK x",
-        lambda: altered(peer) + b" : PSK x",
-        lambda: peer + random.choice([b" :", b": PSK x", b"  : PSK x", b" : RSA x", b""]),
-        lambda: b" : PSK y",
-        lambda: random.choice([b": PSK y", b" : PSKy", b" :PSK y", b"\t: PSK y", b" : RSA y"]),
-        lambda: b"",
-        lambda: b"# comment",
-        lambda: bytes(random.choice(b"10.: PSK\r\x00\xff") for _ in range(random.randrange(12))),
-    ])()
+    return random.choice(
+        [
+            lambda: peer + b" : PSK x",
+            lambda: peer + b" : PSK x",
+            lambda: altered(peer) + b" : PSK x",
+            lambda: peer + random.choice([b" :", b": PSK x", b"  : PSK x", b" : RSA x", b""]),
+            lambda: b" : PSK y",
+            lambda: random.choice([b": PSK y", b" : PSKy", b" :PSK y", b"\t: PSK y", b" : RSA y"]),
+            lambda: b"",
+            lambda: b"# comment",
+            lambda: bytes(random.choice(b"10.: PSK\r\x00\xff") for _ in range(random.randrange(12))),
+        ]
+    )()
 
 
 def old_file(line):

@@ -19,10 +19,23 @@ def main():
     failed = 0
     for fuzzer in fuzzers:
         with tempfile.TemporaryDirectory() as corpus:
-            command = [str(fuzzer), f"-max_total_time={seconds}", "-max_len=1024", "-print_final_stats=1",
-                       "-timeout=25", corpus]
-            finished = subprocess.run(command, cwd=build, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                                      text=True, errors="replace", check=False)
+            command = [
+                str(fuzzer),
+                f"-max_total_time={seconds}",
+                "-max_len=1024",
+                "-print_final_stats=1",
+                "-timeout=25",
+                corpus,
+            ]
+            finished = subprocess.run(
+                command,
+                cwd=build,
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.PIPE,
+                text=True,
+                errors="replace",
+                check=False,
+            )
         stats = [line for line in finished.stderr.splitlines() if "number_of_executed_units" in line]
         runs = stats[0].split()[-1] if stats else "?"
         print(f"{fuzzer.name:20} {'ok' if finished.returncode == 0 else 'FAILED'}, {runs} inputs", flush=True)

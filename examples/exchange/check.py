@@ -47,8 +47,11 @@ def run(*arguments):
 
 def check_table():
     done = run()
-    check("a run without arguments succeeds and is silent on standard error", done.returncode == 0 and not done.stderr,
-          done.stderr)
+    check(
+        "a run without arguments succeeds and is silent on standard error",
+        done.returncode == 0 and not done.stderr,
+        done.stderr,
+    )
     lines = done.stdout.splitlines()
     wide = [line for line in lines if len(line) > 100]
     check("the output fits 100 columns", not wide, "\n".join(wide))
@@ -56,8 +59,15 @@ def check_table():
         start = [str(number), name, str(public), str(secret), "yes,", "4", "of", "4", "PRFs"]
         rows = [line.split() for line in lines if line.split()[:4] == start[:4]]
         check(f"group {number} has one row and agrees", len(rows) == 1 and rows[0][:9] == start, rows)
-    for source in ["RFC 5903 section 8.1", "RFC 5903 section 8.2", "RFC 5903 section 8.3", "RFC 5114 appendix A.3",
-                   "RFC 5114 appendix A.6", "RFC 5114 appendix A.7", "RFC 5114 appendix A.8"]:
+    for source in [
+        "RFC 5903 section 8.1",
+        "RFC 5903 section 8.2",
+        "RFC 5903 section 8.3",
+        "RFC 5114 appendix A.3",
+        "RFC 5114 appendix A.6",
+        "RFC 5114 appendix A.7",
+        "RFC 5114 appendix A.8",
+    ]:
         rows = [line for line in lines if source in line and line.endswith("yes")]
         check(f"both sides of {source} are reproduced", len(rows) == 2, rows)
     check("the last line sums up", lines[-1].startswith("All well: 14 of 14") and "44 of 44" in lines[-1], lines[-1])
@@ -73,22 +83,33 @@ def check_json():
         exchanges = [(one["prf"], one["agrees"], one["keyBytes"]) for one in group["exchanges"]]
         wanted = [(prf, True, size) for prf, size in zip(PRFS, KEY_BYTES)]
         check(f"--json has all exchanges of group {group['group']}", exchanges == wanted, exchanges)
-        check(f"group {group['group']} took time",
-              group["initMicroseconds"] > 0 and group["agreementMicroseconds"] > 0 and group["agrees"] is True, group)
+        check(
+            f"group {group['group']} took time",
+            group["initMicroseconds"] > 0 and group["agreementMicroseconds"] > 0 and group["agrees"] is True,
+            group,
+        )
     sums = [sum(suite["keyBytes"].values()) for suite in document["suites"]]
     check("--json has the suites", sums == KEY_BYTES, sums)
-    check("--json has the published exchanges",
-          len(document["published"]) == 14 and all(one["asPublished"] for one in document["published"]))
+    check(
+        "--json has the published exchanges",
+        len(document["published"]) == 14 and all(one["asPublished"] for one in document["published"]),
+    )
     check("--json has no failures", document["failures"] == [] and document["agrees"] is True)
 
 
 def check_one_group():
     document = json.loads(run("--group", "20", "--json").stdout)
-    check("--group 20 runs group 20 only",
-          {one["group"] for one in document["groups"] + document["published"]} == {20}, document)
+    check(
+        "--group 20 runs group 20 only",
+        {one["group"] for one in document["groups"] + document["published"]} == {20},
+        document,
+    )
     done = run("--group", "14")
-    check("--group 14 says that nothing is published for it",
-          done.returncode == 0 and "no exchange for group 14" in done.stdout, done.stdout)
+    check(
+        "--group 14 says that nothing is published for it",
+        done.returncode == 0 and "no exchange for group 14" in done.stdout,
+        done.stdout,
+    )
 
 
 def check_fault(arguments, *texts):
@@ -97,16 +118,23 @@ def check_fault(arguments, *texts):
     check(f"{what} fails within the timeouts", done.returncode == 1 and done.seconds < 30, done)
     check(f"{what} says what differs", all(text in done.stderr for text in texts), done.stderr)
     document = json.loads(done.stdout)
-    check(f"{what} is a failure in the JSON document too",
-          document["agrees"] is False and len(document["failures"]) == 1, document["failures"])
+    check(
+        f"{what} is a failure in the JSON document too",
+        document["agrees"] is False and len(document["failures"]) == 1,
+        document["failures"],
+    )
 
 
 def check_faults():
-    check_fault(["--break", "public-value", "--group", "14"], "group 14 (MODP-2048) with HMAC-SHA1",
-                "the responder's public value, the shared secret, SKEYSEED, SK_d, SK_ai")
+    check_fault(
+        ["--break", "public-value", "--group", "14"],
+        "group 14 (MODP-2048) with HMAC-SHA1",
+        "the responder's public value, the shared secret, SKEYSEED, SK_d, SK_ai",
+    )
     check_fault(["--break", "public-value", "--group", "19"], "group 19 (ECP-256)", "refused the peer's public value")
-    check_fault(["--break", "public-value", "--group", "24"], "group 24 (MODP-2048-256)",
-                "refused the peer's public value")
+    check_fault(
+        ["--break", "public-value", "--group", "24"], "group 24 (MODP-2048-256)", "refused the peer's public value"
+    )
     check_fault(["--break", "key", "--group", "21"], "both sides find that these differ: SK_ei\n")
     check_fault(["--break", "key"], "group 1 (MODP-768)", "both sides find that these differ: SK_ei\n")
     check_fault(["--break", "published"], "RFC 5903 section 8.1, initiator's side", "the shared secret differs")
@@ -116,17 +144,28 @@ def check_faults():
 
 
 def check_usage():
-    for arguments in (["--group"], ["--group", "3"], ["--group", "14x"], ["--timeout", "0"], ["--break", "nothing"],
-                      ["--unknown"], ["extra"]):
+    for arguments in (
+        ["--group"],
+        ["--group", "3"],
+        ["--group", "14x"],
+        ["--timeout", "0"],
+        ["--break", "nothing"],
+        ["--unknown"],
+        ["extra"],
+    ):
         done = run(*arguments)
-        check(f"{' '.join(arguments)} is refused with one line",
-              done.returncode == 2 and not done.stdout and len(done.stderr.splitlines()) == 1, done)
+        check(
+            f"{' '.join(arguments)} is refused with one line",
+            done.returncode == 2 and not done.stdout and len(done.stderr.splitlines()) == 1,
+            done,
+        )
     done = run("--help")
     check("--help succeeds", done.returncode == 0 and done.stdout.startswith("Usage: exchange-demo"), done)
     with open("/dev/full", "w", encoding="ascii") as full:
         done = subprocess.run([PROGRAM, "--group", "19"], stdout=full, stderr=subprocess.PIPE, text=True, check=False)
-    check("output that cannot be written is a failure",
-          done.returncode == 1 and "cannot be written" in done.stderr, done)
+    check(
+        "output that cannot be written is a failure", done.returncode == 1 and "cannot be written" in done.stderr, done
+    )
 
 
 check_table()

@@ -45,7 +45,7 @@ def dumps(text):
             digits += dump["hex"].replace(" ", "").lower()
         if label and len(digits) >= 2 * size:
             # The last column shows the bytes as text, and may look like more digits.
-            yield part, label, digits[:2 * size]
+            yield part, label, digits[: 2 * size]
             label = None
 
 

@@ -79,8 +79,17 @@ class Bench:
         """Writes a connection and its secret through the library; returns the connection's name."""
         local = sandbox.DAEMON6 if ":" in address else sandbox.DAEMON
         name = self.library.name(local, address, number)
-        self.library.connection(config=name, ikeVersion=f"ikev{suite.version}", authby="pre-share",
-                                reqid=str(number), left=local, right=address, ike=suite.ike(), esp=suite.esp(), **more)
+        self.library.connection(
+            config=name,
+            ikeVersion=f"ikev{suite.version}",
+            authby="pre-share",
+            reqid=str(number),
+            left=local,
+            right=address,
+            ike=suite.ike(),
+            esp=suite.esp(),
+            **more,
+        )
         self.library.secret(peerIp=address, key=f'"{psk}"')
         return name
 
@@ -89,8 +98,19 @@ class Bench:
         self.psk_file.write_text(psk + "\n")
         self.key_log.unlink(missing_ok=True)
         peer = sandbox.DAEMON6 if ":" in address else sandbox.DAEMON
-        command = [self.agent, "--peer", peer, "--local", address, "--psk-file", str(self.psk_file),
-                   "--key-log", str(self.key_log), *PATIENCE, *arguments]
+        command = [
+            self.agent,
+            "--peer",
+            peer,
+            "--local",
+            address,
+            "--psk-file",
+            str(self.psk_file),
+            "--key-log",
+            str(self.key_log),
+            *PATIENCE,
+            *arguments,
+        ]
         return subprocess.run(command, capture_output=True, text=True, timeout=120, check=False)
 
     def report(self, section, text, trouble, remark=""):
@@ -202,9 +222,16 @@ def run_by_hand(bench, arguments):
     """Runs the agent once, as the user says, against a connection that takes every suite."""
     address, psk = "10.51.0.1", "by hand"
     bench.library.connection(default="%default", uniqueids="add")
-    bench.library.connection(config=bench.library.name(sandbox.DAEMON, address, 1), ikeVersion="ike",
-                             authby="pre-share", reqid="1", left=sandbox.DAEMON, right=address,
-                             ike=matrix.every_ike_proposal(), esp=matrix.every_esp_proposal())
+    bench.library.connection(
+        config=bench.library.name(sandbox.DAEMON, address, 1),
+        ikeVersion="ike",
+        authby="pre-share",
+        reqid="1",
+        left=sandbox.DAEMON,
+        right=address,
+        ike=matrix.every_ike_proposal(),
+        esp=matrix.every_esp_proposal(),
+    )
     bench.library.secret(peerIp=address, key=f'"{psk}"')
     start_daemon(bench, [address])
     result = bench.negotiate(address, arguments, psk)
@@ -256,10 +283,19 @@ def parse_options():
     parser.add_argument("--demo", action="store_true", help="negotiate each group once and show a table")
     parser.add_argument("--keep-log", metavar="FILE", help="copy the daemon's log, keys included, to FILE at the end")
     parser.add_argument("--only", default="", metavar="TEXT", help="run the sections whose name contains TEXT")
-    parser.add_argument("--most-failures", type=int, default=25, metavar="N",
-                        help="leave the rest of the matrix out after N failed rows (default 25)")
-    parser.add_argument("--by-hand", nargs=argparse.REMAINDER, metavar="OPTION",
-                        help="run the agent once with these options, such as --by-hand -v --group 20 --prf sha384")
+    parser.add_argument(
+        "--most-failures",
+        type=int,
+        default=25,
+        metavar="N",
+        help="leave the rest of the matrix out after N failed rows (default 25)",
+    )
+    parser.add_argument(
+        "--by-hand",
+        nargs=argparse.REMAINDER,
+        metavar="OPTION",
+        help="run the agent once with these options, such as --by-hand -v --group 20 --prf sha384",
+    )
     parser.add_argument("--inside", help=argparse.SUPPRESS)
     options = parser.parse_args()
     options.agent = os.path.abspath(options.agent)

@@ -24,8 +24,9 @@ def check_stopped(bench, when):
 
 
 def check_running(bench):
-    bench.report(SECTION, "isSswanRunning is true while the daemon lives",
-                 None if bench.library.running() else "it is false")
+    bench.report(
+        SECTION, "isSswanRunning is true while the daemon lives", None if bench.library.running() else "it is false"
+    )
 
 
 def last_line(result):
@@ -89,23 +90,71 @@ def connection_rows(bench):
 def file_rows(bench):
     """The daemon takes a section's lines in any order, so their order is read from the file."""
     suite, address, number = Suite(), "10.51.205.1", FIRST_NUMBER + 8
-    name = bench.configure(address, number, suite, "of the file", leftsubnet="10.60.0.0/24", localid="10.50.0.1",
-                           remoteid=address, ikelifetime="7200", lifetime="900", action="clear", interval="30",
-                           timeout="120", type="tunnel", replayWindowSize="64", encap="", reauth="no")
-    expected = [f"conn {name}"] + ["\t" + line for line in (
-        "keyexchange=ikev2", "authby=secret", "ikelifetime=7200s", "lifetime=900s", f"reqid={number}",
-        f"left={sandbox.DAEMON}", "leftsubnet=10.60.0.0/24", "leftid=10.50.0.1", f"right={address}",
-        f"rightid={address}", "auto=add", f"ike={suite.ike()}", f"esp={suite.esp()}", "dpdaction=clear",
-        "dpddelay=30", "dpdtimeout=120", "forceencaps=yes", "type=tunnel", "replay_window=64", "reauth=no",
-        "mobike=no", "ikedscp=110000")] + [""]
+    name = bench.configure(
+        address,
+        number,
+        suite,
+        "of the file",
+        leftsubnet="10.60.0.0/24",
+        localid="10.50.0.1",
+        remoteid=address,
+        ikelifetime="7200",
+        lifetime="900",
+        action="clear",
+        interval="30",
+        timeout="120",
+        type="tunnel",
+        replayWindowSize="64",
+        encap="",
+        reauth="no",
+    )
+    expected = (
+        [f"conn {name}"]
+        + [
+            "\t" + line
+            for line in (
+                "keyexchange=ikev2",
+                "authby=secret",
+                "ikelifetime=7200s",
+                "lifetime=900s",
+                f"reqid={number}",
+                f"left={sandbox.DAEMON}",
+                "leftsubnet=10.60.0.0/24",
+                "leftid=10.50.0.1",
+                f"right={address}",
+                f"rightid={address}",
+                "auto=add",
+                f"ike={suite.ike()}",
+                f"esp={suite.esp()}",
+                "dpdaction=clear",
+                "dpddelay=30",
+                "dpdtimeout=120",
+                "forceencaps=yes",
+                "type=tunnel",
+                "replay_window=64",
+                "reauth=no",
+                "mobike=no",
+                "ikedscp=110000",
+            )
+        ]
+        + [""]
+    )
     written = (sandbox.CONF_DIR / "ipsec.conf").read_text().split("\n")[:-1]
-    wrong = [line for line, right in zip(written[-len(expected):], expected) if line != right]
+    wrong = [line for line, right in zip(written[-len(expected) :], expected) if line != right]
     bench.report(SECTION, "a section's lines stand in their order", f"first wrong: {wrong[0]!r}" if wrong else None)
     reread(bench, added(name))
     bench.place.stroke("rereadsecrets")
     bench.place.daemon_run("ip", "addr", "add", "10.60.0.1/32", "dev", "lo")
-    expect(bench, "an echo reaches the network behind leftsubnet", address, suite, "of the file", SUCCESS, "echo",
-           extra=("--ts-remote", "10.60.0.1/24"))
+    expect(
+        bench,
+        "an echo reaches the network behind leftsubnet",
+        address,
+        suite,
+        "of the file",
+        SUCCESS,
+        "echo",
+        extra=("--ts-remote", "10.60.0.1/24"),
+    )
 
 
 def secret_rows(bench):
@@ -148,24 +197,56 @@ def protocol_rows(bench):
     name = bench.configure(address, FIRST_NUMBER + 4, suite, psk)
     reread(bench, added(name))
     bench.place.stroke("rereadsecrets")
-    expect(bench, "a cookie is brought back", address, suite, psk, SUCCESS, "asks for a cookie",
-           extra=("--half-open", "3", "-v"))
+    expect(
+        bench,
+        "a cookie is brought back",
+        address,
+        suite,
+        psk,
+        SUCCESS,
+        "asks for a cookie",
+        extra=("--half-open", "3", "-v"),
+    )
     # The half-open exchanges count until they time out: the next ones come from other addresses.
     address = "10.51.202.2"
     name = bench.configure(address, FIRST_NUMBER + 5, suite, psk)
     reread(bench, added(name))
     bench.place.stroke("rereadsecrets")
-    expect(bench, "another group is used when asked for", address, suite, psk, SUCCESS, "asks for group ecp256",
-           extra=("--group", "14,19", "-v"))
-    expect(bench, "a group that was not offered is not used", address, suite, psk, REFUSED, "",
-           extra=("--group", "14"))
-    expect(bench, "a peer with another identity is not trusted", address, suite, psk, NOT_TRUSTED, "is not 10.50.0.9",
-           extra=("--peer-id", "10.50.0.9"))
+    expect(
+        bench,
+        "another group is used when asked for",
+        address,
+        suite,
+        psk,
+        SUCCESS,
+        "asks for group ecp256",
+        extra=("--group", "14,19", "-v"),
+    )
+    expect(bench, "a group that was not offered is not used", address, suite, psk, REFUSED, "", extra=("--group", "14"))
+    expect(
+        bench,
+        "a peer with another identity is not trusted",
+        address,
+        suite,
+        psk,
+        NOT_TRUSTED,
+        "is not 10.50.0.9",
+        extra=("--peer-id", "10.50.0.9"),
+    )
     expect(bench, "another cipher is refused", address, Suite(encr="3des"), psk, REFUSED, "NO_PROPOSAL_CHOSEN")
-    expect(bench, "another tunnel cipher is refused", address, Suite(esp_encr="null"), psk, REFUSED,
-           "NO_PROPOSAL_CHOSEN")
-    expect(bench, "another traffic selector is refused", address, suite, psk, REFUSED, "TS_UNACCEPTABLE",
-           extra=("--ts-remote", "10.99.0.0/16"))
+    expect(
+        bench, "another tunnel cipher is refused", address, Suite(esp_encr="null"), psk, REFUSED, "NO_PROPOSAL_CHOSEN"
+    )
+    expect(
+        bench,
+        "another traffic selector is refused",
+        address,
+        suite,
+        psk,
+        REFUSED,
+        "TS_UNACCEPTABLE",
+        extra=("--ts-remote", "10.99.0.0/16"),
+    )
 
 
 def ike_packet(frame):
@@ -174,10 +255,10 @@ def ike_packet(frame):
     packet = frame[14:]
     if kind == ETH_P_IP:
         tos, udp, is_udp = packet[1], packet[20:], packet[9] == socket.IPPROTO_UDP
-        source, destination = (socket.inet_ntop(socket.AF_INET, packet[at:at + 4]) for at in (12, 16))
+        source, destination = (socket.inet_ntop(socket.AF_INET, packet[at : at + 4]) for at in (12, 16))
     elif kind == ETH_P_IPV6:
         tos, udp, is_udp = (packet[0] & 0x0F) << 4 | packet[1] >> 4, packet[40:], packet[6] == socket.IPPROTO_UDP
-        source, destination = (socket.inet_ntop(socket.AF_INET6, packet[at:at + 16]) for at in (8, 24))
+        source, destination = (socket.inet_ntop(socket.AF_INET6, packet[at : at + 16]) for at in (8, 24))
     else:
         return None
     if not is_udp or source not in (sandbox.DAEMON, sandbox.DAEMON6):
@@ -195,8 +276,9 @@ def marked_packets(sniffer, address):
     looked a connection up yet.
     """
     packets = [packet for packet in map(ike_packet, captured(sniffer)) if packet is not None]
-    return [(tos, header[18]) for tos, destination, header in packets
-            if destination == address and header[8:16] != bytes(8)]
+    return [
+        (tos, header[18]) for tos, destination, header in packets if destination == address and header[8:16] != bytes(8)
+    ]
 
 
 def captured(sniffer):
@@ -244,8 +326,16 @@ def bulk_row(bench):
 
 def silent_row(bench):
     """Nobody answers at an address where nobody is."""
-    expect(bench, "silence is reported", "10.51.203.1", Suite(), "unused", TIMEOUT, "no answer",
-           extra=("--peer", sandbox.AGENT_LINK, "--timeout", "20"))
+    expect(
+        bench,
+        "silence is reported",
+        "10.51.203.1",
+        Suite(),
+        "unused",
+        TIMEOUT,
+        "no answer",
+        extra=("--peer", sandbox.AGENT_LINK, "--timeout", "20"),
+    )
 
 
 def dscp_rows(bench):

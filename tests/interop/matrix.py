@@ -3,8 +3,17 @@
 import dataclasses
 
 GROUPS = {
-    1: "modp768", 2: "modp1024", 5: "modp1536", 14: "modp2048", 15: "modp3072", 16: "modp4096", 17: "modp6144",
-    19: "ecp256", 20: "ecp384", 21: "ecp521", 24: "modp2048s256",
+    1: "modp768",
+    2: "modp1024",
+    5: "modp1536",
+    14: "modp2048",
+    15: "modp3072",
+    16: "modp4096",
+    17: "modp6144",
+    19: "ecp256",
+    20: "ecp384",
+    21: "ecp521",
+    24: "modp2048s256",
 }
 HASHES = ("sha1", "sha256", "sha384", "sha512")
 BLOCK_CIPHERS = ("3des", "aes128", "aes192", "aes256")
@@ -18,8 +27,10 @@ def every_ike_proposal():
     """Returns proposals that take every suite of both versions."""
     prfs = "-".join(f"prf{name}" for name in HASHES)
     tail = "-".join(GROUPS.values())
-    return (f"{'-'.join(BLOCK_CIPHERS)}-{'-'.join(HASHES)}-{prfs}-{tail},{'-'.join(GCM_CIPHERS)}-{prfs}-{tail},"
-            f"{'-'.join(BLOCK_CIPHERS)}-{'-'.join(HASHES)}-{tail}!")
+    return (
+        f"{'-'.join(BLOCK_CIPHERS)}-{'-'.join(HASHES)}-{prfs}-{tail},{'-'.join(GCM_CIPHERS)}-{prfs}-{tail},"
+        f"{'-'.join(BLOCK_CIPHERS)}-{'-'.join(HASHES)}-{tail}!"
+    )
 
 
 def every_esp_proposal():
@@ -44,9 +55,22 @@ class Suite:
 
     def arguments(self):
         """Returns the agent's arguments."""
-        arguments = ["--version", str(self.version), "--group", str(self.group), "--prf", self.prf,
-                     "--encr", self.encr, "--integ", self.integ,
-                     "--esp-encr", self.esp_encr, "--esp-integ", self.esp_integ]
+        arguments = [
+            "--version",
+            str(self.version),
+            "--group",
+            str(self.group),
+            "--prf",
+            self.prf,
+            "--encr",
+            self.encr,
+            "--integ",
+            self.integ,
+            "--esp-encr",
+            self.esp_encr,
+            "--esp-integ",
+            self.esp_integ,
+        ]
         return arguments + (["--pfs", str(self.pfs)] if self.pfs else [])
 
     def ike(self):
@@ -131,8 +155,13 @@ def zero_rows():
     for group in GROUPS:
         yield Row("zero public ikev1", Suite(version=1, group=group), extra=("--zero-public",), zero="init.public")
     for group in GROUPS:
-        yield Row("zero secret", Suite(group=group), extra=("--zero-secret", str(ZERO_SECRET_TRIES)), echoes=2,
-                  zero="rekey.secret")
+        yield Row(
+            "zero secret",
+            Suite(group=group),
+            extra=("--zero-secret", str(ZERO_SECRET_TRIES)),
+            echoes=2,
+            zero="rekey.secret",
+        )
 
 
 def ipv6_rows():

@@ -200,8 +200,13 @@ class Sandbox:
         environment = dict(os.environ, STRONGSWAN_CONF=str(CONF_DIR / "strongswan.conf"))
         self.output = open(self.scratch / "starter.txt", "ab")
         starter = [str(IPSEC_DIR / "starter"), "--nofork", "--conf", str(CONF_DIR / "ipsec.conf")]
-        self.starter = subprocess.Popen(self.in_daemon_net(*starter), env=environment, stdout=self.output,
-                                        stderr=self.output, stdin=subprocess.DEVNULL)
+        self.starter = subprocess.Popen(
+            self.in_daemon_net(*starter),
+            env=environment,
+            stdout=self.output,
+            stderr=self.output,
+            stdin=subprocess.DEVNULL,
+        )
         wait_until(self.answers, "the daemon's start")
 
     def answers(self):
