@@ -1,6 +1,7 @@
 // Botan 2 or 3, with its own key generation, key agreement and HMAC. Groups are made once per process.
 
 #include "End.h"
+#include "base/OpenSslPtr.h"
 
 #include <botan/auto_rng.h>
 #include <botan/bigint.h>
@@ -8,6 +9,7 @@
 #include <botan/dl_group.h>
 #include <botan/ec_group.h>
 #include <botan/ecdh.h>
+#include <botan/hex.h>
 #include <botan/mac.h>
 #include <botan/pubkey.h>
 #include <botan/version.h>
@@ -27,12 +29,10 @@ Botan::RandomNumberGenerator& generator() {
 }
 
 std::string hexOf(BIGNUM* (*prime)(BIGNUM*)) {
-  BIGNUM* const number = prime(nullptr);
-  char* const digits = BN_bn2hex(number);
-  const std::string hex = std::string("0x") + digits;
-  OPENSSL_free(digits);
-  BN_free(number);
-  return hex;
+  const Base::PublicBn number(prime(nullptr));
+  std::string bytes(static_cast<std::size_t>(BN_num_bytes(number.get())), '\0');
+  BN_bn2bin(number.get(), reinterpret_cast<unsigned char*>(bytes.data()));
+  return "0x" + Botan::hex_encode(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
 }
 
 // RFC 5114 section 2.3.

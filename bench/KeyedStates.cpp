@@ -29,8 +29,8 @@ bool absorbAndFinish(EVP_MD_CTX* state, const unsigned char* input, std::size_t 
 }  // namespace
 
 const EVP_MD* fetchedDigest(const char* name) {
-  static std::map<std::string, Digest, std::less<>> fetched;
-  Digest& digest = fetched[name];
+  static std::map<std::string, Base::DigestPtr, std::less<>> fetched;
+  Base::DigestPtr& digest = fetched[name];
   if (!digest) {
     digest.reset(EVP_MD_fetch(nullptr, name, nullptr));
   }
@@ -94,7 +94,7 @@ bool KeyedStates::expandJoined(const Bytes& seed, Bytes& out) {
 }
 
 bool hmacOnce(const EVP_MD* md, const Bytes& key, const Bytes& input, unsigned char* output) {
-  const DigestContext state(EVP_MD_CTX_new());
+  const Base::DigestContextPtr state(EVP_MD_CTX_new());
   return state && absorbPad(state.get(), md, key.data(), key.size(), innerPad) &&
          absorbAndFinish(state.get(), input.data(), input.size(), output) &&
          absorbPad(state.get(), md, key.data(), key.size(), outerPad) &&

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "Interleave.h"
-#include "Owned.h"
+#include "base/OpenSslPtr.h"
 
 #include <openssl/evp.h>
 
@@ -35,9 +35,9 @@ class KeyedStates {
 
   const EVP_MD* md;
   std::size_t outputSize;
-  DigestContext inner;
-  DigestContext outer;
-  DigestContext running;
+  Base::DigestContextPtr inner;
+  Base::DigestContextPtr outer;
+  Base::DigestContextPtr running;
 };
 
 // Computes an HMAC whose key is used once: no state is worth keeping.

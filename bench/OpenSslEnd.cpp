@@ -5,7 +5,7 @@
 
 #include "End.h"
 #include "KeyedStates.h"
-#include "Owned.h"
+#include "base/OpenSslPtr.h"
 
 #include <openssl/core_names.h>
 #include <openssl/dh.h>
@@ -56,20 +56,20 @@ const Group& groupOf(unsigned number) {
   return *found;
 }
 
-Key fromData(const char* type, int selection, OSSL_PARAM* params) {
-  const KeyContext context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
-  EVP_PKEY* key = nullptr;
+Base::KeyPtr fromData(const char* type, int selection, OSSL_PARAM* params) {
+  const Base::KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
+  Base::KeyPtr key;
   if (!context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
-      EVP_PKEY_fromdata(context.get(), &key, selection, params) != 1) {
+      EVP_PKEY_fromdata(context.get(), Base::into(key), selection, params) != 1) {
     return nullptr;
   }
-  return Key(key);
+  return key;
 }
 
-Key loadParameters(const Group& group) {
-  const ParamBuilder builder(OSSL_PARAM_BLD_new());
-  const Number two(BN_new());
-  const Number prime(group.name == nullptr ? group.prime(nullptr) : nullptr);
+Base::KeyPtr loadParameters(const Group& group) {
+  const Base::BuilderPtr builder(OSSL_PARAM_BLD_new());
+  const Base::SecretBn two(BN_new());
+  const Base::SecretBn prime(group.name == nullptr ? group.prime(nullptr) : nullptr);
   if (group.name != nullptr) {
     OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, group.name, 0);
   } else {
@@ -77,13 +77,13 @@ Key loadParameters(const Group& group) {
     OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_P, prime.get());
     OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_G, two.get());
   }
-  const Params params(OSSL_PARAM_BLD_to_param(builder.get()));
+  const Base::ParamsPtr params(OSSL_PARAM_BLD_to_param(builder.get()));
   return fromData(group.kind == Kind::Curve ? "EC" : "DH", EVP_PKEY_KEY_PARAMETERS, params.get());
 }
 
 EVP_PKEY* parametersOf(const Group& group) {
-  static std::array<Key, groups.size()> loaded;
-  Key& key = loaded[static_cast<std::size_t>(&group - groups.data())];
+  static std::array<Base::KeyPtr, groups.size()> loaded;
+  Base::KeyPtr& key = loaded[static_cast<std::size_t>(&group - groups.data())];
   if (!key) {
     key = loadParameters(group);
   }
@@ -95,7 +95,7 @@ class OpenSslEnd : public End {
   explicit OpenSslEnd(unsigned number) : group(groupOf(number)) {}
 
   bool generate() override {
-    const KeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, parametersOf(group), nullptr));
+    const Base::KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, parametersOf(group), nullptr));
     if (!context || EVP_PKEY_keygen_init(context.get()) != 1) {
       return false;
     }
@@ -115,13 +115,13 @@ class OpenSslEnd : public End {
 
   // Not timed: for the comparison of outputs.
   bool import(const Bytes& privateKey) override {
-    const Number priv(BN_bin2bn(privateKey.data(), static_cast<int>(privateKey.size()), nullptr));
+    const Base::SecretBn priv(BN_bin2bn(privateKey.data(), static_cast<int>(privateKey.size()), nullptr));
     // The builder borrows what it is given until it is done.
     Bytes point;
-    Number p;
-    Number g;
-    const Number pub(BN_new());
-    const ParamBuilder builder(OSSL_PARAM_BLD_new());
+    Base::PublicBn p;
+    Base::PublicBn g;
+    const Base::SecretBn pub(BN_new());
+    const Base::BuilderPtr builder(OSSL_PARAM_BLD_new());
     if (group.kind == Kind::Curve) {
       point = pointOf(priv.get());
       OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, group.name, 0);
@@ -129,14 +129,14 @@ class OpenSslEnd : public End {
     } else {
       p = parameter(OSSL_PKEY_PARAM_FFC_P);
       g = parameter(OSSL_PKEY_PARAM_FFC_G);
-      const NumberContext context(BN_CTX_new());
+      const Base::BnContextPtr context(BN_CTX_new());
       BN_mod_exp(pub.get(), g.get(), priv.get(), p.get(), context.get());
       OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_P, p.get());
       OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_G, g.get());
       OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, pub.get());
     }
     OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, priv.get());
-    const Params params(OSSL_PARAM_BLD_to_param(builder.get()));
+    const Base::ParamsPtr params(OSSL_PARAM_BLD_to_param(builder.get()));
     own = fromData(group.kind == Kind::Curve ? "EC" : "DH", EVP_PKEY_KEYPAIR, params.get());
     return own != nullptr;
   }
@@ -156,11 +156,11 @@ class OpenSslEnd : public End {
   }
 
   bool agree(const Bytes& value, Bytes& secret) override {
-    const Key peer = decode(value);
+    const Base::KeyPtr peer = decode(value);
     if (!peer || !judge(peer.get())) {
       return false;
     }
-    const KeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, own.get(), nullptr));
+    const Base::KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, own.get(), nullptr));
     if (!context || EVP_PKEY_derive_init(context.get()) != 1 ||
         EVP_PKEY_derive_set_peer_ex(context.get(), peer.get(), 0) != 1 ||
         (group.kind != Kind::Curve && EVP_PKEY_CTX_set_dh_pad(context.get(), 1) != 1)) {
@@ -192,7 +192,7 @@ class OpenSslEnd : public End {
   }
 
  private:
-  Key decode(const Bytes& value) const {
+  Base::KeyPtr decode(const Bytes& value) const {
     std::array<unsigned char, 1 + maxPublicValueBytes> encoded;
     std::size_t length = 0;
     if (value.size() != group.publicValueBytes) {
@@ -203,7 +203,7 @@ class OpenSslEnd : public End {
     }
     std::copy(value.begin(), value.end(), encoded.begin() + length);
     length += value.size();
-    Key key(EVP_PKEY_new());
+    Base::KeyPtr key(EVP_PKEY_new());
     if (!key || EVP_PKEY_copy_parameters(key.get(), parametersOf(group)) != 1 ||
         EVP_PKEY_set1_encoded_public_key(key.get(), encoded.data(), length) != 1) {
       return nullptr;
@@ -215,22 +215,21 @@ class OpenSslEnd : public End {
     if (group.kind == Kind::Curve) {
       return true;  // decoding has checked the equation of the curve
     }
-    const KeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, peer, nullptr));
+    const Base::KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, peer, nullptr));
     return context && (group.kind == Kind::SafePrime ? EVP_PKEY_public_check_quick(context.get())
                                                      : EVP_PKEY_public_check(context.get())) == 1;
   }
 
-  Number parameter(const char* name) const {
-    BIGNUM* number = nullptr;
-    return EVP_PKEY_get_bn_param(parametersOf(group), name, &number) == 1 ? Number(number) : nullptr;
+  Base::PublicBn parameter(const char* name) const {
+    Base::PublicBn number;
+    (void)EVP_PKEY_get_bn_param(parametersOf(group), name, Base::into(number));  // null if it fails
+    return number;
   }
 
   // Computes the public point, with its format octet.
   Bytes pointOf(const BIGNUM* priv) const {
-    using Curve = std::unique_ptr<EC_GROUP, FreeWith<EC_GROUP_free>>;
-    using Point = std::unique_ptr<EC_POINT, FreeWith<EC_POINT_free>>;
-    const Curve curve(EC_GROUP_new_by_curve_name(EC_curve_nist2nid(group.name)));
-    const Point point(EC_POINT_new(curve.get()));
+    const Base::CurvePtr curve(EC_GROUP_new_by_curve_name(EC_curve_nist2nid(group.name)));
+    const Base::PointPtr point(EC_POINT_new(curve.get()));
     Bytes encoded(1 + group.publicValueBytes);
     EC_POINT_mul(curve.get(), point.get(), priv, nullptr, nullptr, nullptr);
     EC_POINT_point2oct(curve.get(), point.get(), POINT_CONVERSION_UNCOMPRESSED, encoded.data(), encoded.size(),
@@ -239,7 +238,7 @@ class OpenSslEnd : public End {
   }
 
   const Group& group;
-  Key own;
+  Base::KeyPtr own;
 };
 
 }  // namespace

@@ -4,7 +4,8 @@
 #include "CheckedAt.h"
 #include "ErrorTrace.h"
 #include "Ipsec.h"
-#include "OpenSslPtr.h"
+#include "base/MadeOnce.h"
+#include "base/OpenSslPtr.h"
 #include "platform/CryptoShim.h"
 #include "platform/Log.h"
 #include "platform/Trace.h"
@@ -18,11 +19,23 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <climits>
 #include <utility>
 
 namespace Ipsec {
+
+using Base::adopt;
+using Base::BnContextPtr;
+using Base::CurvePtr;
+using Base::into;
+using Base::KeyContextPtr;
+using Base::KeyPtr;
+using Base::MadeOnce;
+using Base::PointPtr;
+using Base::PublicBn;
+using Base::SecretBn;
+using Base::SecretPointPtr;
+
 namespace {
 
 const Cor::TraceHandle dhTrace("IpsecKeyGen");
@@ -303,41 +316,25 @@ constexpr std::array<int, 3> curveNids = {
 // group by name and generating a key by the curve's name cost group 19 a quarter of a whole exchange. Both are never
 // changed and never freed: exchanges may still run in static destructors, up to OpenSSL's own clean-up.
 struct SharedCurve {
-  std::atomic<EC_GROUP*> group;
-  std::atomic<EVP_PKEY*> parameters;
+  MadeOnce<CurvePtr> group;
+  MadeOnce<KeyPtr> parameters;
 };
 
 std::array<SharedCurve, curveNids.size()> sharedCurves;
 
-// Returns what the slot holds, or makes it: whoever is first wins. Null when it cannot be made; the next caller tries
-// again.
-template <class T, auto freeFunction, class Make>
-T* shared(std::atomic<T*>& slot, const Make& make) {
-  T* held = slot.load(std::memory_order_acquire);
-  if (held != nullptr) {
-    return held;
-  }
-  std::unique_ptr<T, FreeWith<freeFunction>> made(make());
-  if (made && slot.compare_exchange_strong(held, made.get(), std::memory_order_acq_rel)) {
-    held = made.release();
-  }
-  return held;
-}
-
 // As EC_GROUP_new_by_curve_name: a copy of the shared group costs a fifth of it.
 CurvePtr newCurve(std::size_t curve) {
-  const auto* group = shared<EC_GROUP, EC_GROUP_free>(sharedCurves[curve].group,
-                                                      [curve] { return EC_GROUP_new_by_curve_name(curveNids[curve]); });
+  const auto make = [curve] { return CurvePtr(EC_GROUP_new_by_curve_name(curveNids[curve])); };
+  const EC_GROUP* group = sharedCurves[curve].group.get(make);
   return CurvePtr(group == nullptr ? nullptr : EC_GROUP_dup(group));
 }
 
-EVP_PKEY* newCurveParameters(int nid) {
+KeyPtr newCurveParameters(int nid) {
   const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
-  EVP_PKEY* parameters = nullptr;
+  KeyPtr parameters;
   if (!context || EVP_PKEY_paramgen_init(context.get()) != 1 ||
       EVP_PKEY_CTX_set_group_name(context.get(), OBJ_nid2sn(nid)) != 1 ||
-      EVP_PKEY_paramgen(context.get(), &parameters) != 1) {
-    EVP_PKEY_free(parameters);
+      EVP_PKEY_paramgen(context.get(), into(parameters)) != 1) {
     return nullptr;
   }
   return parameters;
@@ -345,18 +342,16 @@ EVP_PKEY* newCurveParameters(int nid) {
 
 // As EVP_PKEY_Q_keygen of "EC" with the curve's name, which builds the curve anew and takes twice as long for group 19.
 KeyPtr newCurveKey(std::size_t curve) {
-  auto* parameters = shared<EVP_PKEY, EVP_PKEY_free>(sharedCurves[curve].parameters,
-                                                     [curve] { return newCurveParameters(curveNids[curve]); });
+  EVP_PKEY* parameters = sharedCurves[curve].parameters.get([curve] { return newCurveParameters(curveNids[curve]); });
   if (parameters == nullptr) {
     return nullptr;
   }
   const KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, parameters, nullptr));
-  EVP_PKEY* key = nullptr;
-  if (!context || EVP_PKEY_keygen_init(context.get()) != 1 || EVP_PKEY_generate(context.get(), &key) != 1) {
-    EVP_PKEY_free(key);
+  KeyPtr key;
+  if (!context || EVP_PKEY_keygen_init(context.get()) != 1 || EVP_PKEY_generate(context.get(), into(key)) != 1) {
     return nullptr;
   }
-  return KeyPtr(key);
+  return key;
 }
 
 int fieldLength(const EC_GROUP* group) {
@@ -521,11 +516,10 @@ bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
   if (!initialized) {
     return failed("IpsecDHEcp::getMyPrivateKey", "IpsecDHEcp is not initialized");
   }
-  BIGNUM* number = nullptr;
-  if (ecKey == nullptr || EVP_PKEY_get_bn_param(ecKey, OSSL_PKEY_PARAM_PRIV_KEY, &number) == 0) {
+  SecretBn priv;
+  if (ecKey == nullptr || EVP_PKEY_get_bn_param(ecKey, OSSL_PKEY_PARAM_PRIV_KEY, into(priv)) == 0) {
     return false;  // no message for a key that cannot be read
   }
-  const SecretBn priv(number);
   if (BN_is_zero(priv.get())) {
     return failed("IpsecDHEcp::getMyPrivateKey", "Wrong privKeyLen size, privKeyLen is 0");
   }

@@ -6,6 +6,7 @@
 #include "CheckedAt.h"
 #include "ErrorTrace.h"
 #include "Ipsec.h"
+#include "base/Descriptor.h"
 #include "platform/Process.h"
 #include "platform/Trace.h"
 
@@ -32,6 +33,8 @@
 
 namespace Ipsec {
 
+using Base::Descriptor;
+
 namespace {
 
 const Cor::TraceHandle trace("IpsecUtils");
@@ -41,26 +44,6 @@ constexpr unsigned infoLevel = 1;
 constexpr unsigned commandLevel = 8;
 
 // --- Files -----------------------------------------------------------------------------------------------------------
-
-class Descriptor {
- public:
-  explicit Descriptor(int opened) noexcept : number(opened) {}
-  ~Descriptor() { (void)close(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int get() const noexcept { return number; }
-  bool isOpen() const noexcept { return number >= 0; }
-
-  // Tells whether the kernel took all that was written. A second call has nothing to close.
-  bool close() noexcept {
-    const int closing = std::exchange(number, -1);
-    return closing >= 0 && ::close(closing) == 0;
-  }
-
- private:
-  int number;
-};
 
 // Reads up to size bytes. Returns their number, 0 at the end of the file, -1 for an error.
 ssize_t readSome(const Descriptor& file, char* bytes, std::size_t size) noexcept {

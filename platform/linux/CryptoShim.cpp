@@ -6,6 +6,8 @@
 //   (RFC 6989 section 2.1) in a microsecond. Group 24 has small subgroups and gets the full check (section 2.2).
 // - Loading parameters costs more than all else around a key, so that of a known group are loaded once and shared.
 
+#include "base/MadeOnce.h"
+#include "base/OpenSslPtr.h"
 #include "platform/CryptoShim.h"
 
 #include <openssl/bn.h>
@@ -22,7 +24,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -32,30 +33,17 @@
 
 namespace {
 
-template <auto freeFunction>
-struct FreeWith {
-  template <class T>
-  void operator()(T* handle) const noexcept {
-    freeFunction(handle);
-  }
-};
-
-// Parameters may hold a private value, and OpenSSL frees them as they are.
-void clearAndFree(OSSL_PARAM* params) {
-  for (const OSSL_PARAM* param = params; param != nullptr && param->key != nullptr; ++param) {
-    OPENSSL_cleanse(param->data, param->data_size);
-  }
-  OSSL_PARAM_free(params);
-}
-
-using KeyPtr = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
-using KeyContextPtr = std::unique_ptr<EVP_PKEY_CTX, FreeWith<EVP_PKEY_CTX_free>>;
-using BnPtr = std::unique_ptr<BIGNUM, FreeWith<BN_clear_free>>;
-using BnContextPtr = std::unique_ptr<BN_CTX, FreeWith<BN_CTX_free>>;
-using BuilderPtr = std::unique_ptr<OSSL_PARAM_BLD, FreeWith<OSSL_PARAM_BLD_free>>;
-using ParamsPtr = std::unique_ptr<OSSL_PARAM, FreeWith<clearAndFree>>;
-using DigestPtr = std::unique_ptr<EVP_MD, FreeWith<EVP_MD_free>>;
-using DigestContextPtr = std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX_free>>;
+using Base::BnContextPtr;
+using Base::BuilderPtr;
+using Base::DigestContextPtr;
+using Base::DigestPtr;
+using Base::into;
+using Base::KeyContextPtr;
+using Base::KeyPtr;
+using Base::MadeOnce;
+using Base::ParamsPtr;
+using Base::PublicBn;
+using Base::SecretBn;
 
 // Bytes on the stack that held a secret: cleared when they go.
 template <std::size_t size>
@@ -63,42 +51,15 @@ struct SecretBytes : std::array<unsigned char, size> {
   ~SecretBytes() { OPENSSL_cleanse(this->data(), size); }
 };
 
-// Holds an object that is made at first use and then kept and shared, unchanged, until the process ends:
-// static destructors that run before OpenSSL's own clean-up may still compute with it. After it OpenSSL makes no key.
-template <class T>
-class Kept {
- public:
-  // Returns the object, or makes it: whoever is first wins. Null when it cannot be made; the next caller tries again.
-  template <class Make>
-  const T* get(const Make& make) {
-    T* held = slot.load(std::memory_order_acquire);
-    if (held != nullptr) {
-      return held;
-    }
-    std::unique_ptr<T> made = make();
-    if (made && slot.compare_exchange_strong(held, made.get(), std::memory_order_acq_rel)) {
-      held = made.release();
-    }
-    return held;
-  }
-
-  // Returns the object if it has been made.
-  const T* peek() const { return slot.load(std::memory_order_acquire); }
-
- private:
-  std::atomic<T*> slot;
-};
-
 // Makes a key object from parameters. The selection says what they hold (EVP_PKEY_KEY_PARAMETERS and so on).
 KeyPtr fromData(const char* type, int selection, OSSL_PARAM* params) {
   const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
-  EVP_PKEY* key = nullptr;
+  KeyPtr key;
   if (params == nullptr || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
-      EVP_PKEY_fromdata(context.get(), &key, selection, params) != 1) {
-    EVP_PKEY_free(key);
+      EVP_PKEY_fromdata(context.get(), into(key), selection, params) != 1) {
     return nullptr;
   }
-  return KeyPtr(key);
+  return key;
 }
 
 // Makes a key object with the given parameters and public value. Null when it cannot be made or OpenSSL refuses the
@@ -141,11 +102,11 @@ constexpr std::size_t group24 = modpGroups.size() - 1;
 // A group's parameters as a key object, and its prime and generator to recognise it by.
 struct ModpParameters {
   KeyPtr key;
-  BnPtr p;
-  BnPtr g;
+  PublicBn p;
+  PublicBn g;
 };
 
-std::array<Kept<ModpParameters>, modpGroups.size()> keptModpParameters;
+std::array<MadeOnce<std::unique_ptr<ModpParameters>>, modpGroups.size()> keptModpParameters;
 
 // Reads one value of a key into a number. Any value but an imported private one fits the prime's length.
 bool readNumber(const EVP_PKEY* key, const char* name, BIGNUM* number) {
@@ -178,8 +139,8 @@ KeyPtr namedModpParameters(const char* name) {
 }
 
 KeyPtr unnamedModpParameters(BIGNUM* (*prime)(BIGNUM*)) {
-  const BnPtr p(prime(nullptr));
-  const BnPtr g(BN_new());
+  const PublicBn p(prime(nullptr));
+  const PublicBn g(BN_new());
   if (!p || !g || BN_set_word(g.get(), 2) != 1) {
     return nullptr;
   }
@@ -236,9 +197,9 @@ EVP_PKEY* share(const ModpParameters* parameters) {
 }
 
 // Computes g^priv mod p without leaking the exponent through time.
-BnPtr publicValue(const BIGNUM* p, const BIGNUM* g, const BIGNUM* priv) {
-  BnPtr pub(BN_new());
-  const BnPtr exponent(BN_dup(priv));
+PublicBn publicValue(const BIGNUM* p, const BIGNUM* g, const BIGNUM* priv) {
+  PublicBn pub(BN_new());
+  const SecretBn exponent(BN_dup(priv));
   const BnContextPtr context(BN_CTX_new());
   if (!pub || !exponent || !context) {
     return nullptr;
@@ -266,7 +227,7 @@ KeyPtr peerOfKnownGroup(const KnownGroup& known, const BIGNUM* pub) {
 
 // Judges a peer's MODP value (RFC 6989 section 2).
 bool peerIsAcceptable(EVP_PKEY* own, EVP_PKEY* peer) {
-  const BnPtr p(BN_new());
+  const PublicBn p(BN_new());
   const KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, peer, nullptr));
   if (!p || !context || !readNumber(own, OSSL_PKEY_PARAM_FFC_P, p.get())) {
     return false;
@@ -285,14 +246,13 @@ constexpr std::size_t maxPointBytes = 1 + 2 * 66;  // group 21, with the format 
 // The curves of IKE's groups 19, 20, 21.
 constexpr std::array<int, 3> curveNids = {NID_X9_62_prime256v1, NID_secp384r1, NID_secp521r1};
 
-std::array<Kept<KeyPtr>, curveNids.size()> keptCurveParameters;
+std::array<MadeOnce<KeyPtr>, curveNids.size()> keptCurveParameters;
 
-std::unique_ptr<KeyPtr> loadCurveParameters(int nid) {
+KeyPtr loadCurveParameters(int nid) {
   std::array<OSSL_PARAM, 2> params = {
       OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(OBJ_nid2sn(nid)), 0),
       OSSL_PARAM_construct_end()};
-  KeyPtr key = fromData("EC", EVP_PKEY_KEY_PARAMETERS, params.data());
-  return std::unique_ptr<KeyPtr>(key ? new (std::nothrow) KeyPtr(std::move(key)) : nullptr);
+  return fromData("EC", EVP_PKEY_KEY_PARAMETERS, params.data());
 }
 
 // Returns the parameters key of a curve; null for a curve that is not IKE's.
@@ -302,8 +262,7 @@ const EVP_PKEY* curveParameters(int nid) {
     return nullptr;
   }
   const auto index = static_cast<std::size_t>(found - curveNids.begin());
-  const KeyPtr* kept = keptCurveParameters[index].get([nid] { return loadCurveParameters(nid); });
-  return kept == nullptr ? nullptr : kept->get();
+  return keptCurveParameters[index].get([nid] { return loadCurveParameters(nid); });
 }
 
 KeyPtr curveKeyPair(int nid, const unsigned char* point, std::size_t length, const BIGNUM* priv) {
@@ -409,15 +368,10 @@ namespace {
 // The digests of IKE's PRFs. Looking one up costs as much as a short output.
 constexpr std::array<int, 4> digestNids = {NID_sha1, NID_sha256, NID_sha384, NID_sha512};
 
-std::array<Kept<DigestPtr>, digestNids.size()> keptDigests;
+std::array<MadeOnce<DigestPtr>, digestNids.size()> keptDigests;
 
 DigestPtr lookUp(const EVP_MD* md) {
   return DigestPtr(EVP_MD_fetch(nullptr, EVP_MD_get0_name(md), nullptr));
-}
-
-std::unique_ptr<DigestPtr> loadDigest(const EVP_MD* md) {
-  DigestPtr digest = lookUp(md);
-  return std::unique_ptr<DigestPtr>(digest ? new (std::nothrow) DigestPtr(std::move(digest)) : nullptr);
 }
 
 bool fetchDigest(hmac_state& state, const EVP_MD* md) {
@@ -431,8 +385,7 @@ bool fetchDigest(hmac_state& state, const EVP_MD* md) {
     state.fetched = state.owned.get();
   } else {
     const auto index = static_cast<std::size_t>(found - digestNids.begin());
-    const DigestPtr* kept = keptDigests[index].get([md] { return loadDigest(md); });
-    state.fetched = kept == nullptr ? nullptr : kept->get();
+    state.fetched = keptDigests[index].get([md] { return lookUp(md); });
   }
   if (state.fetched == nullptr) {
     return false;
@@ -529,7 +482,7 @@ EVP_PKEY* EVP_PKEY_DH_from_params(BIGNUM* p, BIGNUM* g, BIGNUM* pub, BIGNUM* pri
     const int selection = pub != nullptr ? EVP_PKEY_PUBLIC_KEY : EVP_PKEY_KEY_PARAMETERS;
     return fromData("DH", selection, modpParams(p, g, pub, nullptr).get()).release();
   }
-  const BnPtr computed(pub == nullptr ? publicValue(p, g, priv) : nullptr);
+  const PublicBn computed(pub == nullptr ? publicValue(p, g, priv) : nullptr);
   const BIGNUM* matching = pub != nullptr ? pub : computed.get();
   if (matching == nullptr) {
     return nullptr;
@@ -558,12 +511,11 @@ EVP_PKEY* EVP_PKEY_DH_generate_keys(EVP_PKEY* params) {
       return nullptr;
     }
   }
-  EVP_PKEY* key = nullptr;
-  if (EVP_PKEY_generate(context.get(), &key) != 1) {
-    EVP_PKEY_free(key);
+  KeyPtr key;
+  if (EVP_PKEY_generate(context.get(), into(key)) != 1) {
     return nullptr;
   }
-  return key;
+  return key.release();
 }
 
 int EVP_PKEY_DH_get_params(EVP_PKEY* key, BIGNUM* p, BIGNUM* g, BIGNUM* pub, BIGNUM* priv) {

@@ -1,5 +1,6 @@
 #include "platform/Vrf.h"
 
+#include "base/Descriptor.h"
 #include "platform/linux/VrfSegment.h"
 
 #include <fcntl.h>
@@ -43,6 +44,7 @@ void Unmap::operator()(Segment* segment) const noexcept {
 
 namespace {
 
+using Base::Descriptor;
 using VrfId = VrfIdMap::VrfId;
 using VrfEntry = VrfIdMap::VrfEntry;
 
@@ -174,19 +176,6 @@ void finishFreeSlots(Segment& segment) noexcept {
 }
 
 // --- Segments --------------------------------------------------------------------------------------------------------
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) noexcept : number(descriptor) {}
-  ~Descriptor() { (void)close(number); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int get() const noexcept { return number; }
-
- private:
-  int number;
-};
 
 [[noreturn]] void throwError(int error, const char* name, const char* what) {
   throw std::system_error(error, std::generic_category(), std::string("VRF status table ") + name + ": " + what);
