@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <ostream>
 
+#pragma GCC visibility push(default)
+
 namespace Ipnet {
 
 // An IPv4 or IPv6 address, or none. 16 address bytes in network order (IPv4 in the first four) and a family byte.
@@ -85,3 +87,5 @@ Vello::String stringValue(IpsecAuthType type);
 
 }  // namespace Ike
 }  // namespace Ipsec
+
+#pragma GCC visibility pop

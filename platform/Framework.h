@@ -15,6 +15,8 @@
 #include <string_view>
 #include <utility>
 
+#pragma GCC visibility push(default)
+
 namespace Vello {
 
 // Raised when a value does not fit a type with a fixed limit.
@@ -107,3 +109,5 @@ using String = Vello::String;
 String _fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace Cor
+
+#pragma GCC visibility pop

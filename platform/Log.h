@@ -7,6 +7,8 @@
 #include <mutex>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace Cor {
 
 // A message's texts. All are borrowed: pass literals. The format is printf's; level is syslog's (4 = warning).
@@ -63,3 +65,5 @@ class LogHandle {
 };
 
 }  // namespace Cor
+
+#pragma GCC visibility pop

@@ -5,6 +5,8 @@
 
 #include <sys/types.h>
 
+#pragma GCC visibility push(default)
+
 namespace Cor {
 
 // A child that was started. The handle does not wait for the child and does not end it; the owner of the handle reaps
@@ -37,3 +39,5 @@ class Process {
 Vello::Ptr<Process> run(const char* const* argv, int input, int output, int error, int processGroup);
 
 }  // namespace Cor
+
+#pragma GCC visibility pop

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace Cor {
 
 // Where a line comes from. The defaults are evaluated at the caller's line.
@@ -91,3 +93,5 @@ class DualTrace {
   static void write(const Cor::TraceHandle& handle, unsigned level, const Cor::TraceSite& site,
                     std::string_view message) noexcept;
 };
+
+#pragma GCC visibility pop

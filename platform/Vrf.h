@@ -9,6 +9,8 @@
 #include <memory>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace L3 {
 
 // A VRF's name: at most 100 bytes.
@@ -156,3 +158,5 @@ class VrfIdMap::Status {
 };
 
 }  // namespace Vrf
+
+#pragma GCC visibility pop

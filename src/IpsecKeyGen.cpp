@@ -71,7 +71,7 @@ HmacPRFunc::HmacPRFunc() : md(nullptr), hmacCtx{}, keySet(false), initialized(fa
 
 HmacPRFunc::~HmacPRFunc() {
   entered();
-  hmac_cleanup(&hmacCtx);
+  (void)hmac_cleanup(&hmacCtx);  // always answers 0
 }
 
 bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {

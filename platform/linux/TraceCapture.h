@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)
+
 namespace Cor {
 
 enum class TraceSink { Text, Ring };
@@ -46,3 +48,5 @@ class TraceCapture {
 bool setTraceLevels(std::string_view text);
 
 }  // namespace Cor
+
+#pragma GCC visibility pop

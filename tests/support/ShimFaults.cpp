@@ -39,10 +39,13 @@ bool fails(std::string_view function, const void* caller) {
   return order.function == function && isTheLibrary(caller) && ++order.calls == order.nth;
 }
 
-// Returns the next definition of a function behind this program's own.
+// Returns the next definition of a function after this program's own. The program exports its own under the same symbol,
+// which for a C++ function is not its bare name.
 template <class Function>
-Function* real(Function*, const char* name) {
-  void* const found = dlsym(RTLD_NEXT, name);
+Function* real(Function* own, const char* name) {
+  Dl_info info = {};
+  const bool named = dladdr(reinterpret_cast<void*>(own), &info) != 0 && info.dli_sname != nullptr;
+  void* const found = named ? dlsym(RTLD_NEXT, info.dli_sname) : nullptr;
   if (found == nullptr) {
     std::cerr << name << " is nowhere\n";
     std::abort();
@@ -107,11 +110,9 @@ CompressedPoints::~CompressedPoints() {
 #define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
 #define REAL(function) real(&function, #function)
 
-extern "C" {
-
 // --- The crypto shim -------------------------------------------------------------------------------------------------
 
-EVP_PKEY* EVP_PKEY_DH_params_2048_256(void) {
+EVP_PKEY* EVP_PKEY_DH_params_2048_256() {
   static auto* const next = REAL(EVP_PKEY_DH_params_2048_256);
   return fails("EVP_PKEY_DH_params_2048_256", CALLER) ? nullptr : next();
 }
@@ -183,11 +184,13 @@ int hmac_final(struct hmac_ctx* ctx, unsigned char* out, size_t outSize, size_t*
   return answerOr(1);
 }
 
-void hmac_cleanup(struct hmac_ctx* ctx) {
+int hmac_cleanup(struct hmac_ctx* ctx) {
   static auto* const next = REAL(hmac_cleanup);
   (void)fails("hmac_cleanup", CALLER);  // cannot fail, only be counted
-  next(ctx);
+  return next(ctx);
 }
+
+extern "C" {
 
 // --- OpenSSL: numbers ------------------------------------------------------------------------------------------------
 

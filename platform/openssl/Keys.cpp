@@ -1,18 +1,20 @@
-// Crypto shim over OpenSSL 3's provider interface, arranged by what its calls cost.
+// Key objects of MODP groups and curves: the part of the crypto shim that is arranged by what OpenSSL's calls cost.
 //
 // - A modular exponentiation costs by the words of the exponent. OpenSSL draws exponents of the prime's length for
-//   groups 1 and 2, which are no named groups to it; twice the strength is enough, and costs a third.
+//   groups 1 and 2, which it does not know by name; twice the strength is enough, and costs a third.
 // - EVP_PKEY_derive_set_peer validates a peer with a full-size exponentiation. For a safe prime the range says the same
 //   (RFC 6989 section 2.1) in a microsecond. Group 24 has small subgroups and gets the full check (section 2.2).
-// - Loading parameters costs more than all else around a key, so that of a known group are loaded once and shared.
+// - Loading parameters costs more than all else around a key, so those of a known group are loaded once and shared.
+//
+// The caller passes numbers and key objects, never a group's number: knownGroup() recognises the group by its prime.
 
 #include "base/MadeOnce.h"
 #include "base/OpenSslPtr.h"
+#include "base/SecretBytes.h"
 #include "platform/CryptoShim.h"
 
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
-#include <openssl/crypto.h>
 #include <openssl/dh.h>
 #include <openssl/ec.h>
 #include <openssl/err.h>
@@ -24,19 +26,14 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <optional>
-#include <utility>
 
 namespace {
 
 using Base::BnContextPtr;
 using Base::BuilderPtr;
-using Base::DigestContextPtr;
-using Base::DigestPtr;
 using Base::into;
 using Base::KeyContextPtr;
 using Base::KeyPtr;
@@ -44,12 +41,7 @@ using Base::MadeOnce;
 using Base::ParamsPtr;
 using Base::PublicBn;
 using Base::SecretBn;
-
-// Bytes on the stack that held a secret: cleared when they go.
-template <std::size_t size>
-struct SecretBytes : std::array<unsigned char, size> {
-  ~SecretBytes() { OPENSSL_cleanse(this->data(), size); }
-};
+using Base::SecretBytes;
 
 // Makes a key object from parameters. The selection says what they hold (EVP_PKEY_KEY_PARAMETERS and so on).
 KeyPtr fromData(const char* type, int selection, OSSL_PARAM* params) {
@@ -172,23 +164,29 @@ struct KnownGroup {
   const ModpParameters* parameters;
 };
 
-// Finds the group with this prime and, where given, this generator. Nothing for any other and when memory is exhausted:
-// such parameters are then used as they are, with the full checks.
-std::optional<KnownGroup> findGroup(const BIGNUM* p, const BIGNUM* g) {
+// Recognises a group by its prime, which no two share. Nothing for any other prime, nor when the group's parameters
+// cannot be loaded: what belongs to it is then used as it is, with the full checks.
+std::optional<KnownGroup> knownGroup(const BIGNUM* p) {
   const int bits = BN_num_bits(p);
   for (std::size_t i = 0; i < modpGroups.size(); ++i) {
     if (modpGroups[i].primeBits != bits) {
       continue;
     }
     const ModpParameters* parameters = modpParameters(i);
-    if (parameters != nullptr && BN_cmp(parameters->p.get(), p) == 0 &&
-        (g == nullptr || BN_cmp(parameters->g.get(), g) == 0)) {
+    if (parameters != nullptr && BN_cmp(parameters->p.get(), p) == 0) {
       return KnownGroup{&modpGroups[i], parameters};
     }
   }
   return std::nullopt;
 }
 
+// The same for a key object, of OpenSSL's kind "DH" or "DHX" (X9.42).
+std::optional<KnownGroup> knownGroup(const EVP_PKEY* key) {
+  const PublicBn p(BN_new());
+  return p && readNumber(key, OSSL_PKEY_PARAM_FFC_P, p.get()) ? knownGroup(p.get()) : std::nullopt;
+}
+
+// Returns one more reference to a group's parameters; null if there are none.
 EVP_PKEY* share(const ModpParameters* parameters) {
   if (parameters == nullptr || EVP_PKEY_up_ref(parameters->key.get()) != 1) {
     return nullptr;
@@ -225,14 +223,13 @@ KeyPtr peerOfKnownGroup(const KnownGroup& known, const BIGNUM* pub) {
   return key;
 }
 
-// Judges a peer's MODP value (RFC 6989 section 2).
+// Checks a peer's MODP value (RFC 6989 section 2).
 bool peerIsAcceptable(EVP_PKEY* own, EVP_PKEY* peer) {
-  const PublicBn p(BN_new());
   const KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, peer, nullptr));
-  if (!p || !context || !readNumber(own, OSSL_PKEY_PARAM_FFC_P, p.get())) {
+  if (!context) {
     return false;
   }
-  const std::optional<KnownGroup> known = findGroup(p.get(), nullptr);
+  const std::optional<KnownGroup> known = knownGroup(own);
   if (known && known->group->safePrime) {
     return EVP_PKEY_public_check_quick(context.get()) == 1;
   }
@@ -275,193 +272,9 @@ KeyPtr curveKeyPair(int nid, const unsigned char* point, std::size_t length, con
   return fromData("EC", EVP_PKEY_KEYPAIR, ParamsPtr(OSSL_PARAM_BLD_to_param(builder.get())).get());
 }
 
-// --- HMAC -----------------------------------------------------------------------------------------------------------
-
-// The pads of RFC 2104, as they are absorbed in front of the inner and the outer hash.
-constexpr unsigned char innerPad = 0x36;
-constexpr unsigned char outerPad = 0x5c;
-constexpr std::size_t maxBlockBytes = 144;  // the longest block of OpenSSL's digests, SHA3-224's
-
-// A key's own copy, to tell whether the next key is the same. A key longer than this is never the same: no nonces that
-// IKE allows (RFC 7296 section 2.10) make a longer one.
-class KeyCopy {
- public:
-  KeyCopy() = default;
-  ~KeyCopy() { clear(); }
-  KeyCopy(const KeyCopy&) = delete;
-  KeyCopy& operator=(const KeyCopy&) = delete;
-
-  // Takes the same time wherever two keys of one length differ, as CRYPTO_memcmp does, which goes byte by byte: that
-  // would be a tenth of what an output costs.
-  bool equals(const unsigned char* key, std::size_t keyLen) const {
-    if (!held || keyLen != length) {
-      return false;
-    }
-    std::uint64_t difference = 0;
-    if (length >= wordSize) {
-      for (std::size_t at = 0; at < length - wordSize; at += wordSize) {
-        difference |= word(bytes.data() + at) ^ word(key + at);
-      }
-      difference |= word(bytes.data() + length - wordSize) ^ word(key + length - wordSize);
-    } else if (length != 0) {
-      difference = static_cast<std::uint64_t>(CRYPTO_memcmp(bytes.data(), key, length));
-    }
-    return difference == 0;
-  }
-
-  void assign(const unsigned char* key, std::size_t keyLen) {
-    clear();
-    if (keyLen > bytes.size()) {
-      return;
-    }
-    std::copy_n(key, keyLen, bytes.begin());
-    length = keyLen;
-    held = true;
-  }
-
-  void clear() {
-    OPENSSL_cleanse(bytes.data(), length);
-    length = 0;
-    held = false;
-  }
-
- private:
-  static constexpr std::size_t wordSize = sizeof(std::uint64_t);
-
-  static std::uint64_t word(const unsigned char* from) {
-    std::uint64_t read = 0;
-    std::memcpy(&read, from, wordSize);
-    return read;
-  }
-
-  std::array<unsigned char, 512> bytes;
-  std::size_t length = 0;
-  bool held = false;
-};
-
 }  // namespace
 
-// Two digest states that have absorbed a padded key, copied for each computation: an unchanged key costs two copies
-// instead of two more blocks and an initialisation. OpenSSL clears a state's memory when it frees it.
-//
-// Short input is collected and absorbed in one piece: a prf+ block comes as three, and absorbing costs by the call.
-struct hmac_state {
-  const EVP_MD* requested = nullptr;  // what the caller named
-  const EVP_MD* fetched = nullptr;    // the same, looked up once
-  DigestPtr owned;                    // holds fetched unless that is shared
-  std::size_t macLength = 0;
-  DigestContextPtr inner{EVP_MD_CTX_new()};
-  DigestContextPtr outer{EVP_MD_CTX_new()};
-  DigestContextPtr running{EVP_MD_CTX_new()};
-  KeyCopy key;
-  std::array<unsigned char, 256> pending;  // input that running has not absorbed yet
-  std::size_t pendingLength = 0;
-  std::size_t pendingUsed = 0;  // by all computations: to be cleared
-  bool open = false;            // a computation is under way
-  bool started = false;         // running holds it
-
-  ~hmac_state() { OPENSSL_cleanse(pending.data(), pendingUsed); }
-};
-
-namespace {
-
-// The digests of IKE's PRFs. Looking one up costs as much as a short output.
-constexpr std::array<int, 4> digestNids = {NID_sha1, NID_sha256, NID_sha384, NID_sha512};
-
-std::array<MadeOnce<DigestPtr>, digestNids.size()> keptDigests;
-
-DigestPtr lookUp(const EVP_MD* md) {
-  return DigestPtr(EVP_MD_fetch(nullptr, EVP_MD_get0_name(md), nullptr));
-}
-
-bool fetchDigest(hmac_state& state, const EVP_MD* md) {
-  if (state.requested == md) {
-    return true;
-  }
-  state.requested = nullptr;
-  const auto* found = std::find(digestNids.begin(), digestNids.end(), EVP_MD_get_type(md));
-  if (found == digestNids.end()) {
-    state.owned = lookUp(md);
-    state.fetched = state.owned.get();
-  } else {
-    const auto index = static_cast<std::size_t>(found - digestNids.begin());
-    state.fetched = keptDigests[index].get([md] { return lookUp(md); });
-  }
-  if (state.fetched == nullptr) {
-    return false;
-  }
-  state.requested = md;
-  state.macLength = static_cast<std::size_t>(EVP_MD_get_size(state.fetched));
-  return true;
-}
-
-bool absorbFirst(EVP_MD_CTX* context, const EVP_MD* md, const unsigned char* block, std::size_t length) {
-  return EVP_DigestInit_ex2(context, md, nullptr) == 1 && EVP_DigestUpdate(context, block, length) == 1;
-}
-
-// Prepares both states for a key: RFC 2104 section 2, a key longer than a block is hashed first.
-bool absorbKey(hmac_state& state, const unsigned char* key, std::size_t keyLen) {
-  const EVP_MD* md = state.fetched;
-  const int blockSize = EVP_MD_get_block_size(md);
-  if (blockSize <= 0 || static_cast<std::size_t>(blockSize) > maxBlockBytes) {
-    return false;
-  }
-  const auto length = static_cast<std::size_t>(blockSize);
-  std::array<unsigned char, maxBlockBytes> block;
-  const auto pad = [&](unsigned char value) {
-    std::transform(block.begin(), block.begin() + length, block.begin(),
-                   [value](unsigned char byte) { return static_cast<unsigned char>(byte ^ value); });
-  };
-  std::fill_n(block.begin(), length, static_cast<unsigned char>(0));
-  bool absorbed = true;
-  if (keyLen > length) {
-    absorbed = EVP_Digest(key, keyLen, block.data(), nullptr, md, nullptr) == 1;
-  } else if (keyLen != 0) {
-    std::copy_n(key, keyLen, block.begin());
-  }
-  pad(innerPad);
-  absorbed = absorbed && absorbFirst(state.inner.get(), md, block.data(), length);
-  pad(innerPad ^ outerPad);  // from one pad to the other
-  absorbed = absorbed && absorbFirst(state.outer.get(), md, block.data(), length);
-  OPENSSL_cleanse(block.data(), length);
-  return absorbed;
-}
-
-bool installKey(hmac_state& state, const EVP_MD* md, const unsigned char* key, std::size_t keyLen) {
-  if (state.requested == md && state.key.equals(key, keyLen)) {
-    return true;
-  }
-  state.key.clear();  // until both states are ready they belong to no key
-  if (!fetchDigest(state, md) || !absorbKey(state, key, keyLen)) {
-    return false;
-  }
-  state.key.assign(key, keyLen);
-  return true;
-}
-
-// Lets running absorb what is pending.
-bool absorbPending(hmac_state& state) {
-  if (!state.started && EVP_MD_CTX_copy_ex(state.running.get(), state.inner.get()) != 1) {
-    return false;
-  }
-  state.started = true;
-  const std::size_t length = std::exchange(state.pendingLength, 0);
-  return length == 0 || EVP_DigestUpdate(state.running.get(), state.pending.data(), length) == 1;
-}
-
-// Writes the MAC. The inner hash goes through the same bytes.
-bool finish(hmac_state& state, unsigned char* mac) {
-  EVP_MD_CTX* running = state.running.get();
-  return absorbPending(state) && EVP_DigestFinal_ex(running, mac, nullptr) == 1 &&
-         EVP_MD_CTX_copy_ex(running, state.outer.get()) == 1 && EVP_DigestUpdate(running, mac, state.macLength) == 1 &&
-         EVP_DigestFinal_ex(running, mac, nullptr) == 1;
-}
-
-}  // namespace
-
-extern "C" {
-
-EVP_PKEY* EVP_PKEY_DH_params_2048_256(void) {
+EVP_PKEY* EVP_PKEY_DH_params_2048_256() {
   return share(modpParameters(group24));
 }
 
@@ -470,11 +283,12 @@ EVP_PKEY* EVP_PKEY_DH_from_params(BIGNUM* p, BIGNUM* g, BIGNUM* pub, BIGNUM* pri
     return nullptr;
   }
   if (priv == nullptr) {
-    const std::optional<KnownGroup> known = findGroup(p, g);
-    if (known && pub == nullptr) {
+    const std::optional<KnownGroup> known = knownGroup(p);
+    const bool asShared = known && BN_cmp(known->parameters->g.get(), g) == 0;
+    if (asShared && pub == nullptr) {
       return share(known->parameters);
     }
-    if (known) {
+    if (asShared) {
       if (KeyPtr peer = peerOfKnownGroup(*known, pub)) {
         return peer.release();
       }
@@ -498,13 +312,8 @@ EVP_PKEY* EVP_PKEY_DH_generate_keys(EVP_PKEY* params) {
   if (!context || EVP_PKEY_keygen_init(context.get()) != 1) {
     return nullptr;
   }
-  // Parameters of a known group are always the shared object.
-  for (std::size_t i = 0; i < modpGroups.size(); ++i) {
-    const ModpParameters* shared = keptModpParameters[i].peek();
-    if (shared == nullptr || shared->key.get() != params) {
-      continue;
-    }
-    int bits = modpGroups[i].exponentBits;
+  if (const std::optional<KnownGroup> known = knownGroup(params)) {
+    int bits = known->group->exponentBits;
     const std::array<OSSL_PARAM, 2> length = {OSSL_PARAM_construct_int(OSSL_PKEY_PARAM_DH_PRIV_LEN, &bits),
                                               OSSL_PARAM_construct_end()};
     if (EVP_PKEY_CTX_set_params(context.get(), length.data()) != 1) {
@@ -548,7 +357,7 @@ int EVP_PKEY_get_shared_secret(EVP_PKEY* own, EVP_PKEY* peer, unsigned char** se
   if (own == nullptr || peer == nullptr) {
     return 1;
   }
-  const bool modp = EVP_PKEY_is_a(own, "DH") == 1;
+  const bool modp = EVP_PKEY_is_a(own, "EC") != 1;  // of either kind: "DH" or "DHX"
   if (modp && !peerIsAcceptable(own, peer)) {
     return 1;
   }
@@ -568,72 +377,3 @@ int EVP_PKEY_get_shared_secret(EVP_PKEY* own, EVP_PKEY* peer, unsigned char** se
   *secretLen = length;
   return 0;
 }
-
-int hmac_create(struct hmac_ctx* ctx) {
-  if (ctx->state != nullptr) {
-    return 0;
-  }
-  std::unique_ptr<hmac_state> state(new (std::nothrow) hmac_state);
-  if (!state || !state->inner || !state->outer || !state->running) {
-    return 1;
-  }
-  ctx->state = state.release();
-  return 0;
-}
-
-int hmac_init(struct hmac_ctx* ctx, const EVP_MD* md, const unsigned char* key, size_t keyLen) {
-  hmac_state* state = ctx->state;
-  if (state == nullptr || md == nullptr) {
-    return 1;
-  }
-  state->open = installKey(*state, md, key, keyLen);
-  state->started = false;
-  state->pendingLength = 0;
-  return state->open ? 0 : 1;
-}
-
-int hmac_update(struct hmac_ctx* ctx, const unsigned char* data, size_t dataLen) {
-  hmac_state* state = ctx->state;
-  if (state == nullptr || !state->open) {
-    return 1;
-  }
-  if (dataLen <= state->pending.size() - state->pendingLength) {
-    std::copy_n(data, dataLen, state->pending.begin() + state->pendingLength);
-    state->pendingLength += dataLen;
-    state->pendingUsed = std::max(state->pendingUsed, state->pendingLength);
-    return 0;
-  }
-  state->open = absorbPending(*state) && EVP_DigestUpdate(state->running.get(), data, dataLen) == 1;
-  return state->open ? 0 : 1;
-}
-
-int hmac_final(struct hmac_ctx* ctx, unsigned char* out, size_t outSize, size_t* written) {
-  *written = 0;
-  hmac_state* state = ctx->state;
-  if (state == nullptr || !state->open) {
-    return 1;
-  }
-  state->open = false;
-  if (outSize >= state->macLength) {
-    if (!finish(*state, out)) {
-      OPENSSL_cleanse(out, state->macLength);  // may hold the inner hash
-      return 1;
-    }
-    *written = state->macLength;
-    return 0;
-  }
-  SecretBytes<EVP_MAX_MD_SIZE> mac;
-  if (!finish(*state, mac.data())) {
-    return 1;
-  }
-  std::copy_n(mac.begin(), outSize, out);
-  *written = outSize;
-  return 0;
-}
-
-void hmac_cleanup(struct hmac_ctx* ctx) {
-  delete ctx->state;
-  ctx->state = nullptr;
-}
-
-}  // extern "C"
