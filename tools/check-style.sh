@@ -20,7 +20,7 @@ never '#include "(Ipsec|CheckedAt|ErrorTrace|AlgorithmTables)\.h"' \
 never '#include "(Ipsec\.h|include/|src/|platform/|tests/)' 'The ground floor includes nothing of ours:' 'base/*'
 never '#include "(src|\.\./src)/.*\.h"' 'Only the library and its tests include from src:' 'examples/*' 'bench/*'
 never '#include ".*\.cpp"' 'One test includes a source, no other file does:' '*.cpp' '*.h' \
-  ':!tests/internal/DhInternalsTest.cpp'
+  ':!tests/dh/DhInternalsTest.cpp'
 never '#if(n?def)? .*(TEST|UNIT)' 'The library has no code for tests:' 'src/*' 'include/*' 'platform/*'
 never '\.at\(' 'Standard libraries word at() differently: checkedAt() or find():' 'src/*'
 never '\bgoto\b' 'Early returns instead of goto:' '*.cpp' '*.h'
@@ -28,7 +28,7 @@ never '\b(HMAC|DH|EC_KEY|SHA1|SHA256|SHA512)_(Init|Update|Final|new|CTX_new|gene
   'OpenSSL interfaces that version 3 deprecates:' 'src/*' 'platform/*'
 never '\b(malloc|calloc|realloc|strcpy|strcat|sprintf|gets)\(' 'Functions that the house does not use:' \
   'src/*' 'platform/*' 'include/*'
-never '[[:space:]]+$' 'Blanks at the end of a line:' '*.cpp' '*.h' '*.py' '*.sh' '*.md' '*.txt' 'dev' ':!tests/golden/*'
+never '[[:space:]]+$' 'Blanks at the end of a line:' '*.cpp' '*.h' '*.py' '*.sh' '*.md' '*.txt' 'dev' ':!tests/files/golden/*'
 never '^(<<<<<<<|>>>>>>>)' 'Left-over merge marks:' .
 
 if [ "$breaches" -ne 0 ]; then

@@ -1,4 +1,4 @@
-#include "VectorFile.h"
+#include "tests/support/VectorFile.h"
 
 #include <gtest/gtest.h>
 

@@ -308,8 +308,8 @@ constexpr int referenceCases = 25000;
 class ReferenceCases {
  public:
   ReferenceCases() {
-    const std::string command = "python3 '" IPSEC_TEST_GOLDEN "/../../tools/reference-writers.py' " +
-                                std::to_string(seed()) + " " + std::to_string(referenceCases);
+    const std::string command =
+        "python3 '" IPSEC_REFERENCE_WRITERS "' " + std::to_string(seed()) + " " + std::to_string(referenceCases);
     FILE* const pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
       throw std::runtime_error("cannot run " + command);

@@ -1,6 +1,6 @@
 // The reader of known answers must not let a case slip: what it cannot read, or what a test does not read, is an error.
 
-#include "support/VectorFile.h"
+#include "tests/support/VectorFile.h"
 
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
