@@ -1,0 +1,49 @@
+// The framework: formatting, expressions, strings.
+
+#include "platform/Framework.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace Ipsec::Testing {
+namespace {
+
+TEST(Format, FormatsAsPrintfDoes) {
+  EXPECT_EQ(Cor::_fmt("%s-%05d%%", "a", 42), "a-00042%");
+  EXPECT_EQ(Cor::_fmt("%s", std::string(100'000, 'x').c_str()).size(), 100'000U);
+  EXPECT_EQ(Cor::_fmt("%s", ""), "");
+  EXPECT_EQ(Cor::_fmt("a%cb", '\0'), Cor::String(std::string("a\0b", 3)));
+  EXPECT_THROW((void)Cor::_fmt("%lc", wint_t{0x110000}), std::invalid_argument) << "no character, so printf refuses";
+}
+
+TEST(Regex, WrapsTheStandardLibrarys) {
+  namespace Regex = Vello::Regex;
+  const auto syntax = std::regex_constants::ECMAScript;
+  EXPECT_TRUE(Regex::search("conn red", Regex::compile("^conn .ed$", syntax)));
+  EXPECT_FALSE(Regex::search("  conn red", Regex::compile("^conn red$", syntax)));
+  EXPECT_FALSE(Regex::search("conn", Regex::compile("^conn", syntax), std::regex_constants::match_not_bol));
+  EXPECT_THROW((void)Regex::compile("conn (", syntax), std::regex_error);
+}
+
+TEST(Regex, OneThatWasNeverCompiledMatchesNothing) {
+  EXPECT_FALSE(Vello::Regex::search("", std::regex()));
+  EXPECT_FALSE(Vello::Regex::search("anything", std::regex()));
+}
+
+TEST(VelloString, HoldsAnyBytesAndHashesAsItsText) {
+  const Vello::String text(std::string_view("a\0b", 3));
+  EXPECT_EQ(text.size(), 3U);
+  EXPECT_NE(text, Vello::String("a"));
+  EXPECT_EQ(std::hash<Vello::String>()(text), std::hash<std::string_view>()(std::string_view("a\0b", 3)));
+  Vello::OStringStream out;
+  out << text << 7;
+  EXPECT_EQ(out.str(), Vello::String(std::string_view("a\0b7", 4)));
+}
+
+}  // namespace
+}  // namespace Ipsec::Testing

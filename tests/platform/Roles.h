@@ -1,0 +1,28 @@
+// What this program does instead of testing when it starts itself with the name of a role as its first argument: some
+// promises show only in a process of its own (the environment, the end of the process, another process's memory).
+// Each role is given the arguments after its name, and returns the exit code; it stands beside the tests that run it.
+#pragma once
+
+#include "tests/platform/Children.h"
+
+namespace Ipsec::Testing {
+
+// TraceHandleTest.cpp
+int traceLevels(const Strings&);
+int traceMessage(const Strings& arguments);
+int traceUntilTheEnd(const Strings&);
+int traceFromThreads(const Strings&);
+int traceWithoutStandardError(const Strings&);
+
+// ExhaustedMemoryTest.cpp
+int traceWithoutMemory(const Strings&);
+
+// RunTest.cpp
+int exchangeStreams(const Strings&);
+int writeDescriptor(const Strings& arguments);
+
+// VrfStatusTest.cpp
+int readVrf(const Strings& arguments);
+int writeVrfs(const Strings& arguments);
+
+}  // namespace Ipsec::Testing

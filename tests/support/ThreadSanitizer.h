@@ -1,0 +1,11 @@
+// Says whether this is a build with ThreadSanitizer. It brings an allocation of its own, which cannot be replaced, and
+// cannot be single-stepped: the tests that need either are left out of its builds.
+#pragma once
+
+#ifdef __SANITIZE_THREAD__
+#define WITH_THREAD_SANITIZER
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define WITH_THREAD_SANITIZER
+#endif
+#endif
