@@ -2,13 +2,12 @@
 // elliptic-curve form, the facade.
 
 #include "CheckedAt.h"
-#include "ErrorTrace.h"
 #include "Ipsec.h"
+#include "Tracer.h"
 #include "base/MadeOnce.h"
 #include "base/OpenSslPtr.h"
 #include "platform/CryptoShim.h"
 #include "platform/Log.h"
-#include "platform/Trace.h"
 
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
@@ -38,26 +37,9 @@ using Base::SecretPointPtr;
 
 namespace {
 
-const Cor::TraceHandle dhTrace("IpsecKeyGen");
-constexpr unsigned errorLevel = 0;
 constexpr unsigned entryLevel = 4;
 
-// Out of line, as failed is: the callers' frames then hold no line's text, and calls that trace nothing cost nothing.
-[[gnu::cold, gnu::noinline]] void writeEntry(const char* file, int line, const char* function) noexcept {
-  traceEntry(dhTrace, entryLevel, {file, line, function});
-}
-
-inline void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
-                    const char* function = __builtin_FUNCTION()) noexcept {
-  if (dhTrace.enabled(entryLevel)) {
-    writeEntry(file, line, function);
-  }
-}
-
-template <class... Values>
-[[gnu::cold, gnu::noinline]] bool failed(const Where& where, std::string_view text, const Values&... values) noexcept {
-  return failedAt(dhTrace, errorLevel, where, text, values...);
-}
+const Tracer trace("IpsecKeyGen", entryLevel);
 
 // Nothing in the library emits this message. It is registered so that it is known wherever the library is loaded.
 // Kept: the blank at the end of the format and the missing one in "ofRelative" are what operators' tools match.
@@ -91,19 +73,17 @@ constexpr std::uint32_t supportedGroups = 1U << MODP_768 | 1U << MODP_1024 | 1U 
 
 // Kept: length only. Range, subgroup and curve membership are judged later, when the value is used.
 bool verifyDHValue(DhGroupNum group, const ByteVector* value) {
-  if (dhTrace.enabled(entryLevel)) {
-    dhTrace.write(entryLevel, Cor::TraceSite::here(), TraceText("verifyDHValue: DH group: ", std::uint32_t{group}));
-  }
+  trace.note(entryLevel, Cor::TraceSite::here(), "verifyDHValue: DH group: ", std::uint32_t{group});
   if (group > MODP_2048_256 || (supportedGroups >> group & 1U) == 0) {
-    return failed("verifyDHValue", "Unsupported group number");
+    return trace.failed("verifyDHValue", "Unsupported group number");
   }
   std::uint64_t expected = 0;
   if (dhGroupToSize.contains(group)) {
     expected = checkedAt(dhGroupToSize, group);
   }
   if (value->size() != expected) {
-    return failed("verifyDHValue", "Invalid DH public value size ", value->size(), " for the DH group ",
-                  std::uint32_t{group}, " with size ", expected);
+    return trace.failed("verifyDHValue", "Invalid DH public value size ", value->size(), " for the DH group ",
+                        std::uint32_t{group}, " with size ", expected);
   }
   return true;
 }
@@ -130,9 +110,9 @@ IpsecDH::~IpsecDH() {
 }
 
 bool IpsecDH::setDHGroup(DhGroupNum group) {
-  entered();
+  trace.entered();
   if (initialized) {
-    return failed("IpsecDH::setDHGroup", "Cannot change DH group after initIpsecDH");
+    return trace.failed("IpsecDH::setDHGroup", "Cannot change DH group after initIpsecDH");
   }
   dhGroup = group;
   return true;
@@ -161,18 +141,18 @@ ModpParameters parametersOf(EVP_PKEY* key) {
 IpsecDHModp::IpsecDHModp(DhGroupNum group) : IpsecDH(group), dhKey(nullptr), peerPublicValue(nullptr), dhSize(0) {}
 
 IpsecDHModp::~IpsecDHModp() {
-  entered();
+  trace.entered();
   BN_clear_free(peerPublicValue);
   EVP_PKEY_free(dhKey);
 }
 
 bool IpsecDHModp::initIpsecDH() {
-  entered();
+  trace.entered();
   if (initialized) {
     return true;
   }
   if (!dhGroupToSize.contains(dhGroup)) {
-    return failed("IpsecDHModp::initIpsecDH", "Not a supported modp DH group: ", std::uint32_t{dhGroup});
+    return trace.failed("IpsecDHModp::initIpsecDH", "Not a supported modp DH group: ", std::uint32_t{dhGroup});
   }
   sharedSecretComputed = false;
   if (peerPublicValue == nullptr) {
@@ -187,14 +167,14 @@ bool IpsecDHModp::initIpsecDH() {
     const PublicBn p(checkedAt(dhGroupToPrime, dhGroup)(nullptr));
     const PublicBn g(BN_bin2bn(&generator, 1, nullptr));
     if (!p || !g) {
-      return failed("IpsecDHModp::initIpsecDH", "Failed assigning p and g, p or g is NULL");
+      return trace.failed("IpsecDHModp::initIpsecDH", "Failed assigning p and g, p or g is NULL");
     }
     parameters.reset(EVP_PKEY_DH_from_params(p.get(), g.get(), nullptr, nullptr));
     dhSize = BN_num_bytes(p.get());
   }
   KeyPtr key(EVP_PKEY_DH_generate_keys(parameters.get()));  // null for null parameters
   if (!key) {
-    return failed("IpsecDHModp::initIpsecDH", "Failed to generate dh key");
+    return trace.failed("IpsecDHModp::initIpsecDH", "Failed to generate dh key");
   }
   adopt(dhKey, std::move(key));
   initialized = true;
@@ -202,30 +182,30 @@ bool IpsecDHModp::initIpsecDH() {
 }
 
 bool IpsecDHModp::getMyPublicKey(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHModp::getMyPublicKey", "IpsecDHModp is not initialized");
+    return trace.failed("IpsecDHModp::getMyPublicKey", "IpsecDHModp is not initialized");
   }
   if (dhSize == 0) {
-    return failed("IpsecDHModp::getMyPublicKey", "Wrong dh size, dhSize is 0");
+    return trace.failed("IpsecDHModp::getMyPublicKey", "Wrong dh size, dhSize is 0");
   }
   out->assign(static_cast<std::size_t>(dhSize), 0);
   const PublicBn pub(BN_new());
   if (!pub || EVP_PKEY_DH_get_params(dhKey, nullptr, nullptr, pub.get(), nullptr) != 0 ||
       BN_bn2binpad(pub.get(), out->data(), dhSize) != dhSize) {
-    return failed("IpsecDHModp::getMyPublicKey", "Failed to get pubkey");
+    return trace.failed("IpsecDHModp::getMyPublicKey", "Failed to get pubkey");
   }
   return true;
 }
 
 bool IpsecDHModp::getMyPrivateKey(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHModp::getMyPrivateKey", "IpsecDHModp is not initialized");
+    return trace.failed("IpsecDHModp::getMyPrivateKey", "IpsecDHModp is not initialized");
   }
   const SecretBn priv(BN_new());
   if (!priv || EVP_PKEY_DH_get_params(dhKey, nullptr, nullptr, nullptr, priv.get()) != 0 || BN_is_zero(priv.get())) {
-    return failed("IpsecDHModp::getMyPrivateKey", "Wrong private key size, privKeyLen is 0");
+    return trace.failed("IpsecDHModp::getMyPrivateKey", "Wrong private key size, privKeyLen is 0");
   }
   out->resize(static_cast<std::size_t>(BN_num_bytes(priv.get())));
   (void)BN_bn2bin(priv.get(), out->data());  // its result is the length just taken
@@ -233,55 +213,55 @@ bool IpsecDHModp::getMyPrivateKey(ByteVector* out) {
 }
 
 bool IpsecDHModp::setMyPrivateKey(const ByteVector* key) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHModp::setMyPrivateKey", "IpsecDHModp is not initialized");
+    return trace.failed("IpsecDHModp::setMyPrivateKey", "IpsecDHModp is not initialized");
   }
   const SecretBn priv(toNumber(*key, nullptr));
   if (!priv) {
-    return failed("IpsecDHModp::setMyPrivateKey", "Failed to get or assign the private key");
+    return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to get or assign the private key");
   }
   clear(sharedSecret);
   sharedSecretComputed = false;
   const ModpParameters own = parametersOf(dhKey);
   if (!own.p) {
-    return failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
+    return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
   }
   // Kept: a key that cannot be made leaves the object without one, still initialised.
   adopt(dhKey, KeyPtr(EVP_PKEY_DH_from_params(own.p.get(), own.g.get(), nullptr, priv.get())));
   if (dhKey == nullptr) {
-    return failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
+    return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
   }
   return true;
 }
 
 bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHModp::setPeerPublicKey", "IpsecDHModp is not initialized");
+    return trace.failed("IpsecDHModp::setPeerPublicKey", "IpsecDHModp is not initialized");
   }
   if (!verifyDHValue(dhGroup, peer)) {
-    return failed("IpsecDHModp::setPeerPublicKey", "Failed to verify the peer's public key");
+    return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to verify the peer's public key");
   }
   BIGNUM* const decoded = toNumber(*peer, peerPublicValue);
   if (decoded == nullptr) {
-    return failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
+    return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
   }
   peerPublicValue = decoded;  // the same number, or a new one where there was none
   const ModpParameters own = parametersOf(dhKey);
   if (!own.p) {
-    return failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the public key");
+    return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the public key");
   }
   const KeyPtr peerKey(EVP_PKEY_DH_from_params(own.p.get(), own.g.get(), peerPublicValue, nullptr));
   if (!peerKey) {
-    return failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
+    return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
   }
   // Kept: from here on a failure leaves the filler, which an earlier success then hands out. The ECP form leaves zeros.
   sharedSecret.assign(static_cast<std::size_t>(dhSize), 0xFF);
   unsigned char* secret = sharedSecret.data();
   std::size_t secretLen = 0;
   if (EVP_PKEY_get_shared_secret(dhKey, peerKey.get(), &secret, &secretLen) != 0 || secretLen == 0) {
-    return failed("IpsecDHModp::setPeerPublicKey", "Failed to compute the shared secret");
+    return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to compute the shared secret");
   }
   sharedSecret.resize(secretLen);
   sharedSecretComputed = true;
@@ -289,12 +269,12 @@ bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
 }
 
 bool IpsecDHModp::getSharedSecret(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHModp::getSharedSecret", "IpsecDHModp is not initialized");
+    return trace.failed("IpsecDHModp::getSharedSecret", "IpsecDHModp is not initialized");
   }
   if (!sharedSecretComputed) {
-    return failed("IpsecDHModp::getSharedSecret", "Shared secret has not been computed");
+    return trace.failed("IpsecDHModp::getSharedSecret", "Shared secret has not been computed");
   }
   out->assign(static_cast<std::size_t>(dhSize), 0);
   std::copy_backward(sharedSecret.begin(), sharedSecret.end(), out->end());
@@ -396,20 +376,20 @@ bool bnSplit(const ByteVector& in, BIGNUM* x, BIGNUM* y) {
 bool ecpToVector(const EC_GROUP* group, const EC_POINT* point, ByteVector* out) {
   const Scratch scratch;
   if (scratch.get() == nullptr) {
-    return failed("ecpToVector", "BN_CTX_new failed");
+    return trace.failed("ecpToVector", "BN_CTX_new failed");
   }
   BIGNUM* const x = BN_CTX_get(scratch.get());
   BIGNUM* const y = BN_CTX_get(scratch.get());
   if (x == nullptr || y == nullptr) {
-    return failed("ecpToVector", "BN_CTX_get failed");
+    return trace.failed("ecpToVector", "BN_CTX_get failed");
   }
   if (EC_POINT_get_affine_coordinates(group, point, x, y, scratch.get()) == 0) {
-    return failed("ecpToVector", "EC_POINT_get_affine_coordinates failed");
+    return trace.failed("ecpToVector", "EC_POINT_get_affine_coordinates failed");
   }
   const int fieldLen = fieldLength(group);
   out->assign(2 * static_cast<std::size_t>(fieldLen), 0);
   if (!bnCat(x, y, fieldLen, out)) {
-    return failed("ecpToVector", "bnCat failed");
+    return trace.failed("ecpToVector", "bnCat failed");
   }
   return true;
 }
@@ -430,22 +410,22 @@ bool isWireForm(const unsigned char* octets, std::size_t length, std::size_t fie
 bool vectorToEcp(const EC_GROUP* group, const ByteVector* in, EC_POINT* point) {
   const Scratch scratch;
   if (scratch.get() == nullptr) {
-    return failed("vectorToEcp", "BN_CTX_new failed");
+    return trace.failed("vectorToEcp", "BN_CTX_new failed");
   }
   BIGNUM* const x = BN_CTX_get(scratch.get());
   BIGNUM* const y = BN_CTX_get(scratch.get());
   if (x == nullptr || y == nullptr) {
-    return failed("vectorToEcp", "BN_CTX_get failed");
+    return trace.failed("vectorToEcp", "BN_CTX_get failed");
   }
   if (!bnSplit(*in, x, y)) {
-    return failed("vectorToEcp", "bnSplit failed");
+    return trace.failed("vectorToEcp", "bnSplit failed");
   }
   if (EC_POINT_set_affine_coordinates(group, point, x, y, scratch.get()) == 0) {
-    return failed("vectorToEcp", "EC_POINT_set_affine_coordinates_GFp failed");
+    return trace.failed("vectorToEcp", "EC_POINT_set_affine_coordinates_GFp failed");
   }
   // Kept: an error of the check itself (-1) is no refusal. The coordinates were checked above when they were set.
   if (EC_POINT_is_on_curve(group, point, scratch.get()) == 0) {
-    return failed("vectorToEcp", "EC_POINT_is_on_curve failed");
+    return trace.failed("vectorToEcp", "EC_POINT_is_on_curve failed");
   }
   return true;
 }
@@ -461,34 +441,34 @@ IpsecDHEcp::~IpsecDHEcp() {
 }
 
 bool IpsecDHEcp::initIpsecDH() {
-  entered();
+  trace.entered();
   if (initialized) {
     return true;
   }
   const std::size_t curve = std::uint32_t{dhGroup} - std::uint32_t{ECP_256};  // wraps far above for a lower number
   if (curve >= curveNids.size()) {
-    failed("IpsecDHEcp::initIpsecDH", "Unsupported ECDH group: ", std::uint32_t{dhGroup});
+    trace.failed("IpsecDHEcp::initIpsecDH", "Unsupported ECDH group: ", std::uint32_t{dhGroup});
     adopt(ecKey, KeyPtr());
-    return failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
+    return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
   }
   adopt(peerPoint, SecretPointPtr());  // a failed attempt's point belongs to the group replaced next
   adopt(ecGroup, newCurve(curve));
   adopt(peerPoint, SecretPointPtr(EC_POINT_new(ecGroup)));  // null for a null group
   if (peerPoint == nullptr) {
-    return failed("IpsecDHEcp::initIpsecDH", "Failed to initialize peer's public key");
+    return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize peer's public key");
   }
   adopt(ecKey, newCurveKey(curve));
   if (ecKey == nullptr) {
-    return failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
+    return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
   }
   initialized = true;
   return true;
 }
 
 bool IpsecDHEcp::getMyPublicKey(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHEcp::getMyPublicKey", "IpsecDHEcp is not initialized");
+    return trace.failed("IpsecDHEcp::getMyPublicKey", "IpsecDHEcp is not initialized");
   }
   // The longest encoding, of group 21, fits: one read instead of one for the length and one for the bytes.
   // OpenSSL's failures from here to ecpToVector have no message.
@@ -512,16 +492,16 @@ bool IpsecDHEcp::getMyPublicKey(ByteVector* out) {
 }
 
 bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHEcp::getMyPrivateKey", "IpsecDHEcp is not initialized");
+    return trace.failed("IpsecDHEcp::getMyPrivateKey", "IpsecDHEcp is not initialized");
   }
   SecretBn priv;
   if (ecKey == nullptr || EVP_PKEY_get_bn_param(ecKey, OSSL_PKEY_PARAM_PRIV_KEY, into(priv)) == 0) {
     return false;  // no message for a key that cannot be read
   }
   if (BN_is_zero(priv.get())) {
-    return failed("IpsecDHEcp::getMyPrivateKey", "Wrong privKeyLen size, privKeyLen is 0");
+    return trace.failed("IpsecDHEcp::getMyPrivateKey", "Wrong privKeyLen size, privKeyLen is 0");
   }
   out->resize(static_cast<std::size_t>(BN_num_bytes(priv.get())));
   (void)BN_bn2bin(priv.get(), out->data());  // its result is the length just taken
@@ -530,9 +510,9 @@ bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
 
 // Failures here have no message. Kept: an earlier secret stays readable after a new private key. The MODP form forgets.
 bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHEcp::setMyPrivateKey", "IpsecDHEcp is not initialized");
+    return trace.failed("IpsecDHEcp::setMyPrivateKey", "IpsecDHEcp is not initialized");
   }
   const SecretBn priv(toNumber(*key, nullptr));
   const PointPtr pub(EC_POINT_new(ecGroup));
@@ -545,15 +525,15 @@ bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
 }
 
 bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHEcp::setPeerPublicKey", "IpsecDHEcp is not initialized");
+    return trace.failed("IpsecDHEcp::setPeerPublicKey", "IpsecDHEcp is not initialized");
   }
   if (!verifyDHValue(dhGroup, peer)) {
-    return failed("IpsecDHEcp::setPeerPublicKey", "Failed to verify peer's public key");
+    return trace.failed("IpsecDHEcp::setPeerPublicKey", "Failed to verify peer's public key");
   }
   if (!vectorToEcp(ecGroup, peer, peerPoint)) {
-    return failed("IpsecDHEcp::setPeerPublicKey", "vectorToEcp failed");
+    return trace.failed("IpsecDHEcp::setPeerPublicKey", "vectorToEcp failed");
   }
   // Kept: from here on a failure leaves zeros, which an earlier success then hands out. The MODP form leaves 0xFF.
   const int ecdhSize = fieldLength(ecGroup);
@@ -562,7 +542,8 @@ bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
   std::size_t secretLen = 0;
   const KeyPtr peerKey(EVP_PKEY_EC_from_params(ecGroup, peerPoint, nullptr));
   if (!peerKey || EVP_PKEY_get_shared_secret(ecKey, peerKey.get(), &secret, &secretLen) != 0 || secretLen == 0) {
-    return failed("IpsecDHEcp::setPeerPublicKey", "ECDH_compute_key failed on shared secret with ecdhSize ", ecdhSize);
+    return trace.failed("IpsecDHEcp::setPeerPublicKey", "ECDH_compute_key failed on shared secret with ecdhSize ",
+                        ecdhSize);
   }
   sharedSecret.resize(secretLen);
   sharedSecretComputed = true;
@@ -570,12 +551,12 @@ bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
 }
 
 bool IpsecDHEcp::getSharedSecret(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHEcp::getSharedSecret", "IpsecDHEcp is not initialized");
+    return trace.failed("IpsecDHEcp::getSharedSecret", "IpsecDHEcp is not initialized");
   }
   if (!sharedSecretComputed) {
-    return failed("IpsecDHEcp::getSharedSecret", "Shared secret has not been computed");
+    return trace.failed("IpsecDHEcp::getSharedSecret", "Shared secret has not been computed");
   }
   *out = sharedSecret;
   return true;
@@ -587,72 +568,72 @@ IpsecDHGeneral::IpsecDHGeneral(DhGroupNum group)
     : dhGroup(group), isModp(true), ipsecDH(nullptr), modpDH(MODP_NONE), ecpDH(MODP_NONE), initialized(false) {}
 
 bool IpsecDHGeneral::setDHGroup(DhGroupNum group) {
-  entered();
+  trace.entered();
   if (initialized) {
-    return failed("IpsecDHGeneral::setDHGroup", "Cannot change DH group after initIpsecDH");
+    return trace.failed("IpsecDHGeneral::setDHGroup", "Cannot change DH group after initIpsecDH");
   }
   dhGroup = group;
   return true;
 }
 
 bool IpsecDHGeneral::initIpsecDH() {
-  entered();
+  trace.entered();
   if (initialized) {
     // Kept: reported as an error, answered as a success. The key pair stays.
-    failed("IpsecDHGeneral::initIpsecDH", "IpsecDHGeneral is already initialized");
+    trace.failed("IpsecDHGeneral::initIpsecDH", "IpsecDHGeneral is already initialized");
     return true;
   }
   if (dhGroup == MODP_NONE) {
-    return failed("IpsecDHGeneral::initIpsecDH", "Cannot initialize the MODP_NONE group");
+    return trace.failed("IpsecDHGeneral::initIpsecDH", "Cannot initialize the MODP_NONE group");
   }
   if (!dhGroupToSize.contains(dhGroup)) {
-    return failed("IpsecDHGeneral::initIpsecDH", "Unsupported DH group: ", std::uint32_t{dhGroup});
+    return trace.failed("IpsecDHGeneral::initIpsecDH", "Unsupported DH group: ", std::uint32_t{dhGroup});
   }
   isModp = dhGroup != ECP_256 && dhGroup != ECP_384 && dhGroup != ECP_521;
   ipsecDH = isModp ? static_cast<IpsecDH*>(&modpDH) : &ecpDH;
   if (!ipsecDH->setDHGroup(dhGroup) || !ipsecDH->initIpsecDH()) {
-    return failed("IpsecDHGeneral::initIpsecDH", "setDHGroup or initIpsecDH failed on ipsecDH");
+    return trace.failed("IpsecDHGeneral::initIpsecDH", "setDHGroup or initIpsecDH failed on ipsecDH");
   }
   initialized = true;
   return true;
 }
 
 bool IpsecDHGeneral::getMyPublicKey(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHGeneral::getMyPublicKey", "IpsecDHGeneral is not initialized");
+    return trace.failed("IpsecDHGeneral::getMyPublicKey", "IpsecDHGeneral is not initialized");
   }
   return ipsecDH->getMyPublicKey(out);
 }
 
 bool IpsecDHGeneral::getMyPrivateKey(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHGeneral::getMyPrivateKey", "IpsecDHGeneral is not initialized");
+    return trace.failed("IpsecDHGeneral::getMyPrivateKey", "IpsecDHGeneral is not initialized");
   }
   return ipsecDH->getMyPrivateKey(out);
 }
 
 bool IpsecDHGeneral::setMyPrivateKey(const ByteVector* key) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHGeneral::setMyPrivateKey", "IpsecDHGeneral is not initialized");
+    return trace.failed("IpsecDHGeneral::setMyPrivateKey", "IpsecDHGeneral is not initialized");
   }
   return ipsecDH->setMyPrivateKey(key);
 }
 
 bool IpsecDHGeneral::setPeerPublicKey(const ByteVector* peer) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHGeneral::setPeerPublicKey", "IpsecDHGeneral is not initialized");
+    return trace.failed("IpsecDHGeneral::setPeerPublicKey", "IpsecDHGeneral is not initialized");
   }
   return ipsecDH->setPeerPublicKey(peer);
 }
 
 bool IpsecDHGeneral::getSharedSecret(ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("IpsecDHGeneral::getSharedSecret", "IpsecDHGeneral is not initialized");
+    return trace.failed("IpsecDHGeneral::getSharedSecret", "IpsecDHGeneral is not initialized");
   }
   return ipsecDH->getSharedSecret(out);
 }

@@ -2,10 +2,9 @@
 
 #include "AlgorithmTables.h"
 #include "CheckedAt.h"
-#include "ErrorTrace.h"
 #include "Ipsec.h"
+#include "Tracer.h"
 #include "platform/CryptoShim.h"
-#include "platform/Trace.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -20,27 +19,7 @@
 namespace Ipsec {
 namespace {
 
-const Cor::TraceHandle keyGenTrace("IpsecKeyGen");
-constexpr unsigned errorLevel = 0;
-constexpr unsigned entryLevel = 4;
-
-// Out of line, as failed is: the callers' frames then hold no line's text, and calls that trace nothing cost nothing.
-[[gnu::cold, gnu::noinline]] void writeEntry(const char* file, int line, const char* function) noexcept {
-  traceEntry(keyGenTrace, entryLevel, {file, line, function});
-}
-
-inline void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
-                    const char* function = __builtin_FUNCTION()) noexcept {
-  if (keyGenTrace.enabled(entryLevel)) {
-    writeEntry(file, line, function);
-  }
-}
-
-[[gnu::cold, gnu::noinline]] bool failed(const char* name, std::string_view text, const char* file = __builtin_FILE(),
-                                         int line = __builtin_LINE(),
-                                         const char* function = __builtin_FUNCTION()) noexcept {
-  return failedAt(keyGenTrace, errorLevel, Where(name, file, line, function), text);
-}
+const Tracer trace("IpsecKeyGen", 4);
 
 }  // namespace
 
@@ -70,18 +49,18 @@ PRFunc::~PRFunc() = default;
 HmacPRFunc::HmacPRFunc() : md(nullptr), hmacCtx{}, keySet(false), initialized(false), key(nullptr) {}
 
 HmacPRFunc::~HmacPRFunc() {
-  entered();
+  trace.entered();
   (void)hmac_cleanup(&hmacCtx);  // always answers 0
 }
 
 bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {
-  entered();
+  trace.entered();
   if (initialized) {
     return true;
   }
   md = digestOf(hashAlgo);
   if (md == nullptr) {
-    return failed("HmacPRFunc::initHmacPRFunc", "Failed to get the hash function by hashAlgo's name");
+    return trace.failed("HmacPRFunc::initHmacPRFunc", "Failed to get the hash function by hashAlgo's name");
   }
   (void)hmac_create(&hmacCtx);  // a context that could not be created makes setKey fail
   initialized = true;
@@ -89,44 +68,44 @@ bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {
 }
 
 bool HmacPRFunc::setKey(const ByteVector* newKey) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("HmacPRFunc::setKey", "HmacPRFunc is not initialized");
+    return trace.failed("HmacPRFunc::setKey", "HmacPRFunc is not initialized");
   }
   if (newKey != nullptr) {
     key = newKey;
   }
   if (hmac_init(&hmacCtx, md, key->data(), key->size()) != 0) {
-    return failed("HmacPRFunc::setKey", "HMAC_Init_ex failed");
+    return trace.failed("HmacPRFunc::setKey", "HMAC_Init_ex failed");
   }
   keySet = true;
   return true;
 }
 
 std::size_t HmacPRFunc::getOutputSize() {
-  entered();
+  trace.entered();
   if (!initialized) {
-    failed("HmacPRFunc::getOutputSize", "HmacPRFunc is not initialized");
+    trace.failed("HmacPRFunc::getOutputSize", "HmacPRFunc is not initialized");
     return 0;
   }
   return static_cast<std::size_t>(EVP_MD_get_size(md));
 }
 
 std::size_t HmacPRFunc::getKeySize() {
-  entered();
+  trace.entered();
   return getOutputSize();
 }
 
 bool HmacPRFunc::generatePRStream(const ByteVector* input, ByteVector* output) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("HmacPRFunc::generatePRStream", "HmacPRFunc is not initialized");
+    return trace.failed("HmacPRFunc::generatePRStream", "HmacPRFunc is not initialized");
   }
   if (!keySet) {
-    return failed("HmacPRFunc::generatePRStream", "Has not set the key");
+    return trace.failed("HmacPRFunc::generatePRStream", "Has not set the key");
   }
   if (hmac_update(&hmacCtx, input->data(), input->size()) != 0) {
-    return failed("HmacPRFunc::generatePRStream", "HMAC_Update failed");
+    return trace.failed("HmacPRFunc::generatePRStream", "HMAC_Update failed");
   }
   if (output == nullptr) {
     return true;
@@ -135,10 +114,10 @@ bool HmacPRFunc::generatePRStream(const ByteVector* input, ByteVector* output) {
   std::size_t written = 0;
   (void)hmac_final(&hmacCtx, output->data(), output->size(), &written);  // written tells
   if (written == 0) {
-    return failed("HmacPRFunc::generatePRStream", "HMAC_Final failed");
+    return trace.failed("HmacPRFunc::generatePRStream", "HMAC_Final failed");
   }
   if (!setKey(nullptr)) {
-    return failed("HmacPRFunc::generatePRStream", "Set key to original failed");
+    return trace.failed("HmacPRFunc::generatePRStream", "Set key to original failed");
   }
   return true;
 }
@@ -154,7 +133,7 @@ PRFuncPlus::~PRFuncPlus() {
 }
 
 bool PRFuncPlus::initPRFuncPlus(const ByteVector* newSeed) {
-  entered();
+  trace.entered();
   if (initialized) {
     return true;
   }
@@ -163,20 +142,20 @@ bool PRFuncPlus::initPRFuncPlus(const ByteVector* newSeed) {
     counter = 1;
     const ByteVector counterByte = {counter};
     if (!prf->generatePRStream(&seed, nullptr) || !prf->generatePRStream(&counterByte, &buffer)) {
-      return failed("PRFuncPlus::initPRFuncPlus", "Failed to init prf function plus with counter enabled");
+      return trace.failed("PRFuncPlus::initPRFuncPlus", "Failed to init prf function plus with counter enabled");
     }
     ++counter;
   } else if (!prf->generatePRStream(&seed, &buffer)) {
-    return failed("PRFuncPlus::initPRFuncPlus", "Failed to init prf function plus with counter disabled");
+    return trace.failed("PRFuncPlus::initPRFuncPlus", "Failed to init prf function plus with counter disabled");
   }
   initialized = true;
   return true;
 }
 
 bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
-  entered();
+  trace.entered();
   if (!initialized) {
-    return failed("PRFuncPlus::generatePRStream", "PRFuncPlus is not initialized");
+    return trace.failed("PRFuncPlus::generatePRStream", "PRFuncPlus is not initialized");
   }
   out->resize(length);
   ByteVector counterByte;  // allocated once a call, if at all
@@ -184,17 +163,17 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
     if (bufferPos >= buffer.size()) {  // above it only where a failed block left less than was drawn
       // T(n) = prf(K, T(n-1) | S [| n]) takes the place of T(n-1): all input is absorbed before the output is written.
       if (!prf->generatePRStream(&buffer, nullptr)) {
-        return failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
+        return trace.failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
       }
       if (counterEnabled) {
         counterByte.assign(1, counter);
         if (!prf->generatePRStream(&seed, nullptr) || !prf->generatePRStream(&counterByte, &buffer)) {
-          return failed("PRFuncPlus::generatePRStream", "Counter based generatePRStream failed");
+          return trace.failed("PRFuncPlus::generatePRStream", "Counter based generatePRStream failed");
         }
         // Kept: the counter wraps to 0 after block 255; the limit of RFC 7296 section 2.13 is not enforced here.
         ++counter;
       } else if (!prf->generatePRStream(&seed, &buffer)) {
-        return failed("PRFuncPlus::generatePRStream", "Non-counter based generatePRStream failed");
+        return trace.failed("PRFuncPlus::generatePRStream", "Non-counter based generatePRStream failed");
       }
       bufferPos = 0;
     }
@@ -213,19 +192,19 @@ NonceGenerator::NonceGenerator() : nonceLen(32) {}
 NonceGenerator::NonceGenerator(unsigned long length) : nonceLen(length) {}
 
 bool NonceGenerator::generateNonce(ByteVector* out) {
-  entered();
+  trace.entered();
   out->resize(nonceLen);
   // Kept: only -1 is a failure. OpenSSL 3 answers 0 when its generator fails; the bytes are then not random.
   if (RAND_bytes(out->data(), static_cast<int>(nonceLen)) == -1) {
-    return failed("NonceGenerator::generateNonce", "Failed to generate random number");
+    return trace.failed("NonceGenerator::generateNonce", "Failed to generate random number");
   }
   return true;
 }
 
 bool NonceGenerator::generateFullNonce(ByteVector* out, const ByteVector* nonce1, const ByteVector* nonce2) {
-  entered();
+  trace.entered();
   if (nonce1->size() != nonce2->size()) {
-    return failed("NonceGenerator::generateFullNonce", "Two nonces should have the same length");
+    return trace.failed("NonceGenerator::generateFullNonce", "Two nonces should have the same length");
   }
   out->clear();
   out->reserve(nonce1->size() + nonce2->size());

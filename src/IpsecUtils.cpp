@@ -4,11 +4,10 @@
 // The assertions below are contract, not debugging aids: they stop the process in release builds too.
 #undef NDEBUG
 #include "CheckedAt.h"
-#include "ErrorTrace.h"
 #include "Ipsec.h"
+#include "Tracer.h"
 #include "base/Descriptor.h"
 #include "platform/Process.h"
-#include "platform/Trace.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -37,11 +36,10 @@ using Base::Descriptor;
 
 namespace {
 
-const Cor::TraceHandle trace("IpsecUtils");
-
-constexpr unsigned errorLevel = 0;
 constexpr unsigned infoLevel = 1;
 constexpr unsigned commandLevel = 8;
+
+const Tracer trace("IpsecUtils", commandLevel);
 
 // --- Files -----------------------------------------------------------------------------------------------------------
 
@@ -459,7 +457,7 @@ constexpr ModuleCommand unloadCryptoModules[] = {
 
 constexpr ModuleCommand loadFlowModule[] = {
     // Kept: the message calls the module ipsec_flow_encap, and the return code follows it without a blank.
-    {loader, "ipsec_flow_parallelization", "Failed to load ipsec_flow_encap netfilter module", errorLevel},
+    {loader, "ipsec_flow_parallelization", "Failed to load ipsec_flow_encap netfilter module", Tracer::errorLevel},
 };
 
 // Kept: a tool that ran and failed is not reported. A kernel may well have the module built in, or not at all.
@@ -467,12 +465,12 @@ void runModuleCommand(const Where& where, const ModuleCommand& command) {
   const char* argv[] = {command.tool, command.module, nullptr};
   const int status = _execCommand(argv);
   const int waitError = errno;
-  trace.write(commandLevel, where.site, TraceText("Command : ", command.tool, " ", command.module, " "));
+  trace.note(commandLevel, where.site, "Command : ", command.tool, " ", command.module, " ");
   if (status >= 0) {
     return;
   }
-  trace.write(commandLevel, where.site, TraceText("Returned : ", std::strerror(waitError)));
-  (void)failedAt(trace, command.failureLevel, where, command.failure, status);
+  trace.note(commandLevel, where.site, "Returned : ", std::strerror(waitError));
+  (void)trace.failedAt(command.failureLevel, where, command.failure, status);
 }
 
 template <std::size_t commandCount>
@@ -510,7 +508,7 @@ void writeConnections(stringmap settings) {
     file.append(newSection(std::move(settings)));
   }
   if (!file.moveIntoPlace()) {
-    (void)failedAt(trace, errorLevel, "writeConnections", "Error renaming tmp file to ipsec.conf");
+    (void)trace.failed("writeConnections", "Error renaming tmp file to ipsec.conf");
   }
 }
 
@@ -534,7 +532,7 @@ void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-pa
     file.append(newSecret(entry));
   }
   if (!file.moveIntoPlace()) {
-    (void)failedAt(trace, errorLevel, "writeSecrets", "Error renaming tmp file to ipsec.secrets");
+    (void)trace.failed("writeSecrets", "Error renaming tmp file to ipsec.secrets");
   }
 }
 
@@ -552,12 +550,12 @@ int _execCommand(const char** argv) {
 }
 
 void enableCryptoModules() {
-  trace.write(commandLevel, Cor::TraceSite::here(), "enableCryptoModules: ");
+  trace.entered();
   runModuleCommands("enableCryptoModules", loadCryptoModules);
 }
 
 void disableCryptoModules() {
-  trace.write(commandLevel, Cor::TraceSite::here(), "disableCryptoModules: ");
+  trace.entered();
   runModuleCommands("disableCryptoModules", unloadCryptoModules);
 }
 
@@ -571,16 +569,16 @@ void setMaxReplayWindow() {
   constexpr char path[] = "/proc/sys/net/core/xfrm_replay_esn_max";
   constexpr char where[] = "setMaxReplayWindow()";
   constexpr int packets = 65536;
-  trace.write(commandLevel, Cor::TraceSite::here(), "setMaxReplayWindow: ");
-  (void)failedAt(trace, infoLevel, where, "Setting xfrm_replay_esn_max to ", packets);
+  trace.entered();
+  (void)trace.failedAt(infoLevel, where, "Setting xfrm_replay_esn_max to ", packets);
   if (access(path, F_OK) != 0) {
     const int accessError = errno;
-    (void)failedAt(trace, infoLevel, where, "Unable to set ", path, " due to errno ", accessError);
+    (void)trace.failedAt(infoLevel, where, "Unable to set ", path, " due to errno ", accessError);
     return;
   }
   std::ofstream setting(path);
   if (!setting) {
-    (void)failedAt(trace, infoLevel, where, "Failed to set max replay window size");
+    (void)trace.failedAt(infoLevel, where, "Failed to set max replay window size");
     return;
   }
   // Kept: a value that the kernel refuses is not reported.

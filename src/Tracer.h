@@ -1,0 +1,109 @@
+// How a source speaks: entry lines, error lines, and lines that are no failure. Each source that traces has one Tracer.
+#pragma once
+
+#include "platform/Trace.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <concepts>
+#include <cstddef>
+#include <string_view>
+
+namespace Ipsec {
+
+// A line put together on the stack, so that reporting exhausted memory needs no memory. What does not fit is cut.
+class TraceText {
+ public:
+  template <class... Pieces>
+  explicit TraceText(const Pieces&... pieces) noexcept {
+    (append(pieces), ...);
+  }
+
+  operator std::string_view() const noexcept { return {bytes.data(), length}; }
+
+ private:
+  void append(std::string_view piece) noexcept {
+    const std::size_t count = std::min(piece.size(), bytes.size() - length);
+    std::copy_n(piece.begin(), count, bytes.begin() + length);
+    length += count;
+  }
+
+  template <std::integral Number>
+  void append(Number number) noexcept {
+    std::array<char, 24> digits;
+    const auto end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+    append(std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data())));
+  }
+
+  std::array<char, 512> bytes;
+  std::size_t length = 0;
+};
+
+// The prefix of an error line, and the place in the source that writes it.
+struct Where {
+  Where(const char* function, const char* file = __builtin_FILE(), int line = __builtin_LINE(),
+        const char* bareFunction = __builtin_FUNCTION()) noexcept
+      : name(function), site{file, line, bareFunction} {}
+
+  const char* name;
+  Cor::TraceSite site;
+};
+
+// Tracer writes a source's lines under one handle. Functions that put a line together are out of line: their callers
+// then reserve no stack for its 512 bytes, and a level that is off costs one test.
+class Tracer {
+ public:
+  static constexpr unsigned errorLevel = 0;
+
+  // Entry lines are written at the given level of the handle's text trace.
+  Tracer(const char* handleName, unsigned levelOfEntries) noexcept : handle(handleName), entryLevel(levelOfEntries) {}
+
+  // Traces the entry into the calling function: its bare name, a colon and a blank.
+  void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
+               const char* function = __builtin_FUNCTION()) const noexcept {
+    if (handle.enabled(entryLevel)) {
+      writeEntry({file, line, function});
+    }
+  }
+
+  // Traces "where text values..." as an error, to the ring and to the text trace at level 0. Returns false, the answer of
+  // what failed.
+  template <class... Values>
+  [[gnu::cold, gnu::noinline]] bool failed(const Where& where, std::string_view text,
+                                           const Values&... values) const noexcept {
+    return failedAt(errorLevel, where, text, values...);
+  }
+
+  // The same at another level of the text trace.
+  template <class... Values>
+  [[gnu::cold, gnu::noinline]] bool failedAt(unsigned level, const Where& where, std::string_view text,
+                                             const Values&... values) const noexcept {
+    DualTrace::write(handle, level, where.site, TraceText(where.name, " ", text, values...));
+    return false;
+  }
+
+  // Writes a line that is no failure to the text trace.
+  template <class... Pieces>
+  void note(unsigned level, const Cor::TraceSite& site, const Pieces&... pieces) const noexcept {
+    if (handle.enabled(level)) {
+      writeNote(level, site, pieces...);
+    }
+  }
+
+ private:
+  [[gnu::cold, gnu::noinline]] void writeEntry(const Cor::TraceSite& site) const noexcept {
+    handle.write(entryLevel, site, TraceText(site.function, ": "));
+  }
+
+  template <class... Pieces>
+  [[gnu::cold, gnu::noinline]] void writeNote(unsigned level, const Cor::TraceSite& site,
+                                              const Pieces&... pieces) const noexcept {
+    handle.write(level, site, TraceText(pieces...));
+  }
+
+  Cor::TraceHandle handle;
+  unsigned entryLevel;
+};
+
+}  // namespace Ipsec
