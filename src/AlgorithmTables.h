@@ -1,20 +1,20 @@
-// The constant tables between IKE's algorithm identifiers. Built when the library is loaded, read without a lock.
+// The constant tables between IKE's algorithm identifiers. They need no construction and no destruction: any thread may
+// read them at any time, also while the process ends.
 #pragma once
 
+#include "CheckedAt.h"
 #include "Ipsec.h"
-
-#include <unordered_map>
 
 namespace Ipsec {
 
-inline const std::unordered_map<IntegrityAlgo, PrfType> integAlgoToPrfType = {
+inline constexpr TableRow<IntegrityAlgo, PrfType> integAlgoToPrfType[] = {
     {AUTH_HMAC_SHA1_96, PRF_HMAC_SHA1},
     {AUTH_HMAC_SHA2_256_128, PRF_HMAC_SHA2_256},
     {AUTH_HMAC_SHA2_384_192, PRF_HMAC_SHA2_384},
     {AUTH_HMAC_SHA2_512_256, PRF_HMAC_SHA2_512},
 };
 
-inline const std::unordered_map<PrfType, HashAlgorithm> prfTypeToHashAlgo = {
+inline constexpr TableRow<PrfType, HashAlgorithm> prfTypeToHashAlgo[] = {
     {PRF_HMAC_SHA1, HASH_SHA1},
     {PRF_HMAC_SHA2_256, HASH_SHA256},
     {PRF_HMAC_SHA2_384, HASH_SHA384},
@@ -22,14 +22,14 @@ inline const std::unordered_map<PrfType, HashAlgorithm> prfTypeToHashAlgo = {
 };
 
 // The digests' names as OpenSSL knows them.
-inline const std::unordered_map<HashAlgorithm, const char*> hashAlgoToName = {
+inline constexpr TableRow<HashAlgorithm, const char*> hashAlgoToName[] = {
     {HASH_SHA1, "sha1"},
     {HASH_SHA256, "sha256"},
     {HASH_SHA384, "sha384"},
     {HASH_SHA512, "sha512"},
 };
 
-inline const std::unordered_map<IntegrityAlgo, std::int32_t> integAlgoToKeyBits = {
+inline constexpr TableRow<IntegrityAlgo, std::int32_t> integAlgoToKeyBits[] = {
     {AUTH_HMAC_SHA1_96, 160},
     {AUTH_HMAC_SHA2_256_128, 256},
     {AUTH_HMAC_SHA2_384_192, 384},
@@ -37,7 +37,7 @@ inline const std::unordered_map<IntegrityAlgo, std::int32_t> integAlgoToKeyBits 
 };
 
 // Only transforms whose key length is fixed.
-inline const std::unordered_map<EncryptionAlgo, std::int32_t> encryptAlgoToKeyBits = {
+inline constexpr TableRow<EncryptionAlgo, std::int32_t> encryptAlgoToKeyBits[] = {
     {ENCR_3DES, 192},
 };
 

@@ -1,15 +1,44 @@
-// A checked map lookup whose exception text is our own: standard libraries word unordered_map::at differently.
+// Look-ups in the constant tables and in maps of settings. find() answers; checkedAt() is for what the caller must know,
+// and its exception's text is our own: standard libraries word unordered_map::at differently.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <stdexcept>
 
 namespace Ipsec {
+
+inline constexpr char missingKey[] = "_Map_base::at";
+
+// One row of a constant table.
+template <class Key, class Value>
+struct TableRow {
+  Key key;
+  Value value;
+};
+
+// Returns the value of a table's row, or null if no row has the key.
+template <class Key, class Value, std::size_t rowCount>
+constexpr const Value* find(const TableRow<Key, Value> (&rows)[rowCount], Key key) {
+  const auto* row = std::find_if(std::begin(rows), std::end(rows), [key](const auto& each) { return each.key == key; });
+  return row == std::end(rows) ? nullptr : &row->value;
+}
+
+template <class Key, class Value, std::size_t rowCount>
+const Value& checkedAt(const TableRow<Key, Value> (&rows)[rowCount], Key key) {
+  const Value* const found = find(rows, key);
+  if (found == nullptr) {
+    throw std::out_of_range(missingKey);
+  }
+  return *found;
+}
 
 template <class Map>
 const typename Map::mapped_type& checkedAt(const Map& map, const typename Map::key_type& key) {
   const auto found = map.find(key);
   if (found == map.end()) {
-    throw std::out_of_range("_Map_base::at");
+    throw std::out_of_range(missingKey);
   }
   return found->second;
 }

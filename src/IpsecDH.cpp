@@ -1,10 +1,9 @@
-// Diffie-Hellman for IKE: the registered log message, the group tables, the length check, the MODP and the
-// elliptic-curve form, the facade.
+// Diffie-Hellman for IKE: the registered log message, the length check, the MODP and the elliptic-curve form, the facade.
 
-#include "CheckedAt.h"
+#include "Curves.h"
+#include "GroupTable.h"
 #include "Ipsec.h"
 #include "Tracer.h"
-#include "base/MadeOnce.h"
 #include "base/OpenSslPtr.h"
 #include "platform/CryptoShim.h"
 #include "platform/Log.h"
@@ -14,7 +13,6 @@
 #include <openssl/crypto.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
-#include <openssl/obj_mac.h>
 
 #include <algorithm>
 #include <array>
@@ -25,11 +23,8 @@ namespace Ipsec {
 
 using Base::adopt;
 using Base::BnContextPtr;
-using Base::CurvePtr;
 using Base::into;
-using Base::KeyContextPtr;
 using Base::KeyPtr;
-using Base::MadeOnce;
 using Base::PointPtr;
 using Base::PublicBn;
 using Base::SecretBn;
@@ -50,36 +45,12 @@ const Cor::LogHandle invalidDistinguishedName(
      "Update Distinguished Name configured as part of remote-id to adhere to X.500 format", 4},
     Vello::Duration(0), 1.0, 0U, 0U);
 
-using PrimeGetter = BIGNUM* (*)(BIGNUM*);
-
-// Group 24 is not here: its parameters come as a whole (RFC 5114 section 2.3).
-const std::unordered_map<DhGroupNum, PrimeGetter> dhGroupToPrime = {
-    {MODP_768, BN_get_rfc2409_prime_768},   {MODP_1024, BN_get_rfc2409_prime_1024},
-    {MODP_1536, BN_get_rfc3526_prime_1536}, {MODP_2048, BN_get_rfc3526_prime_2048},
-    {MODP_3072, BN_get_rfc3526_prime_3072}, {MODP_4096, BN_get_rfc3526_prime_4096},
-    {MODP_6144, BN_get_rfc3526_prime_6144},
-};
-
-// Bytes of a public value on the wire: the prime's length, or twice a coordinate's.
-const std::unordered_map<DhGroupNum, std::uint64_t> dhGroupToSize = {
-    {MODP_768, 96},   {MODP_1024, 128},  {MODP_1536, 192},  {MODP_2048, 256},  {MODP_3072, 384},     {MODP_4096, 512},
-    {MODP_6144, 768}, {ECP_256, 2 * 32}, {ECP_384, 2 * 48}, {ECP_521, 2 * 66}, {MODP_2048_256, 256},
-};
-
-// Bit n is set for each group number n that verifyDHValue takes.
-constexpr std::uint32_t supportedGroups = 1U << MODP_768 | 1U << MODP_1024 | 1U << MODP_1536 | 1U << MODP_2048 |
-                                          1U << MODP_3072 | 1U << MODP_4096 | 1U << MODP_6144 | 1U << ECP_256 |
-                                          1U << ECP_384 | 1U << ECP_521 | 1U << MODP_2048_256;
-
-// Kept: length only. Range, subgroup and curve membership are judged later, when the value is used.
+// Kept: length only. Range, subgroup and curve membership are checked later, when the value is used.
 bool verifyDHValue(DhGroupNum group, const ByteVector* value) {
   trace.note(entryLevel, Cor::TraceSite::here(), "verifyDHValue: DH group: ", std::uint32_t{group});
-  if (group > MODP_2048_256 || (supportedGroups >> group & 1U) == 0) {
+  const std::uint64_t expected = dhGroupToSize(group);
+  if (expected == 0) {
     return trace.failed("verifyDHValue", "Unsupported group number");
-  }
-  std::uint64_t expected = 0;
-  if (dhGroupToSize.contains(group)) {
-    expected = checkedAt(dhGroupToSize, group);
   }
   if (value->size() != expected) {
     return trace.failed("verifyDHValue", "Invalid DH public value size ", value->size(), " for the DH group ",
@@ -151,7 +122,7 @@ bool IpsecDHModp::initIpsecDH() {
   if (initialized) {
     return true;
   }
-  if (!dhGroupToSize.contains(dhGroup)) {
+  if (dhGroupToSize(dhGroup) == 0) {
     return trace.failed("IpsecDHModp::initIpsecDH", "Not a supported modp DH group: ", std::uint32_t{dhGroup});
   }
   sharedSecretComputed = false;
@@ -164,7 +135,7 @@ bool IpsecDHModp::initIpsecDH() {
     dhSize = 256;
   } else {
     constexpr unsigned char generator = 0x02;
-    const PublicBn p(checkedAt(dhGroupToPrime, dhGroup)(nullptr));
+    const PublicBn p(dhGroupToPrime(dhGroup)(nullptr));
     const PublicBn g(BN_bin2bn(&generator, 1, nullptr));
     if (!p || !g) {
       return trace.failed("IpsecDHModp::initIpsecDH", "Failed assigning p and g, p or g is NULL");
@@ -285,59 +256,6 @@ bool IpsecDHModp::getSharedSecret(ByteVector* out) {
 
 namespace {
 
-// Curves by group, from group 19 on.
-constexpr std::array<int, 3> curveNids = {
-    NID_X9_62_prime256v1,  // 19
-    NID_secp384r1,         // 20
-    NID_secp521r1,         // 21
-};
-
-// What is costly to build about a curve, made at first use and then shared by all objects and threads: building the
-// group by name and generating a key by the curve's name cost group 19 a quarter of a whole exchange. Both are never
-// changed and never freed: exchanges may still run in static destructors, up to OpenSSL's own clean-up.
-struct SharedCurve {
-  MadeOnce<CurvePtr> group;
-  MadeOnce<KeyPtr> parameters;
-};
-
-std::array<SharedCurve, curveNids.size()> sharedCurves;
-
-// As EC_GROUP_new_by_curve_name: a copy of the shared group costs a fifth of it.
-CurvePtr newCurve(std::size_t curve) {
-  const auto make = [curve] { return CurvePtr(EC_GROUP_new_by_curve_name(curveNids[curve])); };
-  const EC_GROUP* group = sharedCurves[curve].group.get(make);
-  return CurvePtr(group == nullptr ? nullptr : EC_GROUP_dup(group));
-}
-
-KeyPtr newCurveParameters(int nid) {
-  const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
-  KeyPtr parameters;
-  if (!context || EVP_PKEY_paramgen_init(context.get()) != 1 ||
-      EVP_PKEY_CTX_set_group_name(context.get(), OBJ_nid2sn(nid)) != 1 ||
-      EVP_PKEY_paramgen(context.get(), into(parameters)) != 1) {
-    return nullptr;
-  }
-  return parameters;
-}
-
-// As EVP_PKEY_Q_keygen of "EC" with the curve's name, which builds the curve anew and takes twice as long for group 19.
-KeyPtr newCurveKey(std::size_t curve) {
-  EVP_PKEY* parameters = sharedCurves[curve].parameters.get([curve] { return newCurveParameters(curveNids[curve]); });
-  if (parameters == nullptr) {
-    return nullptr;
-  }
-  const KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, parameters, nullptr));
-  KeyPtr key;
-  if (!context || EVP_PKEY_keygen_init(context.get()) != 1 || EVP_PKEY_generate(context.get(), into(key)) != 1) {
-    return nullptr;
-  }
-  return key;
-}
-
-int fieldLength(const EC_GROUP* group) {
-  return (EC_GROUP_get_degree(group) + 7) / 8;
-}
-
 // A BN context with one open frame, ended and freed with the object.
 class Scratch {
  public:
@@ -445,19 +363,19 @@ bool IpsecDHEcp::initIpsecDH() {
   if (initialized) {
     return true;
   }
-  const std::size_t curve = std::uint32_t{dhGroup} - std::uint32_t{ECP_256};  // wraps far above for a lower number
-  if (curve >= curveNids.size()) {
+  const Group* const group = findGroup(dhGroup);
+  if (group == nullptr || group->isModp()) {
     trace.failed("IpsecDHEcp::initIpsecDH", "Unsupported ECDH group: ", std::uint32_t{dhGroup});
     adopt(ecKey, KeyPtr());
     return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
   }
   adopt(peerPoint, SecretPointPtr());  // a failed attempt's point belongs to the group replaced next
-  adopt(ecGroup, newCurve(curve));
+  adopt(ecGroup, newCurve(*group));
   adopt(peerPoint, SecretPointPtr(EC_POINT_new(ecGroup)));  // null for a null group
   if (peerPoint == nullptr) {
     return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize peer's public key");
   }
-  adopt(ecKey, newCurveKey(curve));
+  adopt(ecKey, newCurveKey(*group));
   if (ecKey == nullptr) {
     return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
   }
@@ -586,10 +504,11 @@ bool IpsecDHGeneral::initIpsecDH() {
   if (dhGroup == MODP_NONE) {
     return trace.failed("IpsecDHGeneral::initIpsecDH", "Cannot initialize the MODP_NONE group");
   }
-  if (!dhGroupToSize.contains(dhGroup)) {
+  const Group* const group = findGroup(dhGroup);
+  if (group == nullptr) {
     return trace.failed("IpsecDHGeneral::initIpsecDH", "Unsupported DH group: ", std::uint32_t{dhGroup});
   }
-  isModp = dhGroup != ECP_256 && dhGroup != ECP_384 && dhGroup != ECP_521;
+  isModp = group->isModp();
   ipsecDH = isModp ? static_cast<IpsecDH*>(&modpDH) : &ecpDH;
   if (!ipsecDH->setDHGroup(dhGroup) || !ipsecDH->initIpsecDH()) {
     return trace.failed("IpsecDHGeneral::initIpsecDH", "setDHGroup or initIpsecDH failed on ipsecDH");

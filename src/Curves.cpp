@@ -1,0 +1,71 @@
+#include "Curves.h"
+
+#include "base/MadeOnce.h"
+
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+
+#include <array>
+#include <cstddef>
+
+namespace Ipsec {
+
+using Base::CurvePtr;
+using Base::into;
+using Base::KeyContextPtr;
+using Base::KeyPtr;
+using Base::MadeOnce;
+
+namespace {
+
+// What is costly to build about a curve. Building the group by name and generating a key by the curve's name cost
+// group 19 a quarter of a whole exchange.
+struct SharedCurve {
+  MadeOnce<CurvePtr> curve;
+  MadeOnce<KeyPtr> parameters;
+};
+
+std::array<SharedCurve, groups.size()> sharedCurves;  // as the rows of the groups; those of MODP groups stay empty
+
+SharedCurve& sharedCurve(const Group& group) {
+  return sharedCurves[static_cast<std::size_t>(&group - groups.data())];
+}
+
+KeyPtr newCurveParameters(const Group& group) {
+  const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+  KeyPtr parameters;
+  if (!context || EVP_PKEY_paramgen_init(context.get()) != 1 ||
+      EVP_PKEY_CTX_set_group_name(context.get(), OBJ_nid2sn(group.curve)) != 1 ||
+      EVP_PKEY_paramgen(context.get(), into(parameters)) != 1) {
+    return nullptr;
+  }
+  return parameters;
+}
+
+}  // namespace
+
+CurvePtr newCurve(const Group& group) {
+  const auto create = [&group] { return CurvePtr(EC_GROUP_new_by_curve_name(group.curve)); };
+  const EC_GROUP* const curve = sharedCurve(group).curve.get(create);
+  return CurvePtr(curve == nullptr ? nullptr : EC_GROUP_dup(curve));
+}
+
+KeyPtr newCurveKey(const Group& group) {
+  EVP_PKEY* const parameters = sharedCurve(group).parameters.get([&group] { return newCurveParameters(group); });
+  if (parameters == nullptr) {
+    return nullptr;
+  }
+  const KeyContextPtr context(EVP_PKEY_CTX_new_from_pkey(nullptr, parameters, nullptr));
+  KeyPtr key;
+  if (!context || EVP_PKEY_keygen_init(context.get()) != 1 || EVP_PKEY_generate(context.get(), into(key)) != 1) {
+    return nullptr;
+  }
+  return key;
+}
+
+int fieldLength(const EC_GROUP* curve) {
+  return (EC_GROUP_get_degree(curve) + 7) / 8;
+}
+
+}  // namespace Ipsec
