@@ -11,8 +11,6 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <iomanip>
 #include <iostream>
 
@@ -24,25 +22,6 @@ const Tracer trace("IpsecKeyGen", 4);
 }  // namespace
 
 // --- PRF ------------------------------------------------------------------------------------------------------------
-
-namespace {
-
-// As EVP_get_digestbyname of the hash's name, asked once: its table is behind a lock, and a look-up costs as much as a
-// short output. Null when OpenSSL does not know the digest; throws for a hash that has no name.
-const EVP_MD* digestOf(HashAlgorithm hashAlgo) {
-  static std::array<std::atomic<const EVP_MD*>, HASH_SHA512 + 1> known;
-  if (hashAlgo < known.size()) {
-    if (const EVP_MD* md = known[hashAlgo].load(std::memory_order_acquire)) {
-      return md;
-    }
-  }
-  const char* const name = checkedAt(hashAlgoToName, hashAlgo);
-  const EVP_MD* md = EVP_get_digestbyname(name);
-  known[hashAlgo].store(md, std::memory_order_release);
-  return md;
-}
-
-}  // namespace
 
 PRFunc::~PRFunc() = default;
 
@@ -58,7 +37,7 @@ bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {
   if (initialized) {
     return true;
   }
-  md = digestOf(hashAlgo);
+  md = EVP_get_digestbyname(checkedAt(hashAlgoToName, hashAlgo));
   if (md == nullptr) {
     return trace.failed("HmacPRFunc::initHmacPRFunc", "Failed to get the hash function by hashAlgo's name");
   }
@@ -124,6 +103,19 @@ bool HmacPRFunc::generatePRStream(const ByteVector* input, ByteVector* output) {
 
 // --- prf+ -----------------------------------------------------------------------------------------------------------
 
+namespace {
+
+// Finishes a block, prf(K, ... | S [| n]): absorbs the seed and, in a stream that counts, the block's number. The block
+// may be the one that was absorbed first: all input is absorbed before the output is written.
+bool finishBlock(PRFunc& prf, const ByteVector& seed, const ByteVector& number, ByteVector* block) {
+  if (number.empty()) {
+    return prf.generatePRStream(&seed, block);
+  }
+  return prf.generatePRStream(&seed, nullptr) && prf.generatePRStream(&number, block);
+}
+
+}  // namespace
+
 PRFuncPlus::PRFuncPlus(PRFunc* keyedPrf, bool withCounter)
     : prf(keyedPrf), counter(0), bufferPos(0), counterEnabled(withCounter), initialized(false) {}
 
@@ -132,48 +124,52 @@ PRFuncPlus::~PRFuncPlus() {
   OPENSSL_cleanse(buffer.data(), buffer.size());
 }
 
+// T(1) = prf(K, S [| 1])
 bool PRFuncPlus::initPRFuncPlus(const ByteVector* newSeed) {
   trace.entered();
   if (initialized) {
     return true;
   }
   seed = *newSeed;
+  ByteVector number;
   if (counterEnabled) {
     counter = 1;
-    const ByteVector counterByte = {counter};
-    if (!prf->generatePRStream(&seed, nullptr) || !prf->generatePRStream(&counterByte, &buffer)) {
-      return trace.failed("PRFuncPlus::initPRFuncPlus", "Failed to init prf function plus with counter enabled");
-    }
+    number.assign(1, counter);
+  }
+  if (!finishBlock(*prf, seed, number, &buffer)) {
+    return trace.failed("PRFuncPlus::initPRFuncPlus", counterEnabled
+                                                          ? "Failed to init prf function plus with counter enabled"
+                                                          : "Failed to init prf function plus with counter disabled");
+  }
+  if (counterEnabled) {
     ++counter;
-  } else if (!prf->generatePRStream(&seed, &buffer)) {
-    return trace.failed("PRFuncPlus::initPRFuncPlus", "Failed to init prf function plus with counter disabled");
   }
   initialized = true;
   return true;
 }
 
+// T(n) = prf(K, T(n-1) | S [| n]), and T(n) takes the place of T(n-1).
 bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
   trace.entered();
   if (!initialized) {
     return trace.failed("PRFuncPlus::generatePRStream", "PRFuncPlus is not initialized");
   }
   out->resize(length);
-  ByteVector counterByte;  // allocated once a call, if at all
+  ByteVector number;  // allocated once per call, if at all
   for (std::size_t written = 0; written < length;) {
-    if (bufferPos >= buffer.size()) {  // above it only where a failed block left less than was drawn
-      // T(n) = prf(K, T(n-1) | S [| n]) takes the place of T(n-1): all input is absorbed before the output is written.
+    if (bufferPos >= buffer.size()) {  // past the end only if a failed block came out shorter than the one before
       if (!prf->generatePRStream(&buffer, nullptr)) {
         return trace.failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
       }
+      number.assign(counterEnabled ? 1 : 0, counter);
+      if (!finishBlock(*prf, seed, number, &buffer)) {
+        return trace.failed("PRFuncPlus::generatePRStream", counterEnabled
+                                                                ? "Counter based generatePRStream failed"
+                                                                : "Non-counter based generatePRStream failed");
+      }
       if (counterEnabled) {
-        counterByte.assign(1, counter);
-        if (!prf->generatePRStream(&seed, nullptr) || !prf->generatePRStream(&counterByte, &buffer)) {
-          return trace.failed("PRFuncPlus::generatePRStream", "Counter based generatePRStream failed");
-        }
         // Kept: the counter wraps to 0 after block 255; the limit of RFC 7296 section 2.13 is not enforced here.
         ++counter;
-      } else if (!prf->generatePRStream(&seed, &buffer)) {
-        return trace.failed("PRFuncPlus::generatePRStream", "Non-counter based generatePRStream failed");
       }
       bufferPos = 0;
     }
