@@ -1,0 +1,280 @@
+#include "DaemonFiles.h"
+
+#include "CheckedAt.h"
+
+#include <utility>
+
+namespace Ipsec {
+
+namespace {
+
+bool has(const stringmap& settings, const char* name) {
+  return settings.find(name) != settings.end();
+}
+
+bool hasValue(const stringmap& settings, const char* name, const char* value) {
+  const auto found = settings.find(name);
+  return found != settings.end() && found->second == value;
+}
+
+bool isDefaultSection(const stringmap& settings) {
+  return hasValue(settings, "default", "%default");
+}
+
+bool isDefaultSecret(const stringmap& entry) {
+  return hasValue(entry, "secret", "%default");
+}
+
+// --- Rows ------------------------------------------------------------------------------------------------------------
+
+// When says under which condition a line is written: always, with a setting, or with a setting of one value.
+struct When {
+  const char* setting = nullptr;
+  const char* value = nullptr;
+
+  constexpr When is(const char* only) const { return {setting, only}; }
+};
+
+constexpr When always = {};
+constexpr When with(const char* setting) {
+  return {setting, nullptr};
+}
+
+// Value is what follows a line's text: a setting in one of three forms, or nothing.
+struct Value {
+  enum class Form { Verbatim, Seconds, AuthType };
+
+  const char* setting = nullptr;
+  Form form = Form::Verbatim;
+};
+
+constexpr Value nothing = {};
+constexpr Value verbatim(const char* setting) {
+  return {setting, Value::Form::Verbatim};
+}
+constexpr Value seconds(const char* setting) {
+  return {setting, Value::Form::Seconds};
+}
+constexpr Value authType(const char* setting) {
+  return {setting, Value::Form::AuthType};
+}
+
+// One line of a section that is written. Each column has its own type, so that none can stand in another's place.
+struct Row {
+  When when;
+  const char* text;
+  Value value;
+};
+
+// clang-format off
+constexpr Row ordinarySection[] = {
+    {always,                            "conn ",                      verbatim("config")},
+    {with("ikeVersion"),                "\tkeyexchange=",             verbatim("ikeVersion")},
+    {with("authby"),                    "\tauthby=",                  authType("authby")},
+    {with("ikelifetime"),               "\tikelifetime=",             seconds("ikelifetime")},
+    {with("lifetime"),                  "\tlifetime=",                seconds("lifetime")},
+    {always,                            "\treqid=",                   verbatim("reqid")},
+    {always,                            "\tleft=",                    verbatim("left")},
+    {with("leftsubnet"),                "\tleftsubnet=",              verbatim("leftsubnet")},
+    {with("localid"),                   "\tleftid=",                  verbatim("localid")},
+    {always,                            "\tright=",                   verbatim("right")},
+    {with("remoteid"),                  "\trightid=",                 verbatim("remoteid")},
+    {always,                            "\tauto=add",                 nothing},
+    {with("ike"),                       "\tike=",                     verbatim("ike")},
+    {with("esp"),                       "\tesp=",                     verbatim("esp")},
+    {with("tunnelMode").is("IpsecGre"), "\tleftprotoport=47",         nothing},
+    {with("tunnelMode").is("IpsecGre"), "\trightprotoport=47",        nothing},
+    // Kept: a second leftsubnet line when the setting is there too. The daemon takes the last one.
+    {with("tunnelMode").is("IpsecVti"), "\tleftsubnet=0.0.0.0/0",     nothing},
+    {with("tunnelMode").is("IpsecVti"), "\trightsubnet=0.0.0.0/0",    nothing},
+    {with("mark"),                      "\tmark=",                    verbatim("mark")},
+    {with("action"),                    "\tdpdaction=",               verbatim("action")},
+    {with("action"),                    "\tdpddelay=",                verbatim("interval")},
+    {with("action"),                    "\tdpdtimeout=",              verbatim("timeout")},
+    {with("encap"),                     "\tforceencaps=yes",          nothing},
+    {with("type"),                      "\ttype=",                    verbatim("type")},
+    {with("replayWindowSize"),          "\treplay_window=",           verbatim("replayWindowSize")},
+    {with("packetLimit"),               "\tlifepackets=",             verbatim("packetLimit")},
+    {with("marginpackets"),             "\tmarginpackets=",           verbatim("marginpackets")},
+    {with("byteLimit"),                 "\tlifebytes=",               verbatim("byteLimit")},
+    {with("marginbytes"),               "\tmarginbytes=",             verbatim("marginbytes")},
+    {with("reauth"),                    "\treauth=",                  verbatim("reauth")},
+    {always,                            "\tmobike=no",                nothing},
+    {always,                            "\tikedscp=110000",           nothing},
+    {always,                            "",                           nothing},
+};
+
+// Kept: esp comes before ike here and after it above. The daemon takes them in any order.
+constexpr Row defaultSection[] = {
+    {always,                            "conn %default",              nothing},
+    {always,                            "\tauthby=",                  authType("authby")},
+    {always,                            "\tikelifetime=",             seconds("ikelifetime")},
+    {always,                            "\tlifetime=",                seconds("lifetime")},
+    {always,                            "\trekeymargin=3m",           nothing},
+    {always,                            "\tkeyingtries=1",            nothing},
+    {always,                            "\tmobike=no",                nothing},
+    {always,                            "\tkeyexchange=",             verbatim("ikeVersion")},
+    {always,                            "\tauto=add",                 nothing},
+    {with("esp"),                       "\tesp=",                     verbatim("esp")},
+    {with("ike"),                       "\tike=",                     verbatim("ike")},
+    {with("packetLimit"),               "\tlifepackets=",             verbatim("packetLimit")},
+    {with("marginpackets"),             "\tmarginpackets=",           verbatim("marginpackets")},
+    {with("byteLimit"),                 "\tlifebytes=",               verbatim("byteLimit")},
+    {with("marginbytes"),               "\tmarginbytes=",             verbatim("marginbytes")},
+    {always,                            "\tikedscp=110000",           nothing},
+    {always,                            "",                           nothing},
+};
+// clang-format on
+
+bool holds(const When& when, const stringmap& settings) {
+  if (when.value != nullptr) {
+    return hasValue(settings, when.setting, when.value);
+  }
+  return when.setting == nullptr || has(settings, when.setting);
+}
+
+// Returns the daemon's word for an authentication type's text.
+Vello::String daemonAuthType(const Vello::String& text) {
+  const stringmap words = {
+      {Ike::stringValue(Ike::IpsecAuthType::PreSharedKey), "secret"},
+      {Ike::stringValue(Ike::IpsecAuthType::PublicKey), "pubkey"},
+  };
+  return checkedAt(words, text);
+}
+
+Vello::String textOf(const Value& value, const stringmap& settings) {
+  Vello::String text = checkedAt(settings, value.setting);
+  switch (value.form) {
+    case Value::Form::Seconds:
+      text += "s";
+      break;
+    case Value::Form::AuthType:
+      text = daemonAuthType(text);
+      break;
+    case Value::Form::Verbatim:
+      break;
+  }
+  return text;
+}
+
+template <std::size_t rowCount>
+std::string sectionText(const Row (&rows)[rowCount], const stringmap& settings) {
+  std::string text;
+  for (const Row& row : rows) {
+    if (!holds(row.when, settings)) {
+      continue;
+    }
+    text += row.text;
+    if (row.value.setting != nullptr) {
+      text += textOf(row.value, settings).str();
+    }
+    text += "\n";
+  }
+  return text;
+}
+
+// --- Lines -----------------------------------------------------------------------------------------------------------
+
+bool isSectionHead(std::string_view line) {
+  return line.substr(0, 5) == "conn ";
+}
+
+// Returns the name of the section that is taken out.
+std::string replacedSection(const stringmap& settings) {
+  for (const char* name : {"default", "config"}) {
+    const auto found = settings.find(name);
+    if (found != settings.end()) {
+      return found->second.str();
+    }
+  }
+  return {};
+}
+
+// Returns the start of the line that is taken out; none when the entry names no line.
+std::optional<LineMatcher> replacedSecret(const stringmap& entry) {
+  if (isDefaultSecret(entry)) {
+    return LineMatcher(" : PSK", LineMatcher::Covers::Start);
+  }
+  const auto peer = entry.find("peerIp");
+  if (peer == entry.end()) {
+    return std::nullopt;
+  }
+  return LineMatcher(peer->second.str() + " :", LineMatcher::Covers::Start);
+}
+
+}  // namespace
+
+bool deletes(const stringmap& settings) {
+  return has(settings, "delete");
+}
+
+// --- The connections file --------------------------------------------------------------------------------------------
+
+ConnectionLines::ConnectionLines(const stringmap& settings)
+    : ownHead("conn " + replacedSection(settings), LineMatcher::Covers::WholeLine),
+      global(has(settings, "uniqueids") ? Part::Ahead : Part::Behind) {}
+
+bool ConnectionLines::keeps(std::string_view line) {
+  // Kept: the words start the global section wherever they stand in a line, in a comment too.
+  if (global == Part::Ahead && line.find("config setup") != std::string_view::npos) {
+    global = Part::Within;
+    return false;
+  }
+  if (global == Part::Within) {
+    if (!isSectionHead(line)) {
+      return false;
+    }
+    global = Part::Behind;
+  }
+  return keepsOutsideGlobal(line);
+}
+
+// Kept: only the first section of the name goes, a second one stays.
+bool ConnectionLines::keepsOutsideGlobal(std::string_view line) {
+  if (section == Part::Ahead && ownHead.matches(line)) {
+    section = Part::Within;
+    return false;
+  }
+  if (section == Part::Within) {
+    if (!isSectionHead(line)) {
+      return false;
+    }
+    section = Part::Behind;
+  }
+  return true;
+}
+
+std::string_view newGlobalSection(const stringmap& settings) {
+  return hasValue(settings, "uniqueids", "add") ? "config setup\n\tuniqueids=no\n" : "";
+}
+
+std::string newSection(stringmap settings) {
+  if (!isDefaultSection(settings)) {
+    return sectionText(ordinarySection, settings);
+  }
+  // A setting that is there already stays.
+  settings.emplace("authby", Ike::stringValue(Ike::IpsecAuthType::PreSharedKey));
+  settings.emplace("ikelifetime", "28800");
+  settings.emplace("lifetime", "3600");
+  settings.emplace("ikeVersion", "2");  // Kept: no version to the daemon. Each section brings its own.
+  return sectionText(defaultSection, settings);
+}
+
+// --- The secrets file ------------------------------------------------------------------------------------------------
+
+SecretLines::SecretLines(const stringmap& entry) : replaced(replacedSecret(entry)) {}
+
+bool SecretLines::keeps(std::string_view line) {
+  if (!replaced || !replaced->matches(line)) {
+    return true;
+  }
+  replaced.reset();  // a second entry of the peer stays
+  return false;
+}
+
+std::string newSecret(const stringmap& entry) {
+  const std::string peer = isDefaultSecret(entry) ? "" : checkedAt(entry, "peerIp").str();
+  return peer + " : PSK " + checkedAt(entry, "key").str() + "\n";
+}
+
+}  // namespace Ipsec

@@ -1,0 +1,85 @@
+// The IKE daemon's two files: which old lines stay, and what is written. Nothing here touches a file or traces.
+#pragma once
+
+#include "Ipsec.h"
+#include "LineMatcher.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Ipsec {
+
+// Appends the lines of text that the rule keeps, each with a newline, also the last. The copy has an append().
+template <class Rule, class Copy>
+void copyLines(std::string_view text, Rule& rule, Copy& copy) {
+  std::size_t keptFrom = 0;  // Kept lines are gathered up to the next dropped one: [keptFrom, start).
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = std::min(text.find('\n', start), text.size());
+    const std::size_t next = std::min(end + 1, text.size());
+    if (!rule.keeps(text.substr(start, end - start))) {
+      copy.append(text.substr(keptFrom, start - keptFrom));
+      keptFrom = next;
+    }
+    start = next;
+  }
+  copy.append(text.substr(keptFrom));
+  if (keptFrom < text.size() && text.back() != '\n') {
+    copy.append("\n");
+  }
+}
+
+// Tells whether a call only takes out a section or an entry.
+bool deletes(const stringmap& settings);
+
+// --- The connections file --------------------------------------------------------------------------------------------
+
+inline constexpr char connectionsPath[] = "/etc/strongswan/ipsec.conf";
+
+// ConnectionLines is the rule by which old lines stay when one section is replaced. Throws std::regex_error for a section
+// name that is no expression.
+class ConnectionLines {
+ public:
+  explicit ConnectionLines(const stringmap& settings);
+
+  // Takes the lines in their order.
+  bool keeps(std::string_view line);
+
+ private:
+  enum class Part { Ahead, Within, Behind };
+
+  bool keepsOutsideGlobal(std::string_view line);
+
+  LineMatcher ownHead;
+  Part global;
+  Part section = Part::Ahead;
+};
+
+// Returns the "config setup" section that the call writes, which may be none.
+std::string_view newGlobalSection(const stringmap& settings);
+
+// Returns the section that the call writes. Throws std::out_of_range for a required setting that is missing.
+std::string newSection(stringmap settings);
+
+// --- The secrets file ------------------------------------------------------------------------------------------------
+
+inline constexpr char secretsPath[] = "/etc/strongswan/ipsec.secrets";
+
+// SecretLines is the rule by which old lines stay when one entry is replaced. Throws std::regex_error for an address that
+// is no expression.
+class SecretLines {
+ public:
+  explicit SecretLines(const stringmap& entry);
+
+  // Takes the lines in their order.
+  bool keeps(std::string_view line);
+
+ private:
+  std::optional<LineMatcher> replaced;
+};
+
+// Returns the entry that the call writes. Throws std::out_of_range for a required setting that is missing.
+std::string newSecret(const stringmap& entry);
+
+}  // namespace Ipsec
