@@ -1,4 +1,4 @@
-// IpsecDHEcp: call order, known answers, each refusal with its trace lines, kept behaviour.
+// IpsecDHEcp, where it differs from MODP: groups, known answers, refusals with their trace lines, kept behaviour.
 
 #include "tests/support/CryptoCases.h"
 
@@ -6,12 +6,6 @@
 
 namespace Ipsec::Testing {
 namespace {
-
-Lines lengthRefused(DhGroupNum group, std::size_t given, std::size_t expected) {
-  return {"verifyDHValue Invalid DH public value size " + std::to_string(given) + " for the DH group " +
-              std::to_string(group) + " with size " + std::to_string(expected),
-          "IpsecDHEcp::setPeerPublicKey Failed to verify peer's public key"};
-}
 
 Lines derivationFailed(std::size_t size) {
   return {"IpsecDHEcp::setPeerPublicKey ECDH_compute_key failed on shared secret with ecdhSize " +
@@ -48,61 +42,6 @@ ByteVector orderOf(DhGroupNum group) {
 }
 
 // --- Call order ------------------------------------------------------------------------------------------------------
-
-TEST(DhEcp, TwoObjectsAgreeOnASecretInEveryGroup) {
-  for (const GroupCase& each : ecpGroups) {
-    SCOPED_TRACE(each.group);
-    IpsecDHEcp mine(each.group);
-    IpsecDHEcp theirs(each.group);
-    ASSERT_TRUE(mine.initIpsecDH());
-    ASSERT_TRUE(theirs.initIpsecDH());
-    const ByteVector myValue = publicKey(mine);
-    const ByteVector theirValue = publicKey(theirs);
-    EXPECT_EQ(myValue.size(), each.publicSize);
-    EXPECT_NE(myValue, theirValue);
-    EXPECT_TRUE(mine.setPeerPublicKey(&theirValue));
-    EXPECT_TRUE(theirs.setPeerPublicKey(&myValue));
-    EXPECT_EQ(secret(mine).size(), each.secretSize);
-    EXPECT_EQ(secret(mine), secret(theirs));
-    EXPECT_EQ(secret(mine), secret(mine));
-  }
-}
-
-TEST(DhEcp, RefusesEverythingBeforeInit) {
-  IpsecDHEcp dh(ECP_256);
-  expectNotInitialized(dh, "IpsecDHEcp");
-}
-
-TEST(DhEcp, HasNoSecretBeforeThePeersValue) {
-  IpsecDHEcp dh(ECP_256);
-  ASSERT_TRUE(dh.initIpsecDH());
-  TraceRecorder traces("IpsecKeyGen=0");
-  expectUntouched(traces, noSecret, [&dh](ByteVector* out) { return dh.getSharedSecret(out); });
-}
-
-TEST(DhEcp, SecondInitKeepsTheKeyPairInSilence) {
-  IpsecDHEcp dh(ECP_384);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector before = publicKey(dh);
-  TraceRecorder traces("IpsecKeyGen=0");
-  EXPECT_TRUE(dh.initIpsecDH());
-  EXPECT_EQ(publicKey(dh), before);
-  expectErrors(traces, {});
-}
-
-TEST(DhEcp, TakesAnyGroupUntilItIsInitialized) {
-  IpsecDHEcp dh(MODP_NONE);
-  EXPECT_TRUE(dh.setDHGroup(ECP_384));
-  ASSERT_TRUE(dh.initIpsecDH());
-  EXPECT_EQ(publicKey(dh).size(), 96U);
-
-  TraceRecorder traces("IpsecKeyGen=0");
-  EXPECT_FALSE(dh.setDHGroup(ECP_256));
-  expectErrors(traces, {"IpsecDH::setDHGroup Cannot change DH group after initIpsecDH"});
-  const ByteVector value(64, 7);
-  EXPECT_FALSE(dh.setPeerPublicKey(&value));  // the group stayed
-  expectErrors(traces, lengthRefused(ECP_384, 64, 96));
-}
 
 TEST(DhEcp, RefusesOtherGroupsAtInitWithTwoLines) {
   for (const std::uint32_t group : {0U, 1U, 3U, 14U, 18U, 22U, 23U, 24U, 25U, 275U, 65555U, 4294967295U}) {
@@ -186,26 +125,6 @@ TEST(DhEcp, PublicValueOfGroup21IsTwoPaddedHalves) {
   }
 }
 
-TEST(DhEcp, OutputsAreResizedAndOverwritten) {
-  IpsecDHEcp dh(ECP_256);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector one = {1};
-  ASSERT_TRUE(dh.setMyPrivateKey(&one));
-  const ByteVector generator = publicKey(dh);
-  ASSERT_TRUE(dh.setPeerPublicKey(&generator));
-  for (const std::size_t size : {0U, 1U, 64U, 1000U}) {
-    ByteVector out(size, 0xEE);
-    EXPECT_TRUE(dh.getMyPublicKey(&out));
-    EXPECT_EQ(out, generator);
-    out.assign(size, 0xEE);
-    EXPECT_TRUE(dh.getSharedSecret(&out));
-    EXPECT_EQ(out, ByteVector(generator.begin(), generator.begin() + 32));
-    out.assign(size, 0xEE);
-    EXPECT_TRUE(dh.getMyPrivateKey(&out));
-    EXPECT_EQ(out, one);
-  }
-}
-
 // --- Own keys --------------------------------------------------------------------------------------------------------
 
 TEST(DhEcp, GeneratedKeysAreBelowTheOrderAndDiffer) {
@@ -224,31 +143,6 @@ TEST(DhEcp, GeneratedKeysAreBelowTheOrderAndDiffer) {
     }
     EXPECT_GE(longest, each.privateSize - 1);  // the first byte of group 21's order is 1
   }
-}
-
-TEST(DhEcp, KeyPairMovesToAnotherObjectByItsPrivateKey) {
-  for (const GroupCase& each : ecpGroups) {
-    SCOPED_TRACE(each.group);
-    IpsecDHEcp first(each.group);
-    IpsecDHEcp second(each.group);
-    ASSERT_TRUE(first.initIpsecDH());
-    ASSERT_TRUE(second.initIpsecDH());
-    const ByteVector key = privateKey(first);
-    EXPECT_TRUE(second.setMyPrivateKey(&key));
-    EXPECT_EQ(publicKey(second), publicKey(first));
-    EXPECT_EQ(privateKey(second), key);
-  }
-}
-
-TEST(DhEcp, PrivateKeyComesOutWithoutPadding) {
-  IpsecDHEcp dh(ECP_256);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector full(32, 0x5A);
-  ASSERT_TRUE(dh.setMyPrivateKey(&full));
-  EXPECT_EQ(privateKey(dh), full);
-  const ByteVector below248Bits = ByteVector{0} + ByteVector(31, 0x5A);
-  ASSERT_TRUE(dh.setMyPrivateKey(&below248Bits));
-  EXPECT_EQ(privateKey(dh), ByteVector(31, 0x5A));
 }
 
 // Kept: an earlier secret stays readable after a new private key. The MODP form forgets it.
@@ -331,29 +225,6 @@ TEST(DhEcp, LongPrivateKeysAreUsedWhole) {
 
 // --- Hostile peers ---------------------------------------------------------------------------------------------------
 
-TEST(DhEcp, RefusesEveryOtherLength) {
-  for (const GroupCase& each : ecpGroups) {
-    IpsecDHEcp dh(each.group);
-    ASSERT_TRUE(dh.initIpsecDH());
-    const ByteVector good = publicKey(dh);
-    ASSERT_TRUE(dh.setPeerPublicKey(&good));
-    const ByteVector earlier = secret(dh);
-    TraceRecorder traces("IpsecKeyGen=0");
-    for (const std::size_t size :
-         {std::size_t{0}, std::size_t{1}, each.secretSize, each.publicSize - 2, each.publicSize - 1,
-          each.publicSize + 1, each.publicSize + 2, 2 * each.publicSize, std::size_t{65536}}) {
-      SCOPED_TRACE(std::to_string(each.group) + " with bytes " + std::to_string(size));
-      const ByteVector value(size, 0);
-      EXPECT_FALSE(dh.setPeerPublicKey(&value));
-      expectErrors(traces, lengthRefused(each.group, size, each.publicSize));
-    }
-    const ByteVector prefixed = ByteVector{0x04} + good;  // the uncompressed form with its format byte
-    EXPECT_FALSE(dh.setPeerPublicKey(&prefixed));
-    expectErrors(traces, lengthRefused(each.group, each.publicSize + 1, each.publicSize));
-    EXPECT_EQ(secret(dh), earlier);
-  }
-}
-
 // Coordinates at or above the field's prime are reduced, and the point that they then name is judged.
 TEST(DhEcp, RefusesValuesThatNameNoPointAndKeepsTheSecret) {
   std::size_t accepted = 0;
@@ -400,29 +271,6 @@ TEST(DhEcp, FailedDerivationLeavesZerosWhereASecretWas) {
     EXPECT_FALSE(dh.setPeerPublicKey(&own));
     expectErrors(traces, derivationFailed(each.secretSize));
     EXPECT_EQ(secret(dh), ByteVector(each.secretSize, 0));
-  }
-}
-
-TEST(DhEcp, TakesItsOwnPublicValue) {
-  IpsecDHEcp dh(ECP_256);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector own = publicKey(dh);
-  EXPECT_TRUE(dh.setPeerPublicKey(&own));
-}
-
-TEST(DhEcp, EachPeerGivesItsOwnSecret) {
-  IpsecDHEcp dh(ECP_256);
-  IpsecDHEcp first(ECP_256);
-  IpsecDHEcp second(ECP_256);
-  ASSERT_TRUE(dh.initIpsecDH());
-  ASSERT_TRUE(first.initIpsecDH());
-  ASSERT_TRUE(second.initIpsecDH());
-  const ByteVector own = publicKey(dh);
-  for (IpsecDHEcp* peer : {&first, &second, &first}) {
-    const ByteVector value = publicKey(*peer);
-    EXPECT_TRUE(dh.setPeerPublicKey(&value));
-    EXPECT_TRUE(peer->setPeerPublicKey(&own));
-    EXPECT_EQ(secret(dh), secret(*peer));
   }
 }
 

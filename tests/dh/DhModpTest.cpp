@@ -1,4 +1,4 @@
-// IpsecDHModp: call order, known answers, each refusal with its trace lines, kept behaviour.
+// IpsecDHModp, where it differs from the curves: groups, known answers, refusals with their trace lines, kept behaviour.
 
 #include "tests/support/CryptoCases.h"
 
@@ -7,73 +7,10 @@
 namespace Ipsec::Testing {
 namespace {
 
-const Lines lengthRefused(DhGroupNum group, std::size_t given, std::size_t expected) {
-  return {"verifyDHValue Invalid DH public value size " + std::to_string(given) + " for the DH group " +
-              std::to_string(group) + " with size " + std::to_string(expected),
-          "IpsecDHModp::setPeerPublicKey Failed to verify the peer's public key"};
-}
-
 const Lines secretRefused = {"IpsecDHModp::setPeerPublicKey Failed to compute the shared secret"};
 const Lines noSecret = {"IpsecDHModp::getSharedSecret Shared secret has not been computed"};
 
 // --- Call order ------------------------------------------------------------------------------------------------------
-
-TEST(DhModp, TwoObjectsAgreeOnASecretInEveryGroup) {
-  for (const GroupCase& each : modpGroups) {
-    SCOPED_TRACE(each.group);
-    IpsecDHModp mine(each.group);
-    IpsecDHModp theirs(each.group);
-    ASSERT_TRUE(mine.initIpsecDH());
-    ASSERT_TRUE(theirs.initIpsecDH());
-    const ByteVector myValue = publicKey(mine);
-    const ByteVector theirValue = publicKey(theirs);
-    EXPECT_EQ(myValue.size(), each.publicSize);
-    EXPECT_NE(myValue, theirValue);
-    EXPECT_TRUE(mine.setPeerPublicKey(&theirValue));
-    EXPECT_TRUE(theirs.setPeerPublicKey(&myValue));
-    EXPECT_EQ(secret(mine).size(), each.secretSize);
-    EXPECT_EQ(secret(mine), secret(theirs));
-    EXPECT_EQ(secret(mine), secret(mine));
-  }
-}
-
-TEST(DhModp, RefusesEverythingBeforeInit) {
-  IpsecDHModp dh(MODP_2048);
-  expectNotInitialized(dh, "IpsecDHModp");
-}
-
-TEST(DhModp, HasNoSecretBeforeThePeersValue) {
-  IpsecDHModp dh(MODP_2048);
-  ASSERT_TRUE(dh.initIpsecDH());
-  TraceRecorder traces("IpsecKeyGen=0");
-  expectUntouched(traces, noSecret, [&dh](ByteVector* out) { return dh.getSharedSecret(out); });
-}
-
-TEST(DhModp, SecondInitKeepsTheKeyPairInSilence) {
-  IpsecDHModp dh(MODP_1024);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector before = publicKey(dh);
-  TraceRecorder traces("IpsecKeyGen=0");
-  EXPECT_TRUE(dh.initIpsecDH());
-  EXPECT_EQ(publicKey(dh), before);
-  expectErrors(traces, {});
-}
-
-TEST(DhModp, TakesAnyGroupUntilItIsInitialized) {
-  IpsecDHModp dh(static_cast<DhGroupNum>(99));
-  EXPECT_TRUE(dh.setDHGroup(static_cast<DhGroupNum>(3)));
-  EXPECT_FALSE(dh.initIpsecDH());
-  EXPECT_TRUE(dh.setDHGroup(MODP_768));
-  ASSERT_TRUE(dh.initIpsecDH());
-  EXPECT_EQ(publicKey(dh).size(), 96U);
-
-  TraceRecorder traces("IpsecKeyGen=0");
-  EXPECT_FALSE(dh.setDHGroup(MODP_2048));
-  expectErrors(traces, {"IpsecDH::setDHGroup Cannot change DH group after initIpsecDH"});
-  const ByteVector value(256, 7);
-  EXPECT_FALSE(dh.setPeerPublicKey(&value));  // the group stayed
-  expectErrors(traces, lengthRefused(MODP_768, 256, 96));
-}
 
 TEST(DhModp, RefusesUnknownGroupsAtInit) {
   for (const std::uint32_t group : {0U, 3U, 4U, 18U, 22U, 23U, 25U, 46U, 78U, 4294967295U}) {
@@ -121,30 +58,6 @@ TEST(DhModp, EntersItsFunctionsAtLevel4) {
   }
 }
 
-TEST(DhModp, FailuresNameTheirPlaceInTheSource) {
-  TraceRecorder traces("IpsecKeyGen=0");
-  IpsecDHModp dh(MODP_2048);
-  ByteVector value;
-  EXPECT_FALSE(dh.getMyPublicKey(&value));
-  ASSERT_EQ(traces.lines().size(), 2U);
-  EXPECT_EQ(traces.lines()[0].sink, Cor::TraceSink::Ring);  // the ring comes first
-  EXPECT_EQ(traces.lines()[1].sink, Cor::TraceSink::Text);
-  for (const Cor::TraceLine& line : traces.lines()) {
-    EXPECT_EQ(line.file, "src/IpsecDH.cpp");
-    EXPECT_EQ(line.function, "getMyPublicKey");
-    EXPECT_GT(line.line, 100);
-  }
-}
-
-TEST(DhModp, ErrorsReachTheRingWhenTheirLevelIsOff) {
-  TraceRecorder traces("IpsecKeyGen=31");
-  IpsecDHModp dh(MODP_2048);
-  ByteVector value;
-  EXPECT_FALSE(dh.getMyPublicKey(&value));
-  EXPECT_EQ(traces.errors(), Lines{"IpsecDHModp::getMyPublicKey IpsecDHModp is not initialized"});
-  EXPECT_EQ(traces.text(), Lines{});
-}
-
 // --- Known answers ---------------------------------------------------------------------------------------------------
 
 void expectModpBlock(Block& block) {
@@ -180,27 +93,11 @@ TEST(DhModp, SecretIsLeftPaddedToThePrime) {
     SCOPED_TRACE(each.group);
     IpsecDHModp dh(each.group);
     ASSERT_TRUE(dh.initIpsecDH());
-    expectExchange(dh, {2}, padded({4}, each.publicSize), padded({3}, each.publicSize), padded({9}, each.publicSize));
-  }
-}
-
-TEST(DhModp, OutputsAreResizedAndOverwritten) {
-  IpsecDHModp dh(MODP_2048);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector two = {2};
-  const ByteVector three = padded({3}, 256);
-  ASSERT_TRUE(dh.setMyPrivateKey(&two));
-  ASSERT_TRUE(dh.setPeerPublicKey(&three));
-  for (const std::size_t size : {0U, 1U, 256U, 1000U}) {
-    ByteVector out(size, 0xEE);
-    EXPECT_TRUE(dh.getMyPublicKey(&out));
-    EXPECT_EQ(out, padded({4}, 256));
-    out.assign(size, 0xEE);
-    EXPECT_TRUE(dh.getSharedSecret(&out));
-    EXPECT_EQ(out, padded({9}, 256));
-    out.assign(size, 0xEE);
-    EXPECT_TRUE(dh.getMyPrivateKey(&out));
-    EXPECT_EQ(out, two);
+    const std::array<std::array<ByteVector, 2>, 3> peersAndSecrets = {{{{{3}, {9}}}, {{{4}, {16}}}, {{{5}, {25}}}}};
+    for (const auto& [peer, agreed] : peersAndSecrets) {
+      expectExchange(dh, {2}, padded({4}, each.publicSize), padded(peer, each.publicSize),
+                     padded(agreed, each.publicSize));
+    }
   }
 }
 
@@ -217,28 +114,6 @@ TEST(DhModp, GeneratedExponentsHaveTwiceTheStrengthOfTheGroup) {
       longest = std::max(longest, privateKey(dh).size());
     }
     EXPECT_EQ(longest, each.privateSize);
-  }
-}
-
-TEST(DhModp, PrivateKeyComesOutWithoutPadding) {
-  IpsecDHModp dh(MODP_2048);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector given = fromHex("00000000000102");
-  ASSERT_TRUE(dh.setMyPrivateKey(&given));
-  EXPECT_EQ(privateKey(dh), fromHex("0102"));
-}
-
-TEST(DhModp, KeyPairMovesToAnotherObjectByItsPrivateKey) {
-  for (const GroupCase& each : modpGroups) {
-    SCOPED_TRACE(each.group);
-    IpsecDHModp first(each.group);
-    IpsecDHModp second(each.group);
-    ASSERT_TRUE(first.initIpsecDH());
-    ASSERT_TRUE(second.initIpsecDH());
-    const ByteVector key = privateKey(first);
-    EXPECT_TRUE(second.setMyPrivateKey(&key));
-    EXPECT_EQ(publicKey(second), publicKey(first));
-    EXPECT_EQ(privateKey(second), key);
   }
 }
 
@@ -335,28 +210,6 @@ TEST(DhModp, LongPrivateKeysAreUsedWhole) {
 
 // --- Hostile peers ---------------------------------------------------------------------------------------------------
 
-TEST(DhModp, RefusesEveryOtherLength) {
-  for (const GroupCase& each : modpGroups) {
-    IpsecDHModp dh(each.group);
-    ASSERT_TRUE(dh.initIpsecDH());
-    const ByteVector good = publicKey(dh);
-    ASSERT_TRUE(dh.setPeerPublicKey(&good));
-    const ByteVector earlier = secret(dh);
-    TraceRecorder traces("IpsecKeyGen=0");
-    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, each.publicSize / 2, each.publicSize - 1,
-                                   each.publicSize + 1, 2 * each.publicSize, std::size_t{65536}}) {
-      SCOPED_TRACE(std::to_string(each.group) + " with bytes " + std::to_string(size));
-      const ByteVector value(size, 2);
-      EXPECT_FALSE(dh.setPeerPublicKey(&value));
-      expectErrors(traces, lengthRefused(each.group, size, each.publicSize));
-    }
-    const ByteVector prefixed = ByteVector{0x04} + good;
-    EXPECT_FALSE(dh.setPeerPublicKey(&prefixed));
-    expectErrors(traces, lengthRefused(each.group, each.publicSize + 1, each.publicSize));
-    EXPECT_EQ(secret(dh), earlier);  // a value refused for its length changes nothing
-  }
-}
-
 // Kept: the buffer was filled before the value was judged, and an earlier success still answers: with the filler.
 TEST(DhModp, RefusedValuesLeaveFillerWhereASecretWas) {
   const std::size_t blocks = forEachBlock(vectors("dh_modp_invalid.txt"), [](Block& block) {
@@ -379,26 +232,6 @@ TEST(DhModp, RefusedValuesLeaveFillerWhereASecretWas) {
     EXPECT_EQ(secret(dh), earlier);
   });
   EXPECT_EQ(blocks, 56U);
-}
-
-// Kept: the own public value coming back is an answer like any other.
-TEST(DhModp, TakesItsOwnPublicValue) {
-  IpsecDHModp dh(MODP_2048);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector own = publicKey(dh);
-  EXPECT_TRUE(dh.setPeerPublicKey(&own));
-}
-
-TEST(DhModp, EachPeerGivesItsOwnSecret) {
-  IpsecDHModp dh(MODP_2048);
-  ASSERT_TRUE(dh.initIpsecDH());
-  const ByteVector two = {2};
-  ASSERT_TRUE(dh.setMyPrivateKey(&two));
-  for (const unsigned base : {3U, 4U, 3U, 5U}) {
-    const ByteVector peer = padded({static_cast<unsigned char>(base)}, 256);
-    EXPECT_TRUE(dh.setPeerPublicKey(&peer));
-    EXPECT_EQ(secret(dh), padded({static_cast<unsigned char>(base * base)}, 256));
-  }
 }
 
 }  // namespace
