@@ -1,26 +1,30 @@
 // IPsec helpers for IKE agents: Diffie-Hellman, key material, the IKE daemon's files, host control.
 //
-// In the order in which an agent uses it: shared types, Diffie-Hellman, key material, configuration files, host
-// control.
+// The declarations follow the order in which an agent uses them: shared types, Diffie-Hellman, key material,
+// configuration files, host control.
 //
-// Conventions that hold for every declaration here, unless it says otherwise:
-// - Numbers in byte vectors are big-endian. Lengths are in bytes. Key lengths of transforms are in bits.
-// - Inputs are pointers to vectors that are only read; outputs are pointers to vectors that the callee resizes to the
-//   exact result and fills. Neither may be null. An output may not be the same vector as an input.
-// - The caller owns what it creates and passes. What is borrowed beyond a call is said at the parameter.
-// - bool results: true is success. A failure is traced (ring buffer and text trace, level 0), as one line by the
-//   function called after those of what it called inside, and leaves outputs untouched unless the declaration says what
-//   is left.
-// - Exceptions: std::bad_alloc or std::length_error when a container cannot grow, and what a declaration names. Nothing
-//   leaks when one is thrown. OpenSSL running out of memory is an ordinary failure, not an exception.
-// - Threads: none are made and no locks are taken. An object is used by one thread at a time; different objects may be
-//   used on different threads at once. Free functions may be called from any thread unless they say otherwise.
-// - No key, secret, nonce or setting's value is ever written to a trace.
-// - OpenSSL's reasons for a failure may be left in the calling thread's OpenSSL error queue.
-// - Objects may be destroyed, but keys not be exchanged, in static destructors that run after OpenSSL's own clean-up.
+// The following holds for every declaration, unless the declaration says otherwise:
+// - Numbers in byte vectors are big-endian. Lengths are in bytes. The key lengths of transforms are in bits.
+// - Inputs are pointers to vectors that are only read. Outputs are pointers to vectors that the function resizes to the
+//   exact length of the result and fills. Neither may be null, and an output may not be the same vector as an input.
+// - The caller owns every object that it creates and passes. Where an object keeps a pointer beyond the call, its
+//   declaration says so.
+// - A bool result of true means success. Every function that fails traces one line (ring buffer and text trace, level
+//   0), after the lines of the functions that it called, and leaves its outputs unchanged.
+// - Exceptions: std::bad_alloc or std::length_error when a container cannot grow, and those that a declaration names.
+//   No resource is leaked when an exception is thrown. When OpenSSL runs out of memory, that is an ordinary failure and
+//   not an exception.
+// - Threads: the library creates none and has no locks of its own; the platform's trace and OpenSSL have theirs. An
+//   object is used by one thread at a time; different objects may be used on different threads at once. Functions
+//   outside a class may be called from any thread.
+// - No key, secret, nonce or value of a setting is ever written to a trace.
+// - After a failure, OpenSSL's reasons for it may be in the calling thread's OpenSSL error queue.
+// - A static destructor that runs after OpenSSL's clean-up may destroy these objects but must not exchange keys with
+//   them.
 //
-// Virtual functions and data members stand in an order that callers were compiled against: append nothing, move
-// nothing.
+// "Warning:" marks what a caller can easily get wrong: first the trap, then its consequence.
+//
+// Callers were compiled against the order of the virtual functions and data members: none may be added or moved.
 #pragma once
 
 #include "platform/AgentTypes.h"
@@ -42,11 +46,14 @@ namespace Ipsec {
 
 // --- Shared types ---------------------------------------------------------------------------------------------------
 
-// Every key, public value, nonce, secret, PRF input and output.
+// The type of every key, public value, nonce and secret, and of the input and output of every PRF.
 using ByteVector = std::vector<unsigned char>;
 
-// Diffie-Hellman groups, by IANA's IKEv2 key exchange method numbers (transform type 4). In the comment: the length of
-// a public value on the wire and of a shared secret, in bytes.
+// Diffie-Hellman groups, by IANA's IKEv2 key exchange method numbers (transform type 4). The comment at each group
+// gives the length in bytes of a public value on the wire, and that of a shared secret.
+//
+// Warning: the groups 1, 2, 5 and 24 are accepted like all others, although RFC 8247 advises against them. Their
+// secrets are weak or of doubtful strength: use them with old peers only.
 enum DhGroupNum : std::uint32_t {
   MODP_NONE = 0,       // no group
   MODP_768 = 1,        //  96,  96  RFC 2409 section 6.1
@@ -78,8 +85,8 @@ enum PrfType : std::uint32_t {
   PRF_HMAC_SHA2_512 = 7,
 };
 
-// Encryption transforms, by IANA's IKEv2 numbers (transform type 1). Any other number of the registry may be cast to
-// this type.
+// Encryption transforms, by IANA's IKEv2 numbers (transform type 1). The numbers of other encryption transforms in the
+// registry may be cast to this type.
 enum EncryptionAlgo : std::uint32_t {
   ENCR_3DES = 3,
   ENCR_NULL = 11,
@@ -89,7 +96,7 @@ enum EncryptionAlgo : std::uint32_t {
   ENCR_AES_GCM_16 = 20,  // RFC 4106, 16-byte ICV
 };
 
-// Hash algorithms, in this library's own numbering.
+// Hash algorithms. The numbers are this library's and come from no registry.
 enum HashAlgorithm : std::uint32_t {
   HASH_SHA1 = 1,
   HASH_SHA256 = 2,
@@ -105,47 +112,58 @@ struct EncryptAlgoWithKeyLen {
 
 // --- Diffie-Hellman -------------------------------------------------------------------------------------------------
 
-// IpsecDH is one IKE Diffie-Hellman exchange for one group. Most callers use IpsecDHGeneral, which picks the form.
+// IpsecDH is one IKE Diffie-Hellman exchange for one group. It has a form for the MODP groups, IpsecDHModp, and one for
+// the elliptic-curve groups, IpsecDHEcp. Most callers use IpsecDHGeneral, which chooses the form.
 //
-// Call order: construct; setDHGroup if the group changes; initIpsecDH; getMyPublicKey, getMyPrivateKey, setMyPrivateKey
-// as needed; setPeerPublicKey; getSharedSecret as often as needed. A call before initIpsecDH has succeeded returns
-// false and touches nothing. Objects are not copyable: they own OpenSSL handles, which the destructor clears and frees.
+// Call order: construct the object; call setDHGroup if the group changes; call initIpsecDH; call getMyPublicKey,
+// getMyPrivateKey and setMyPrivateKey as needed; call setPeerPublicKey; call getSharedSecret as often as needed. Until
+// initIpsecDH has succeeded, the calls that come after it return false and change nothing. Objects cannot be copied:
+// they own OpenSSL handles, which the destructor clears and frees.
 class IPSEC_EXPORT IpsecDH {
  public:
-  // Takes any number as the group; initIpsecDH refuses one that it does not know.
+  // Accepts any number as the group. initIpsecDH refuses a group that the form does not support.
   explicit IpsecDH(DhGroupNum group);
   IpsecDH(const IpsecDH&) = delete;
   IpsecDH& operator=(const IpsecDH&) = delete;
 
-  // Changes the group, unchecked. Returns false once initIpsecDH has succeeded; the group then stays.
+  // Changes the group, without checking it. Once initIpsecDH has succeeded, returns false and keeps the group.
   bool setDHGroup(DhGroupNum group);
 
-  // Writes the own public value in IKE's wire form: MODP, the number left-padded with zero bytes to the length of the
-  // prime (RFC 7296 section 3.4); elliptic curves, x and y each left-padded to the length of a field element, with no
-  // point-format byte (RFC 5903 section 7).
-  // On failure out may have been resized and zeroed.
+  // Writes this side's public value in IKE's wire form. For MODP that is the number, left-padded with zero bytes to the
+  // length of the prime (RFC 7296 section 3.4). For elliptic curves it is x followed by y, each left-padded to the
+  // length of a field element, with no point-format byte (RFC 5903 section 7).
+  // After a failure out may have been resized and zeroed.
   virtual bool getMyPublicKey(ByteVector* out) = 0;
 
-  // Writes the own private key without padding: a key with leading zero bytes comes out shorter than the group's size.
-  // Clear the vector when done (OPENSSL_cleanse). Fails when the private number is zero.
+  // Writes this side's private key, without padding. Fails when the private number is zero. Clear the vector after use
+  // (OPENSSL_cleanse).
+  // Warning: the length varies. A key whose first bytes are zero is written without them, and is then shorter than the
+  // group's size.
   virtual bool getMyPrivateKey(ByteVector* out) = 0;
 
-  // Replaces the own key pair by the one of this private key, a big-endian number of any length. It is not checked
-  // against the group's order or length. What happens to an earlier secret depends on the form: see there.
+  // Replaces this side's key pair with the one that belongs to this private key, a big-endian number of any length.
+  // What happens to an earlier secret depends on the form: see IpsecDHModp and IpsecDHEcp.
+  // Warning: the key is not checked against the group's order or length. A useless key such as zero is accepted and
+  // fails, or gives a worthless secret, only when it is used.
   virtual bool setMyPrivateKey(const ByteVector* key) = 0;
 
-  // Takes the peer's public value in the wire form of getMyPublicKey and computes the shared secret. Refuses a value of
-  // another length than the group's, and one that does not belong to the group: see the forms. The own public value
-  // coming back is not refused. An earlier secret stays readable when the value is refused, except as the forms say.
+  // Reads the peer's public value, in the wire form of getMyPublicKey, and computes the shared secret. Refuses a value
+  // whose length is not that of the group's public values (an earlier secret then stays readable), and a value that
+  // does not belong to the group: see IpsecDHModp and IpsecDHEcp.
+  // Warning: after a failure, getSharedSecret may still return true, because an earlier secret was computed. It then
+  // hands out that secret, or filler bytes that anyone can guess: 0xFF from the MODP form, zeros from the
+  // elliptic-curve form. Never read a secret after a failed setPeerPublicKey.
+  // Warning: this side's own public value is not refused. A peer that merely sends it back goes unnoticed unless the
+  // agent compares the two values itself.
   virtual bool setPeerPublicKey(const ByteVector* peer) = 0;
 
-  // Writes the shared secret g^ir in the form IKE feeds to the PRF (RFC 7296 section 2.14): MODP, left-padded with zero
-  // bytes to the length of the prime; elliptic curves, the x coordinate (RFC 5903 section 9).
-  // Clear the vector when done.
+  // Writes the shared secret g^ir in the form in which IKE passes it to the PRF (RFC 7296 section 2.14). For MODP that
+  // is the number, left-padded with zero bytes to the length of the prime. For elliptic curves it is the x coordinate
+  // (RFC 5903 section 9). Clear the vector after use.
   virtual bool getSharedSecret(ByteVector* out) = 0;
 
-  // Sets up the group and generates a fresh key pair. Returns true at once when it has succeeded before: the key pair
-  // stays. May be retried after a failure.
+  // Sets up the group and generates a fresh key pair. If an earlier call has succeeded, returns true and keeps the key
+  // pair of that call. May be called again after a failure.
   virtual bool initIpsecDH() = 0;
 
   virtual ~IpsecDH();
@@ -159,16 +177,19 @@ class IPSEC_EXPORT IpsecDH {
 
 // IpsecDHModp is the form for the MODP groups 1, 2, 5, 14, 15, 16, 17 (RFC 2409, RFC 3526) and 24 (RFC 5114).
 //
-// Generated private exponents have at least twice the bits of the group's strength, not the length of the prime.
+// A generated private exponent has at least twice as many bits as the group's strength. It is not as long as the prime.
 //
-// setPeerPublicKey refuses a value outside 2..p-2 and, for group 24, one outside the prime-order subgroup (RFC 6989
-// sections 2.1, 2.2). When the refusal comes from that check, the buffer of an earlier secret has been overwritten with
-// 0xFF bytes while getSharedSecret still answers: do not read a secret after a failed setPeerPublicKey.
+// setPeerPublicKey refuses a value outside 2..p-2 and, for group 24, a value outside the prime-order subgroup (RFC 6989
+// sections 2.1, 2.2).
+// Warning: when a value is refused by that check, the buffer of an earlier secret has already been filled with 0xFF
+// bytes, and getSharedSecret returns them with true. Never read a secret after a failed setPeerPublicKey.
 //
-// setMyPrivateKey forgets an earlier secret. When the new key pair cannot be made, the object keeps its old one if the
-// parameters could not be read, and has none otherwise; then all that needs a key fails for good.
+// setMyPrivateKey discards an earlier secret. If the group's parameters cannot be read, the old key pair stays. If the
+// new key pair cannot be created, the object has no key pair from then on, and every operation that needs one fails
+// permanently, setMyPrivateKey included.
 //
-// initIpsecDH throws std::out_of_range ("_Map_base::at") for the groups 19, 20 and 21.
+// Warning: for the groups 19, 20 and 21 initIpsecDH does not return false, it throws std::out_of_range
+// ("_Map_base::at"). For any other group that is not in the list above it returns false.
 class IPSEC_EXPORT IpsecDHModp : public IpsecDH {
  public:
   explicit IpsecDHModp(DhGroupNum group);
@@ -189,15 +210,18 @@ class IPSEC_EXPORT IpsecDHModp : public IpsecDH {
 
 // IpsecDHEcp is the form for the elliptic-curve groups 19, 20 and 21 (RFC 5903).
 //
-// setPeerPublicKey refuses a point that is not on the curve. Coordinates at or above the field's prime are first
-// reduced by it, and the point they then name is judged. The curves have cofactor 1, so a point on the curve needs no
-// subgroup check. When the derivation itself fails, the buffer of an earlier secret has been overwritten with zero
-// bytes while getSharedSecret still answers: do not read a secret after a failed setPeerPublicKey.
+// setPeerPublicKey refuses a point that is not on the curve; an earlier secret then stays readable. Coordinates equal
+// to or above the field's prime are first reduced by it, and the resulting point is checked. The curves have cofactor
+// 1, so a point on the curve needs no subgroup check.
+// Warning: when the derivation of the secret itself fails, the buffer of an earlier secret has already been filled with
+// zero bytes, and getSharedSecret returns them with true. Never read a secret after a failed setPeerPublicKey.
 //
-// setMyPrivateKey leaves an earlier secret readable. When the new key object cannot be made the old one is gone, and
-// all that needs a key fails until another private key is set; a failure before that keeps the old key. A private
-// number longer than the group's order is taken, but cannot be read back. Failures to read or import the own key are
-// not traced.
+// setMyPrivateKey keeps an earlier secret readable. If the new key object cannot be created, the old one is gone, and
+// every operation that needs a key fails until another private key is set; a failure before that point keeps the old
+// key. A private number longer than the group's order is accepted and used, but cannot be read back.
+//
+// Warning: when OpenSSL cannot read or import this side's key, the call returns false and traces nothing. A caller that
+// wants a line in the log writes it itself.
 class IPSEC_EXPORT IpsecDHEcp : public IpsecDH {
  public:
   explicit IpsecDHEcp(DhGroupNum group);
@@ -216,8 +240,9 @@ class IPSEC_EXPORT IpsecDHEcp : public IpsecDH {
   EC_POINT* peerPoint;
 };
 
-// IpsecDHGeneral is one exchange for any supported group: the object an agent creates when the group is negotiated.
-// Call order, results and encodings are those of IpsecDH; each call is handed to the form that fits the group.
+// IpsecDHGeneral is one exchange for any supported group: the object that an agent creates for the group that was
+// negotiated. Call order, results, encodings and warnings are those of IpsecDH. Each call is passed on to the form that
+// fits the group, and the form traces why it failed.
 class IPSEC_EXPORT IpsecDHGeneral {
  public:
   explicit IpsecDHGeneral(DhGroupNum group);
@@ -226,8 +251,9 @@ class IPSEC_EXPORT IpsecDHGeneral {
 
   bool setDHGroup(DhGroupNum group);
 
-  // Picks the form by group and initialises it. A second call after a success returns true and traces an error line;
-  // the key pair stays. Returns false for a group that is not supported; may be retried, also with another group.
+  // Chooses the form that fits the group and initialises it. Returns false for a group that is not supported. May be
+  // called again after a failure, also with another group. If an earlier call has succeeded, returns true, keeps the
+  // key pair of that call, and traces an error line all the same.
   bool initIpsecDH();
 
   bool getMyPublicKey(ByteVector* out);
@@ -240,7 +266,7 @@ class IPSEC_EXPORT IpsecDHGeneral {
   DhGroupNum dhGroup;
 
  public:
-  // Tells which form is in use once initIpsecDH has picked one: true for MODP, also before. Only to be read.
+  // True while the MODP form is in use, and also before initIpsecDH has chosen a form. For reading only.
   bool isModp;
 
  private:
@@ -252,39 +278,43 @@ class IPSEC_EXPORT IpsecDHGeneral {
 
 // --- Key material ---------------------------------------------------------------------------------------------------
 
-// Prepares OpenSSL's tables of ciphers and digests. Call once before key generation; further calls are harmless.
-// Returns 1 on success, 0 on failure.
+// Prepares OpenSSL's tables of ciphers and digests. Call it once before key generation; further calls do no harm.
+// Returns 1 on success and 0 on failure. A failure is not traced.
 IPSEC_EXPORT int initKeyGenLib();
 
-// Does nothing; stands beside initKeyGenLib for symmetry.
+// Does nothing. It exists as the counterpart of initKeyGenLib.
 IPSEC_EXPORT void cleanupKeyGenLib();
 
 // NonceGenerator draws the random nonces of an exchange (RFC 7296 section 2.10: 16 to 256 bytes, and at least half the
-// PRF's key size) and joins the two. One generator may serve several threads.
+// key size of the PRF) and joins the two. Several threads may use one generator at once.
 class IPSEC_EXPORT NonceGenerator {
  public:
-  NonceGenerator();  // 32 bytes
-  // Takes any length in bytes, 0 too. Nonces above INT_MAX bytes are answered with true, but are not random.
+  NonceGenerator();  // draws nonces of 32 bytes
+  // Accepts any length in bytes, including 0.
+  // Warning: a nonce longer than INT_MAX bytes is reported as a success, but its bytes are not random, or only the
+  // first of them are.
   explicit NonceGenerator(unsigned long nonceLen);
 
-  // Writes a fresh nonce from OpenSSL's RAND_bytes. Returns false only for RAND_bytes' result -1 (no generator); out
-  // then has the nonce's length and undefined contents. A generator that fails otherwise (RAND_bytes' result 0) is not
-  // reported: a caller that must know asks RAND_status() first.
+  // Writes a fresh nonce from OpenSSL's RAND_bytes. Returns false only when RAND_bytes returns -1 (there is no
+  // generator); out then has the length of a nonce and undefined contents.
+  // Warning: when the generator fails and RAND_bytes returns 0, the result is still true and nothing is traced. The
+  // bytes in out are then not random, and an exchange with them is not safe: call RAND_status() first, and draw no
+  // nonce unless it returns 1.
   bool generateNonce(ByteVector* out);
 
-  // Writes nonce1 | nonce2 (the initiator's first: Ni | Nr). Returns false when their lengths differ.
+  // Writes nonce1 | nonce2. IKE has the initiator's nonce first: Ni | Nr. Returns false when their lengths differ.
   bool generateFullNonce(ByteVector* out, const ByteVector* nonce1, const ByteVector* nonce2);
 
  private:
   std::size_t nonceLen;
 };
 
-// PRFunc is a keyed pseudo-random function fed in pieces: what PRFuncPlus draws from.
+// PRFunc is a keyed pseudo-random function whose input is given in pieces. PRFuncPlus draws its stream from one.
 class IPSEC_EXPORT PRFunc {
  public:
-  // Absorbs input. With a null output that is all, and the computation stays open; otherwise finishes it into output
-  // (resized to getOutputSize) and is ready for the next computation under the same key. The output may be a vector
-  // that was absorbed by an earlier call.
+  // Absorbs input. With a null output, that is all, and the computation stays open for more input. Otherwise finishes
+  // the computation, resizes output to getOutputSize, writes the result there, and is ready for the next computation
+  // under the same key. The output may be a vector that an earlier call absorbed.
   virtual bool generatePRStream(const ByteVector* input, ByteVector* output) = 0;
 
   // Returns the length of one output in bytes.
@@ -293,40 +323,43 @@ class IPSEC_EXPORT PRFunc {
   // Returns the preferred key length in bytes.
   virtual std::size_t getKeySize() = 0;
 
-  // Installs a key; null installs the key given last again.
+  // Installs a key. Null installs the most recently given key again.
   virtual bool setKey(const ByteVector* key) = 0;
 
   virtual ~PRFunc();
 };
 
-// HmacPRFunc computes HMAC (RFC 2104) over input given in pieces. Call initHmacPRFunc, then setKey, then any number of
-// computations: calls with a null output absorb, the call with an output finishes and re-keys.
+// HmacPRFunc computes HMAC (RFC 2104) over input that is given in pieces. Call initHmacPRFunc, then setKey, then
+// compute as often as needed: calls with a null output absorb input, the call with an output finishes and installs the
+// key again for the next computation. A key of any length is accepted, including an empty one. Objects cannot be
+// copied. The destructor clears what was derived from the key, but not the caller's vector.
 //
-// The key vector is borrowed, and its bytes are read again after every output: keep it alive and unchanged as long as
-// the object computes. A key of any length is taken, an empty one too. Objects are not copyable. The destructor clears
-// what was derived from the key, not the caller's vector.
+// Warning: the object borrows the key vector and reads its bytes again after every output. If the vector is changed,
+// later computations use the new bytes; if it is destroyed, the object reads freed memory. Keep the vector alive and
+// unchanged as long as the object computes.
 class IPSEC_EXPORT HmacPRFunc : public PRFunc {
  public:
   HmacPRFunc();
   HmacPRFunc(const HmacPRFunc&) = delete;
   HmacPRFunc& operator=(const HmacPRFunc&) = delete;
 
-  // Chooses the digest. Returns true at once when it has succeeded before: the digest stays, whatever hashAlgo is.
-  // Throws std::out_of_range ("_Map_base::at") for a hash that is not in HashAlgorithm.
+  // Chooses the digest. Throws std::out_of_range ("_Map_base::at") for a hash that is not in HashAlgorithm.
+  // Warning: if an earlier call has succeeded, returns true and keeps the digest of that call, whatever hashAlgo is.
+  // For another digest create another object.
   bool initHmacPRFunc(HashAlgorithm hashAlgo);
 
-  // After a failed step a computation is undefined: abandon the derivation. When finishing fails, output has its new
-  // size and undefined contents.
+  // After any failure the result of the computation is undefined: abandon the derivation. If finishing fails, output
+  // has its new size and undefined contents.
   bool generatePRStream(const ByteVector* input, ByteVector* output) override;
 
-  // 20, 32, 48 or 64; 0, with an error line, before initHmacPRFunc.
+  // Returns 20, 32, 48 or 64. Before initHmacPRFunc, returns 0 and traces an error line.
   std::size_t getOutputSize() override;
 
-  // The same as getOutputSize (RFC 7296 section 2.12: the preferred key size of an HMAC is its output's).
+  // Returns the same as getOutputSize: an HMAC prefers a key of the size of its output (RFC 7296 section 2.12).
   std::size_t getKeySize() override;
 
-  // A null key before any real one is a caller's error with undefined behaviour. After a failure, what was computed
-  // under the old key must not go on.
+  // If this fails, abandon any computation begun under the old key.
+  // Warning: a null key is allowed only after a first key has been given. Before that the behaviour is undefined.
   bool setKey(const ByteVector* key) override;
 
   ~HmacPRFunc() override;
@@ -339,10 +372,11 @@ class IPSEC_EXPORT HmacPRFunc : public PRFunc {
   const ByteVector* key;
 };
 
-// PRFuncPlus is the endless stream of key material prf+ (RFC 7296 section 2.13), or the chained expansion without the
-// counter of IKEv1's quick mode (RFC 2409 section 5.5).
+// PRFuncPlus is the stream of key material prf+ of IKEv2 (RFC 7296 section 2.13) or, with counterEnabled false, the
+// chained expansion without a counter of IKEv1's quick mode (RFC 2409 section 5.5). Any PRFunc will do.
 //
-// The PRFunc is borrowed, and must be keyed and used by nobody else while the stream is drawn. Any PRFunc will do.
+// Warning: the object borrows the PRFunc, which must already have its key and must outlive the object. Between the
+// first call and the last nobody else may use or re-key it, or the stream is no longer prf+.
 class IPSEC_EXPORT PRFuncPlus {
  public:
   PRFuncPlus(PRFunc* prf, bool counterEnabled);
@@ -350,14 +384,16 @@ class IPSEC_EXPORT PRFuncPlus {
   PRFuncPlus(const PRFuncPlus&) = delete;
   PRFuncPlus& operator=(const PRFuncPlus&) = delete;
 
-  // Copies the seed and computes the first block. Returns true at once when it has succeeded before: seed and position
-  // stay.
+  // Copies the seed and computes the first block. If an earlier call has succeeded, returns true and keeps the seed and
+  // the position in the stream.
   bool initPRFuncPlus(const ByteVector* seed);
 
-  // Writes the next length bytes of the stream, whatever the pieces drawn before. RFC 7296 ends the stream after 255
-  // blocks; here the one-byte counter wraps to 0 and the stream goes on: drawing no more is up to the caller.
-  // On failure out has its new size and is filled up to the failure; the stream must not be used further. Clear the
-  // vector when done.
+  // Writes the next length bytes of the stream. The stream is the same however it is divided into calls. After a
+  // failure out has its new size and is filled up to the point of the failure, and the stream must not be used again.
+  // Clear the vector after use.
+  // Warning: RFC 7296 ends the stream after 255 blocks, but this object does not. The one-byte counter wraps to 0 and
+  // the stream goes on beyond what the RFC defines: the caller must not draw more than 255 times the length of one
+  // output in all.
   bool generatePRStream(std::size_t length, ByteVector* out);
 
  private:
@@ -370,155 +406,191 @@ class IPSEC_EXPORT PRFuncPlus {
   bool initialized;
 };
 
-// Returns the bytes of key material that an encryption transform takes from the stream: the key length given, or the
-// fixed one of 3DES, plus the 4 salt bytes of AES-GCM (RFC 4106 section 8.1) with an 8- or a 16-byte ICV. 0 for
-// ENCR_NULL. AES-GCM with a 12-byte ICV gets no salt bytes here: the caller adds 4.
-// Throws std::out_of_range ("_Map_base::at") for any other transform given without a key length.
+// Returns how many bytes of key material an encryption transform takes from the stream: its key length (the given one
+// or, where that is 0, the fixed one of 3DES), and for AES-GCM with an ICV of 8 or 16 bytes 4 bytes of salt in addition
+// (RFC 4106 section 8.1). Returns 0 for ENCR_NULL.
+// Throws std::out_of_range ("_Map_base::at") for any other transform that is given without a key length.
+// Warning: for AES-GCM with an ICV of 12 bytes the salt is not counted. The caller must draw 4 bytes more, or the two
+// sides read different keys from the stream.
 IPSEC_EXPORT std::size_t getEncryptKeyLen(EncryptAlgoWithKeyLen algo);
 
 // Returns the key length of an integrity transform in bytes. Throws std::out_of_range ("_Map_base::at") for a transform
-// that is not in IntegrityAlgo; a suite whose cipher has its own integrity (AEAD) needs 0 bytes and must not ask.
+// that is not in IntegrityAlgo.
+// Warning: do not call this for a suite whose cipher provides its own integrity (AEAD). Such a suite needs 0 bytes, and
+// the transform number 0 (NONE) throws.
 IPSEC_EXPORT std::size_t getIntegKeyLen(IntegrityAlgo algo);
 
 // Writes a vector to std::cout for debugging: "LABEL is", "len is: N", the bytes as lower-case hex digits on one line,
-// "end". It prints key material if that is what it is given. A null label puts std::cout into its bad state. Leaves the
-// stream's fill character at '0'. Dumps of two threads may interleave.
+// "end". Afterwards the stream's fill character is '0'. The dumps of two threads may interleave.
+// Warning: it prints whatever it is given. If that is a key, the key is on the terminal or in a log from then on.
+// Warning: a null label puts std::cout into its bad state, and nothing more is written to it until it is cleared.
 IPSEC_EXPORT void printVector(const char* label, const ByteVector* vec);
 
 // --- The IKE daemon's files -----------------------------------------------------------------------------------------
 //
-// Both writers rebuild the whole file beside the old one (".tmp" appended to its name) and move it into place with
-// rename, so that the daemon sees the old file or the new one and nothing between. Common to both:
-// - What cannot be written whole is never moved into place: the old file stays, and one line is traced ("Error renaming
-//   tmp file to ..."). The temporary file stays behind; the next call empties it.
-// - An exception leaves the call before anything is moved: the old file is untouched, the temporary file stays behind.
-// - An old file that is missing or cannot be read counts as empty; one whose reading fails midway, as its whole lines
-//   so far.
-// - Values are written exactly as they are given: a newline in a value is a newline in the file. The caller checks
-//   them.
-// - The new file's mode comes from the process's umask, whatever the old file's was: set umask(077) around every call
-//   of writeSecrets, and restore it. A temporary file that an earlier failed call left keeps the mode it was made with
-//   and gives it to the new file; it also holds the keys copied so far. The umask is the whole process's: mind other
-//   threads.
-// - Nothing is synced to disk, and the daemon is not told: it rereads the connections on SIGHUP to its starter and the
-//   secrets on `ipsec rereadsecrets`.
-// - One call at a time per file, over all threads and processes: the caller serialises.
+// Both writers build a whole new file next to the old one (its name with ".tmp" appended) and move it into place with
+// rename. The daemon therefore sees the old file or the new one, and nothing in between. For both:
+// - A new file that cannot be written completely is never moved into place: the old file stays, and one line is traced
+//   ("Error renaming tmp file to ..."). The temporary file stays too; the next call empties it.
+// - An exception leaves the call before anything is moved: the old file is unchanged, and the temporary file stays.
+// - Nothing is synced to disk, and the daemon is not notified. It rereads the connections when its starter receives
+//   SIGHUP, and the secrets on `ipsec rereadsecrets`.
+// - Only one call at a time per file is allowed, over all threads and processes; the callers must see to it.
+//
+// Warning: an old file that cannot be read counts as empty, like a missing one; if reading fails half-way, the whole
+// lines read so far count as its contents. The rest is not in the new file and is lost when that is moved into place.
+//
+// Warning: values are written exactly as they are given. A newline in a value is a newline in the file, and what
+// follows it is a setting to the daemon: the caller must check values that come from outside.
+//
+// Warning: the new file's mode comes from the process's umask, whatever the mode of the old file was. Without
+// umask(077) around every call of writeSecrets, other users may be able to read the keys. Restore the umask afterwards.
+// It applies to the whole process, and so to files that other threads create meanwhile. A temporary file left by an
+// earlier failed call keeps the mode that it was created with and passes it on to the new file, and it holds the keys
+// that were copied so far.
+//
+// Warning: the name of the section and the address of the entry are put unescaped into the regular expression
+// (ECMAScript) that finds what is to be replaced. "." matches any character, so another section or entry that is
+// spelled similarly may be removed instead. Other metacharacters have their meaning too: such a name, if it is long or
+// is compared with long lines, can exhaust the stack in the standard library's compiler or matcher. The names from
+// getConnNameFromKey hold no metacharacter but ".".
 
-// Settings of one section or entry: the names are listed at the writers.
+// The settings of one section or entry, by name. The names are listed at the two writers.
 using stringmap = std::unordered_map<Vello::String, Vello::String>;
 
 // Returns the name of a connection's section: "default", the first address, the second address, the source's text and
-// the connection number in decimal, joined by hyphens ("default-10.0.0.1-10.0.0.2-local-7"). Which address is the local
-// one is the caller's convention.
-// The key's VRF must be the default VRF: any other stops the process (assertion).
+// the connection number in decimal, joined by hyphens ("default-10.0.0.1-10.0.0.2-local-7"). It is up to the caller
+// which of the two addresses is the local one.
+// Warning: the key's VRF must be the default VRF. Any other stops the process (assertion).
 IPSEC_EXPORT Vello::String getConnNameFromKey(const ConnectionKey& key);
 
-// Adds, replaces or removes one section of the daemon's connections file, "/etc/strongswan/ipsec.conf". The section is
-// taken out wherever it stands (the first of its name only) and the new one is appended at the end.
+// Adds, replaces or removes one section of the daemon's connections file, "/etc/strongswan/ipsec.conf". The old section
+// is removed wherever it is in the file, and the new one is appended at the end.
 //
-// What the call does:
+// These settings say what the call does. For delete, any value counts, also "no":
 //   config      the section's name; required for an ordinary section
-//   default     "%default": the call concerns the section "conn %default". Any other value names the section to take
-//               out, while the one written is named by config
-//   delete      present: take the section out, write none
-//   uniqueids   "add": put "config setup" with uniqueids=no at the top in place of the file's own; any other value:
-//               drop the file's "config setup" section; absent: keep it
+//   default     "%default": the call concerns the section "conn %default". Any other value names the section to remove,
+//               while the section that is written is named by config
+//   delete      if present: the section is removed and none is written
+//   uniqueids   "add": "config setup" with uniqueids=no is put at the top and replaces the file's own. Any other value:
+//               the file's "config setup" section is dropped. Absent: it is kept
 //
-// What an ordinary section holds; the settings with * are required:
+// An ordinary section holds these settings; those with * are required:
 //   config*            conn, the head line
-//   ikeVersion         keyexchange; pass ikev1, ikev2 or ike: the daemon refuses numbers
-//   authby             authby; an authentication type's text, that of PreSharedKey or of PublicKey
+//   ikeVersion         keyexchange; pass ikev1, ikev2 or ike, because the daemon refuses numbers
+//   authby             authby; the text of the authentication type PreSharedKey or PublicKey
 //   ikelifetime        ikelifetime in seconds; digits only, the unit is added
-//   lifetime           lifetime in seconds, likewise
+//   lifetime           lifetime in seconds; digits only, the unit is added
 //   reqid*             reqid
 //   left*              left, the local address
 //   leftsubnet         leftsubnet
-//   localid            leftid; an X.500 name needs its quotes in the value, or the daemon refuses the whole file
+//   localid            leftid; an X.500 name needs quotes inside the value, or the daemon refuses the whole file
 //   right*             right, the remote address
-//   remoteid           rightid, as localid
-//   ike, esp           proposals; end them with "!", or the daemon adds its own
-//   tunnelMode         "IpsecGre": leftprotoport=47 and rightprotoport=47; "IpsecVti": leftsubnet=0.0.0.0/0 and
-//                      rightsubnet=0.0.0.0/0, also behind a leftsubnet of the settings
+//   remoteid           rightid; quotes as for localid
+//   ike, esp           proposals; end them with "!", or the daemon adds its own proposals
+//   tunnelMode         "IpsecGre": leftprotoport=47 and rightprotoport=47. "IpsecVti": leftsubnet=0.0.0.0/0 and
+//                      rightsubnet=0.0.0.0/0, after the line of the leftsubnet setting if that is given too (the
+//                      daemon takes the last one)
 //   mark               mark
 //   action             dpdaction; then interval* is dpddelay and timeout* is dpdtimeout
-//   encap              present: forceencaps=yes
+//   encap              forceencaps=yes if present; any value counts, also "no"
 //   type               type
 //   replayWindowSize   replay_window
-//   packetLimit        lifepackets; marginpackets beside it. The daemon does not check that a margin is below its limit
-//   byteLimit          lifebytes; marginbytes beside it
+//   packetLimit        lifepackets
+//   marginpackets      marginpackets; the daemon does not check that it is below packetLimit
+//   byteLimit          lifebytes
+//   marginbytes        marginbytes; the daemon does not check that it is below byteLimit
 //   reauth             reauth
-// The default section takes authby, ikelifetime, lifetime, ikeVersion, esp, ike, packetLimit, marginpackets, byteLimit
-// and marginbytes, all optional. Without ikeVersion it says keyexchange=2, which the daemon does not take as a version:
-// give every section its own ikeVersion.
+// The default section holds authby, ikelifetime, lifetime, ikeVersion, esp, ike, packetLimit, marginpackets, byteLimit
+// and marginbytes, all optional.
 //
-// The name stands unescaped in the regular expression that finds the section ("^conn NAME$", ECMAScript): "." matches
-// any character, and a name with other metacharacters means what it means as an expression. Such a name, when it is
-// long or meets long lines, can exhaust the stack in the standard library's compiler or matcher; getConnNameFromKey
-// makes none.
+// Warning: removing a section removes every line from its head up to the next line that begins with "conn ". Comments,
+// `include` lines and `ca` sections in between belong to the removed body as well. Only the first section of the name
+// is removed; a second one stays in force.
 //
-// Throws std::regex_error for a name that is no expression or too long for one (about 100,000 characters), and
-// std::out_of_range ("_Map_base::at") for a required setting that is missing or an authby that is not one of the two
-// texts.
+// Warning: any value of uniqueids drops every line from the first one that contains "config setup", even in a comment,
+// up to the next line that begins with "conn ". `ca` sections and `include` lines in between are dropped as well.
+//
+// Warning: without ikeVersion the default section says keyexchange=2, which is not a version to the daemon. Give every
+// section its own ikeVersion.
+//
+// The expression that finds the section is "^conn NAME$": see the warning above about names in expressions.
+//
+// Throws std::regex_error for a name that is not a valid expression or is too long for one (about 100,000 characters),
+// and std::out_of_range ("_Map_base::at") for a required setting that is missing or an authby other than the two texts.
 IPSEC_EXPORT void writeConnections(stringmap settings);
 
-// Adds, replaces or removes one pre-shared key of the daemon's secrets file, "/etc/strongswan/ipsec.secrets". The first
-// entry of the peer is taken out and the new one is appended at the end.
+// Adds, replaces or removes one pre-shared key in the daemon's secrets file, "/etc/strongswan/ipsec.secrets". The first
+// entry of the peer is removed, and the new one is appended at the end.
 //
-//   peerIp      the peer's address as the daemon selects by it; required, except for the default entry
-//   secret      "%default": the call concerns the entry for any peer; other values have no effect
-//   key         the key as the file shall hold it; required unless delete is present. Quote it: the daemon cuts an
-//               unquoted key at a blank ("0x" and "0s" introduce hexadecimal and base64)
-//   delete      present: take the entry out, write none
+//   peerIp      the peer's address, by which the daemon selects the entry; required, except for the default entry
+//   secret      "%default": the call concerns the entry for any peer. Other values have no effect
+//   key         the key as it is to appear in the file; required unless delete is present
+//   delete      if present: the entry is removed and none is written; any value counts, also "no"
 //
-// The address stands unescaped in the regular expression that finds the entry ("^ADDRESS :"), as above.
+// Warning: put the key in quotes inside the value. The daemon cuts an unquoted key at the first blank ("0x" and "0s"
+// introduce hexadecimal and base64).
 //
-// Throws std::regex_error for an address that is no expression or too long for one, and std::out_of_range
+// Warning: the first entry of the peer is removed whatever its kind. An RSA entry may be removed where a pre-shared key
+// was meant.
+//
+// The expression that finds the entry is "^ADDRESS :": see the warning above about names in expressions.
+//
+// Throws std::regex_error for an address that is not a valid expression or is too long for one, and std::out_of_range
 // ("_Map_base::at") for a required setting that is missing.
 IPSEC_EXPORT void writeSecrets(stringmap entry);
 
 // --- Host control ---------------------------------------------------------------------------------------------------
 
-// Runs a program and waits for it, with no time limit. argv is null-terminated, argv[0] the program's absolute path.
-// Returns the raw wait status as waitpid gives it (0: exit code 0; exit code << 8; the signal's number), or -1 when the
-// wait failed: the program could not be started, somebody else reaped it, or a signal handler without SA_RESTART
-// interrupted the wait and the child is left for the caller to reap. errno is ECHILD in the first two cases and EINTR
-// in the third.
+// Runs a program and waits until it ends. argv is null-terminated, and argv[0] is the program's absolute path.
+// Returns the raw wait status as waitpid gives it: 0 for exit code 0, otherwise exit code << 8 or the number of the
+// signal that ended the program.
+// Returns -1 when the wait failed. Either the program could not be started or somebody else reaped it: errno is ECHILD.
+// Or a signal handler without SA_RESTART interrupted the wait: errno is EINTR, and the caller must reap the child.
+// Warning: there is no time limit. A program that does not end blocks the calling thread.
 IPSEC_EXPORT int _execCommand(const char** argv);
 
 // Load and unload the kernel's crypto modules (aes-x86_64, aesni_intel, crypto_null) with /sbin/modprobe and
-// /sbin/rmmod, one after the other. A module that cannot be loaded is not an error: only a command that could not be
-// run or waited for is reported (level 1), and the next one goes on. Need CAP_SYS_MODULE.
+// /sbin/rmmod, one after the other. Both functions need CAP_SYS_MODULE. A module that cannot be loaded or unloaded is
+// not an error. Only a command that could not be run or waited for is traced (level 1), and the next command is run all
+// the same.
 IPSEC_EXPORT void enableCryptoModules();
 IPSEC_EXPORT void disableCryptoModules();
 
-// Loads the netfilter module ipsec_flow_parallelization, in the same way; its failure is reported at level 0.
+// Loads the netfilter module ipsec_flow_parallelization in the same way, but traces a failure at level 0.
 IPSEC_EXPORT void enableFlowEncapModule();
 
-// Raises the kernel's limit of an IPsec state's replay window to 65536 packets, by writing
-// /proc/sys/net/core/xfrm_replay_esn_max. Every call traces the attempt at level 1, as a failure is traced; a host
-// without the setting, or a caller without the right, adds a second line. A value that the kernel refuses adds none.
+// Raises the kernel's limit for the replay window of an IPsec state to 65536 packets, by writing to
+// /proc/sys/net/core/xfrm_replay_esn_max. Every call traces the attempt at level 1, in the form of a failure. If the
+// host does not have the setting, or the caller may not write to it, a second line follows.
+// Warning: a value that the kernel refuses adds no line. The line of the attempt does not mean that the limit was
+// raised.
 IPSEC_EXPORT void setMaxReplayWindow();
 
-// Tells whether the IKE daemon runs: whether the process named by the first line of
-// /etc/strongswan/ipsec.d/run/charon.pid can be signalled by the caller. False for a missing, unreadable or empty file,
-// and for a process of another user that the caller may not signal. errno is kept by the conversion of the number.
-// Throws std::invalid_argument ("stoi") for a first line that does not begin with a number and std::out_of_range
-// ("stoi") for one outside the range of an int.
+// Returns whether the IKE daemon runs, which is whether the caller can send a signal to the process whose number is in
+// the first line of /etc/strongswan/ipsec.d/run/charon.pid. Returns false for a missing, unreadable or empty file.
+// Converting the number leaves errno unchanged unless it throws.
+// Throws std::invalid_argument ("stoi") for a first line that does not begin with a number, and std::out_of_range
+// ("stoi") for a number outside the range of an int.
+// Warning: returns false also for a daemon of another user that the caller may not signal. The daemon then runs, but
+// looks stopped.
+// Warning: a number of 0 or below addresses process groups, as in kill(2). For 0 the result is always true.
 IPSEC_EXPORT bool isSswanRunning();
 
-// Returns a VRF's name from the VRF status table. A damaged table's message goes to the table's corruption handler.
-// A VRF that the table does not hold, or one without a name, stops the process (assertion).
-// Throws Vello::RangeException for a stored name above 100 bytes.
+// Returns a VRF's name from the VRF status table. If the table is damaged, its message goes to its corruption handler,
+// and the VRF counts as missing from it. Throws Vello::RangeException for a stored name of more than 100 bytes.
+// Warning: a VRF that is not in the table, or one without a name, stops the process (assertion).
 IPSEC_EXPORT L3::VrfName vrfIdToName(Vrf::VrfIdMap::VrfId vrfId, const Vello::Ptr<const Vrf::VrfIdMap::Status>& status);
 
 // Returns count blanks.
 IPSEC_EXPORT std::string fillSpace(unsigned int count);
 
-// Returns the smallest multiple of 32 that is not below value; 0 for 0 and, wrapping around, above 4294967264.
+// Returns the smallest multiple of 32 that is not below value. For 0 that is 0.
+// Warning: values above 4294967264 wrap around to 0.
 IPSEC_EXPORT unsigned int roundUp(unsigned int value);
 
-// Returns "YYYY-MM-DD hh:mm:ss" in the host's time zone for a time in seconds since the epoch, the fraction dropped
-// toward zero. Empty for a time whose year does not fit an int.
+// Returns a time in seconds since the epoch as "YYYY-MM-DD hh:mm:ss" in the host's time zone. The fraction is dropped
+// (rounding toward zero). Returns an empty string for a time whose year does not fit into an int.
 IPSEC_EXPORT Cor::String secondsToTimestamp(Vello::Duration time);
 
 }  // namespace Ipsec
