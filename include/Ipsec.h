@@ -22,7 +22,8 @@
 // - A static destructor that runs after OpenSSL's clean-up may destroy these objects but must not exchange keys with
 //   them.
 //
-// "Warning:" marks what a caller can easily get wrong: first the trap, then its consequence.
+// "Warning:" marks what a caller can easily get wrong: first the trap, then its consequence. The lines below "Example:"
+// are the body of a function; those that return a bool return true. The installation's test compiles and runs them.
 //
 // Callers were compiled against the order of the virtual functions and data members: none may be added or moved.
 #pragma once
@@ -119,6 +120,12 @@ struct EncryptAlgoWithKeyLen {
 // getMyPrivateKey and setMyPrivateKey as needed; call setPeerPublicKey; call getSharedSecret as often as needed. Until
 // initIpsecDH has succeeded, the calls that come after it return false and change nothing. Objects cannot be copied:
 // they own OpenSSL handles, which the destructor clears and frees.
+//
+// Example:
+//     IpsecDHModp form(MODP_2048);
+//     IpsecDH& exchange = form;  // from here on, the same for either form
+//     ByteVector mine;
+//     return exchange.initIpsecDH() && exchange.getMyPublicKey(&mine) && mine.size() == 256;
 class IPSEC_EXPORT IpsecDH {
  public:
   // Accepts any number as the group. initIpsecDH refuses a group that the form does not support.
@@ -190,6 +197,14 @@ class IPSEC_EXPORT IpsecDH {
 //
 // Warning: for the groups 19, 20 and 21 initIpsecDH does not return false, it throws std::out_of_range
 // ("_Map_base::at"). For any other group that is not in the list above it returns false.
+//
+// Example:
+//     IpsecDHModp known(MODP_2048);
+//     const ByteVector two = {2};
+//     ByteVector three(256, 0), secret;
+//     three.back() = 3;
+//     if (!known.initIpsecDH() || !known.setMyPrivateKey(&two) || !known.setPeerPublicKey(&three)) return false;
+//     return known.getSharedSecret(&secret) && secret.size() == 256 && secret.back() == 9;  // 3^2, left-padded
 class IPSEC_EXPORT IpsecDHModp : public IpsecDH {
  public:
   explicit IpsecDHModp(DhGroupNum group);
@@ -222,6 +237,14 @@ class IPSEC_EXPORT IpsecDHModp : public IpsecDH {
 //
 // Warning: when OpenSSL cannot read or import this side's key, the call returns false and traces nothing. A caller that
 // wants a line in the log writes it itself.
+//
+// Example:
+//     IpsecDHEcp ours(ECP_384), theirs(ECP_384);
+//     ByteVector ourPublic, theirPublic, ourSecret, theirSecret;
+//     if (!ours.initIpsecDH() || !theirs.initIpsecDH()) return false;
+//     if (!ours.getMyPublicKey(&ourPublic) || !theirs.getMyPublicKey(&theirPublic)) return false;
+//     if (!ours.setPeerPublicKey(&theirPublic) || !theirs.setPeerPublicKey(&ourPublic)) return false;
+//     return ours.getSharedSecret(&ourSecret) && theirs.getSharedSecret(&theirSecret) && ourSecret == theirSecret;
 class IPSEC_EXPORT IpsecDHEcp : public IpsecDH {
  public:
   explicit IpsecDHEcp(DhGroupNum group);
@@ -243,6 +266,13 @@ class IPSEC_EXPORT IpsecDHEcp : public IpsecDH {
 // IpsecDHGeneral is one exchange for any supported group: the object that an agent creates for the group that was
 // negotiated. Call order, results, encodings and warnings are those of IpsecDH. Each call is passed on to the form that
 // fits the group, and the form traces why it failed.
+//
+// Example:
+//     IpsecDHGeneral exchange(ECP_256);
+//     ByteVector mine, secret;
+//     if (!exchange.initIpsecDH() || !exchange.getMyPublicKey(&mine)) return false;
+//     const ByteVector theirs = exchangeKePayloads(ECP_256, mine);  // the agent's own: sends mine, receives the peer's
+//     return exchange.setPeerPublicKey(&theirs) && exchange.getSharedSecret(&secret) && secret.size() == 32;
 class IPSEC_EXPORT IpsecDHGeneral {
  public:
   explicit IpsecDHGeneral(DhGroupNum group);
@@ -287,6 +317,13 @@ IPSEC_EXPORT void cleanupKeyGenLib();
 
 // NonceGenerator draws the random nonces of an exchange (RFC 7296 section 2.10: 16 to 256 bytes, and at least half the
 // key size of the PRF) and joins the two. Several threads may use one generator at once.
+//
+// Example:
+//     NonceGenerator generator;
+//     ByteVector ni, nonces;
+//     if (RAND_status() != 1 || !generator.generateNonce(&ni)) return false;  // RAND_status: <openssl/rand.h>
+//     const ByteVector nr = exchangeNoncePayloads(ni);                        // the agent's own, as above
+//     return generator.generateFullNonce(&nonces, &ni, &nr) && nonces.size() == 64;
 class IPSEC_EXPORT NonceGenerator {
  public:
   NonceGenerator();  // draws nonces of 32 bytes
@@ -310,6 +347,15 @@ class IPSEC_EXPORT NonceGenerator {
 };
 
 // PRFunc is a keyed pseudo-random function whose input is given in pieces. PRFuncPlus draws its stream from one.
+//
+// Example:
+//     const ByteVector key(20, 0x0b), head = {'H', 'i', ' '}, rest = {'T', 'h', 'e', 'r', 'e'};
+//     HmacPRFunc hmac;
+//     PRFunc& prf = hmac;
+//     ByteVector mac;
+//     if (!hmac.initHmacPRFunc(HASH_SHA256) || !prf.setKey(&key)) return false;
+//     // The MAC of "Hi There", as in RFC 4231 section 4.2:
+//     return prf.generatePRStream(&head, nullptr) && prf.generatePRStream(&rest, &mac) && mac.front() == 0xb0;
 class IPSEC_EXPORT PRFunc {
  public:
   // Absorbs input. With a null output, that is all, and the computation stays open for more input. Otherwise finishes
@@ -337,6 +383,13 @@ class IPSEC_EXPORT PRFunc {
 // Warning: the object borrows the key vector and reads its bytes again after every output. If the vector is changed,
 // later computations use the new bytes; if it is destroyed, the object reads freed memory. Keep the vector alive and
 // unchanged as long as the object computes.
+//
+// Example:
+//     const ByteVector nonces(64, 0x01), secret(256, 0x02);  // Ni | Nr and g^ir; nonces outlives prf
+//     HmacPRFunc prf;
+//     ByteVector skeyseed;
+//     if (!prf.initHmacPRFunc(HASH_SHA256) || !prf.setKey(&nonces)) return false;
+//     return prf.generatePRStream(&secret, &skeyseed) && skeyseed.size() == prf.getOutputSize();
 class IPSEC_EXPORT HmacPRFunc : public PRFunc {
  public:
   HmacPRFunc();
@@ -377,6 +430,15 @@ class IPSEC_EXPORT HmacPRFunc : public PRFunc {
 //
 // Warning: the object borrows the PRFunc, which must already have its key and must outlive the object. Between the
 // first call and the last nobody else may use or re-key it, or the stream is no longer prf+.
+//
+// Example:
+//     const ByteVector skeyseed(32, 0x01), seed(80, 0x02);  // the seed is Ni | Nr | SPIi | SPIr
+//     HmacPRFunc prf;
+//     ByteVector skD, skAi;
+//     if (!prf.initHmacPRFunc(HASH_SHA256) || !prf.setKey(&skeyseed)) return false;
+//     PRFuncPlus stream(&prf, true);
+//     if (!stream.initPRFuncPlus(&seed) || !stream.generatePRStream(prf.getKeySize(), &skD)) return false;
+//     return stream.generatePRStream(getIntegKeyLen(AUTH_HMAC_SHA2_256_128), &skAi) && skAi.size() == 32;
 class IPSEC_EXPORT PRFuncPlus {
  public:
   PRFuncPlus(PRFunc* prf, bool counterEnabled);
@@ -412,6 +474,10 @@ class IPSEC_EXPORT PRFuncPlus {
 // Throws std::out_of_range ("_Map_base::at") for any other transform that is given without a key length.
 // Warning: for AES-GCM with an ICV of 12 bytes the salt is not counted. The caller must draw 4 bytes more, or the two
 // sides read different keys from the stream.
+//
+// Example:
+//     const EncryptAlgoWithKeyLen negotiated = {ENCR_AES_GCM_16, 256};
+//     return getEncryptKeyLen(negotiated) == 36;  // 32 bytes of key, 4 of salt
 IPSEC_EXPORT std::size_t getEncryptKeyLen(EncryptAlgoWithKeyLen algo);
 
 // Returns the key length of an integrity transform in bytes. Throws std::out_of_range ("_Map_base::at") for a transform
@@ -462,6 +528,11 @@ using stringmap = std::unordered_map<Vello::String, Vello::String>;
 // the connection number in decimal, joined by hyphens ("default-10.0.0.1-10.0.0.2-local-7"). It is up to the caller
 // which of the two addresses is the local one.
 // Warning: the key's VRF must be the default VRF. Any other stops the process (assertion).
+//
+// Example:
+//     const Ipnet::IpGenAddr ours("10.0.0.1"), theirs("10.0.0.2");
+//     const ConnectionKey key(Vrf::VrfIdMap::VrfId::defaultVrf(), 7, ConnIdSrc::Local, ours, theirs);
+//     return getConnNameFromKey(key) == "default-10.0.0.1-10.0.0.2-local-7";
 IPSEC_EXPORT Vello::String getConnNameFromKey(const ConnectionKey& key);
 
 // Adds, replaces or removes one section of the daemon's connections file, "/etc/strongswan/ipsec.conf". The old section
@@ -518,6 +589,14 @@ IPSEC_EXPORT Vello::String getConnNameFromKey(const ConnectionKey& key);
 //
 // Throws std::regex_error for a name that is not a valid expression or is too long for one (about 100,000 characters),
 // and std::out_of_range ("_Map_base::at") for a required setting that is missing or an authby other than the two texts.
+//
+// Example:
+//     stringmap settings = {{"config", "default-10.0.0.1-10.0.0.2-local-7"}, {"ikeVersion", "ikev2"}, {"reqid", "7"}};
+//     settings["authby"] = Ike::stringValue(Ike::IpsecAuthType::PreSharedKey);
+//     settings["left"] = "10.0.0.1";
+//     settings["right"] = "10.0.0.2";
+//     settings["ike"] = "aes256-sha256-modp2048!";
+//     writeConnections(settings);
 IPSEC_EXPORT void writeConnections(stringmap settings);
 
 // Adds, replaces or removes one pre-shared key in the daemon's secrets file, "/etc/strongswan/ipsec.secrets". The first
@@ -538,6 +617,11 @@ IPSEC_EXPORT void writeConnections(stringmap settings);
 //
 // Throws std::regex_error for an address that is not a valid expression or is too long for one, and std::out_of_range
 // ("_Map_base::at") for a required setting that is missing.
+//
+// Example:
+//     const mode_t before = umask(077);  // <sys/stat.h>
+//     writeSecrets({{"peerIp", "10.0.0.2"}, {"key", "\"a secret\""}});
+//     umask(before);
 IPSEC_EXPORT void writeSecrets(stringmap entry);
 
 // --- Host control ---------------------------------------------------------------------------------------------------

@@ -1,4 +1,4 @@
-// Uses every family of the public interface once, in C++17, with nothing but the public header.
+// Uses each part of the public interface once, in C++17, with nothing but the public header.
 #include "Ipsec.h"
 
 #include <array>
@@ -25,7 +25,7 @@ ByteVector bytesOf(const std::string& text) {
   return ByteVector(text.begin(), text.end());
 }
 
-// A pseudo-random function of the consumer's own, and a bad one: the sum of the key and all input, as one byte.
+// The consumer's own pseudo-random function, and a bad one: the sum of the key and all input, as one byte.
 class SumPRFunc : public Ipsec::PRFunc {
  public:
   bool generatePRStream(const ByteVector* input, ByteVector* output) override {
@@ -159,7 +159,7 @@ void useNamesAndFormatting() {
   check("stringmap", settings.find(Vello::String("config")) != settings.end());
 }
 
-// These change the host: they are linked, and called by nobody here.
+// These change the host. They are only linked here, and never called.
 void linkHostControl() {
   using Function = void (*)();
   const std::array<Function, 9> functions = {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs a build into a folder of its own and builds a program against what is there: run.sh BUILD.
-# C++17 and C++20, g++ and clang++, CMake and pkg-config; every warning counts, those in the installed headers too.
+# C++17 and C++20, g++ and clang++, CMake and pkg-config. Every warning counts, including those in the installed headers.
+# The examples in the comments of Ipsec.h are compiled and run too.
 set -uo pipefail
 cd "$(dirname "$(readlink -f "$0")")" || exit 1
 
@@ -16,7 +17,7 @@ warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werro
 passed=0
 failed=0
 
-# expect TEXT COMMAND...: counts, and shows what a failed command printed.
+# expect TEXT COMMAND...: counts the result, and shows what a failed command printed.
 expect() {
   local text=$1
   shift
@@ -30,7 +31,7 @@ expect() {
   return 1
 }
 
-# The consumer's user has no business with the project's own folders.
+# The package must be found in the installed tree and not in the project's own folders.
 with_cmake() {
   local folder=$work/cmake-$1-$2
   cmake -G Ninja -S . -B "$folder" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$1" -DCMAKE_CXX_STANDARD="$2" \
@@ -42,7 +43,7 @@ with_cmake() {
 with_pkg_config() {
   local flags
   flags=$(pkg-config --cflags --libs ipsechelpers) || return 1
-  [[ $flags == *"-I$prefix/"* && $flags == *"-L$prefix/"* ]] || { echo "flags of another place: $flags"; return 1; }
+  [[ $flags == *"-I$prefix/"* && $flags == *"-L$prefix/"* ]] || { echo "flags of another installation: $flags"; return 1; }
   # shellcheck disable=SC2086  # the flags are words
   "$1" -std=c++"$2" -pedantic-errors "${warnings[@]}" main.cpp -o "$work/consumer" $flags &&
     LD_LIBRARY_PATH=$libraries "$work/consumer"
@@ -55,7 +56,23 @@ alone() {
   "$1" -std=c++"$2" "${warnings[@]}" -I"$3" -fsyntax-only "$work/alone.cpp" $(pkg-config --cflags-only-I libcrypto)
 }
 
-# A header that casts in the old style must not get through, or the checks above prove nothing.
+# header_examples COMPILER STANDARD HEADER
+header_examples() {
+  local flags
+  flags=$(pkg-config --cflags --libs ipsechelpers) && python3 examples.py "$3" >"$work/examples.inc" || return 1
+  # shellcheck disable=SC2086  # the flags are words
+  "$1" -std=c++"$2" "${warnings[@]}" -I"$work" examples.cpp -o "$work/examples" $flags &&
+    LD_LIBRARY_PATH=$libraries "$work/examples"
+}
+
+# broken_example COMPILER EDIT MESSAGE: with a header that is broken by the edit, the check of the examples must fail with
+# the message, or its success proves nothing.
+broken_example() {
+  sed "$2" "$include/Ipsec.h" >"$work/broken.h"
+  ! header_examples "$1" 17 "$work/broken.h" && grep -q "$3" "$work/log"
+}
+
+# A header that casts in the old style must be refused, or the checks above prove nothing.
 warning_is_seen() {
   rm -rf "$work/spoilt"
   cp -r "$include" "$work/spoilt"
@@ -63,7 +80,7 @@ warning_is_seen() {
   ! alone "$1" "$2" "$work/spoilt" Ipsec.h && grep -q 'old-style' "$work/log"
 }
 
-# The example is told where to find a library in the same way.
+# The example finds the library by the same prefix.
 example() {
   cmake -G Ninja -S ../../examples/exchange -B "$work/example" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug &&
     cmake --build "$work/example" && "$work/example/exchange-demo" --group 19
@@ -79,7 +96,14 @@ check_compiler() {
       expect "$text: $header alone" alone "$compiler" "$standard" "$include" "$header"
     done
     expect "$text: a warning in a header is an error" warning_is_seen "$compiler" "$standard"
+    expect "$text: the examples of Ipsec.h" header_examples "$compiler" "$standard" "$include/Ipsec.h"
   done
+  expect "$compiler: an example that does not compile is an error" broken_example "$compiler" \
+    's|^//     NonceGenerator |//     NoSuchGenerator |' 'Ipsec.h:[0-9]*:.*NoSuchGenerator'
+  expect "$compiler: an example that does not hold is an error" broken_example "$compiler" \
+    's|^//\(     .*\) == 36;|//\1 == 37;|' 'the example of getEncryptKeyLen in Ipsec.h does not hold'
+  expect "$compiler: a class without an example is an error" broken_example "$compiler" \
+    '\|^// Example:$|d' 'class IpsecDH has no example'
 }
 
 if ! expect 'cmake --install' cmake --install "$build" --prefix "$prefix"; then
@@ -106,7 +130,7 @@ for compiler in g++ clang++; do
   fi
 done
 if [ "$skipped" -ne 0 ] && [ -n "${CI:-}" ]; then
-  echo "FAILED: CI is set, and there nothing may be skipped." >&2
+  echo "FAILED: CI is set, and nothing may be skipped there." >&2
   failed=$((failed + skipped))
 fi
 echo "$passed passed, $failed failed"
