@@ -1,4 +1,4 @@
-// Types the agents share, and their text forms.
+// Types that the agents share, and their text forms.
 #pragma once
 
 #include "platform/Framework.h"
@@ -12,7 +12,8 @@
 
 namespace Ipnet {
 
-// An IPv4 or IPv6 address, or none. 16 address bytes in network order (IPv4 in the first four) and a family byte.
+// An IPv4 or IPv6 address, or no address. It consists of 16 address bytes in network order (an IPv4 address is in the
+// first four) and a family byte.
 class IpGenAddr {
  public:
   enum class Family : std::uint8_t { Unset = 0, Ipv4 = 4, Ipv6 = 6 };
@@ -35,20 +36,20 @@ class IpGenAddr {
   Family addressFamily = Family::Unset;
 };
 
-// Writes the address as inet_ntop does: dotted quad or colon form; "unset" for none.
+// Writes the address as inet_ntop does, as a dotted quad or in the colon form. Writes "unset" for no address.
 std::ostream& operator<<(std::ostream& out, const IpGenAddr& address);
 
 }  // namespace Ipnet
 
 namespace Ipsec {
 
-// Who allocated a connection's number.
+// The side that allocated a connection's number.
 enum class ConnIdSrc : std::uint8_t {
   Local = 0,
   Remote = 1,
 };
 
-// Writes "local" or "remote"; for any other value "unknown(2)" with its number.
+// Writes "local" or "remote". For any other value writes "unknown(N)" with the value's number.
 std::ostream& operator<<(std::ostream& out, const ConnIdSrc& source);
 
 // The key of one IPsec connection.
@@ -74,7 +75,7 @@ class ConnectionKey {
 
 namespace Ike {
 
-// How an IKE peer proves who it is.
+// How an IKE peer proves its identity.
 enum class IpsecAuthType : std::uint32_t {
   PreSharedKey = 0,
   RsaSignature = 1,
@@ -82,7 +83,7 @@ enum class IpsecAuthType : std::uint32_t {
   PublicKey = 3,
 };
 
-// Returns the type's text: "pre-share", "rsa-sig", "ecdsa-sig", "pki"; "unknown" for any other value.
+// Returns the type's text: "pre-share", "rsa-sig", "ecdsa-sig" or "pki". Returns "unknown" for any other value.
 Vello::String stringValue(IpsecAuthType type);
 
 }  // namespace Ike

@@ -1,7 +1,7 @@
 // Framework types: strings, streams, regular expressions, durations, shared handles.
 //
-// The agents' framework supplies these in the product. This header is the whole of what the library asks of them; it
-// is header-only apart from Cor::_fmt, so that no framework string ever depends on the platform library's version.
+// In a product the agents' framework supplies these types. This header is everything that the library needs of them. It
+// is header-only except for Cor::_fmt, so that no framework string depends on the version of the platform library.
 #pragma once
 
 #include <cstddef>
@@ -19,19 +19,19 @@
 
 namespace Vello {
 
-// Raised when a value does not fit a type with a fixed limit.
+// Thrown when a value does not fit into a type with a fixed limit.
 class RangeException : public std::range_error {
  public:
   using std::range_error::range_error;
 };
 
-// Raised when shared memory does not hold what its writer must have put there.
+// Thrown when shared memory does not hold what its writer must have put there.
 class CorruptionDetectedException : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// The framework's string: a value type over bytes, with no encoding and NUL allowed inside.
+// The framework's string: a value type that holds bytes. It has no encoding, and NUL is allowed inside.
 class String {
  public:
   String() = default;
@@ -60,7 +60,7 @@ class String {
   std::string bytes;
 };
 
-// A string stream whose text comes back as the framework's string.
+// A string stream whose str() returns the framework's string.
 class OStringStream : public std::ostringstream {
  public:
   String str() const { return {std::ostringstream::str()}; }
@@ -82,12 +82,12 @@ using Ptr = std::shared_ptr<T>;
 
 namespace Regex {
 
-// Returns the compiled expression. Throws std::regex_error for text that is not an expression of the given syntax.
+// Returns the compiled expression. Throws std::regex_error for a text that is not an expression of the given syntax.
 inline std::regex compile(std::string_view expression, std::regex_constants::syntax_option_type syntax) {
   return {expression.data(), expression.size(), syntax};
 }
 
-// Tells whether the text contains a match. An expression that was never compiled matches nothing.
+// Returns whether the text contains a match. An expression that was never compiled matches nothing.
 inline bool search(std::string_view text, const std::regex& expression,
                    std::regex_constants::match_flag_type flags = std::regex_constants::match_default) {
   return std::regex_search(text.begin(), text.end(), expression, flags);

@@ -1,4 +1,4 @@
-// Registered log messages: texts an operator sees, listed in one place and sent to syslog when emitted.
+// Registered log messages: texts for the operator. All of them can be listed, and one that is emitted goes to syslog.
 #pragma once
 
 #include "platform/Framework.h"
@@ -11,7 +11,8 @@
 
 namespace Cor {
 
-// A message's texts. All are borrowed: pass literals. The format is printf's; level is syslog's (4 = warning).
+// A message's texts. All are borrowed and must live as long as the handle: pass literals. The format is that of printf;
+// the level is that of syslog (4 = warning).
 struct LogMessage {
   const char* key;
   const char* format;
@@ -20,13 +21,13 @@ struct LogMessage {
   unsigned level;
 };
 
-// Registers a message for as long as the handle lives. Make one static handle per message and source file; a message
-// registered by several files is listed once per handle. When memory is exhausted the message is not listed.
+// Registers a message as long as the handle lives. Create one static handle per message and source file; a message that
+// several files register is listed once per handle. If memory is exhausted, the message is not listed.
 //
-// share: the fraction of emissions that is let through, 0.0 to 1.0, evenly spread; the first is among them.
-// interval: least time in seconds between two emissions; 0 lets every emission through.
-// burst: so many emissions at the start are let through without regard to the interval.
-// limit: most emissions in the handle's life; 0 is no limit.
+// interval: the least time in seconds between two messages that are sent; 0 means no waiting.
+// share: the fraction of emissions that are let through, 0.0 to 1.0, evenly spread and beginning with the first.
+// burst: the number of messages at the start that are sent without regard to the interval.
+// limit: the greatest number of messages that are sent in the handle's life; 0 means no limit.
 class LogHandle {
  public:
   LogHandle(const LogMessage& message, Vello::Duration interval, double share, unsigned burst, unsigned limit) noexcept;
@@ -34,9 +35,11 @@ class LogHandle {
   LogHandle(const LogHandle&) = delete;
   LogHandle& operator=(const LogHandle&) = delete;
 
-  // Formats the message's text with the values, which must be what its format asks for, and sends "KEY: text" to
-  // syslog. Returns whether it was sent (false: held back by share, interval or limit, or out of memory). Never throws.
-  // Any thread may call it.
+  // Formats the message's text with the values and sends "KEY: text" to syslog. Returns whether it was sent; false
+  // means that share, interval or limit held it back, or that memory is exhausted. Never throws. Any thread may call
+  // it.
+  // Warning: the values must have the types that the format asks for. The compiler does not check them, and a wrong one
+  // is undefined behaviour, as with printf.
   template <class... Values>
   bool emit(Values... values) noexcept {
     return send(registered.format, values...);
@@ -44,7 +47,7 @@ class LogHandle {
 
   const LogMessage& message() const noexcept { return registered; }
 
-  // Returns all messages registered in the process now, in order of registration.
+  // Returns all messages that are registered in the process at this moment, in the order of registration.
   static std::vector<LogMessage> registeredMessages();
 
  private:
@@ -58,7 +61,7 @@ class LogHandle {
   const double sharePassed;
   const unsigned burstSize;
   const unsigned mostSent;
-  std::mutex lock;  // guards what follows
+  std::mutex lock;  // guards the members below
   double wanted = 0;
   unsigned sent = 0;
   Clock::time_point lastSent;

@@ -1,4 +1,4 @@
-// Process runner: starts a program from an argument vector.
+// The process runner: starts a program with an argument vector.
 #pragma once
 
 #include "platform/Framework.h"
@@ -9,11 +9,12 @@
 
 namespace Cor {
 
-// A child that was started. The handle does not wait for the child and does not end it; the owner of the handle reaps
-// the child with waitpid.
+// A child process that was started. The handle neither waits for the child nor ends it: its owner reaps the child with
+// waitpid.
 class Process {
  public:
-  // The number of a process that can never exist (the kernel's are below 2^22). Waiting for it fails with ECHILD.
+  // The number of a process that can never exist, because the kernel's numbers are below 2^22. Waiting for it fails
+  // with ECHILD.
   static constexpr pid_t notStarted = 0x7FFFFFFF;
 
   Process() = default;
@@ -28,14 +29,22 @@ class Process {
   pid_t child = notStarted;
 };
 
-// Starts argv[0], an absolute path, with argv (null-terminated) as its arguments and the caller's environment.
-// input, output, error: descriptors that become the child's standard input, output and error; -1 inherits the caller's,
-// which is closed in the child if it is close-on-exec. Other descriptors without close-on-exec are inherited too.
-// processGroup: -1 leaves the child in the caller's process group, 0 makes it the leader of a group of its own, a
-// number above 0 joins that group.
-// The child starts with no signal blocked, and with none ignored but what the caller ignores itself and the C library's
-// own two. A program that cannot be started, and one asked into a process group below -1, gives a handle whose pid() is
-// Process::notStarted; errno tells why. Throws std::bad_alloc only, and then there is no child. Any thread may call it.
+// Starts the program argv[0], an absolute path, with argv (null-terminated) as its arguments and with the caller's
+// environment. Any thread may call it.
+//
+// input, output, error: descriptors that become the child's standard input, output and error. -1 passes on the caller's
+// own, unless it is close-on-exec: the child then has none. The child also inherits every other descriptor that is not
+// close-on-exec.
+// processGroup: -1 leaves the child in the caller's process group, 0 makes it the leader of a new group, and a number
+// above 0 puts it into that group.
+//
+// The child starts with no signal blocked. It ignores the signals that the caller ignores, and two that the C library
+// keeps for itself, but no others.
+//
+// If the program cannot be started, or the process group is below -1, returns a handle whose pid() is
+// Process::notStarted, and errno has the reason. Throws only std::bad_alloc, and then there is no child.
+// Warning: waitpid for notStarted fails with ECHILD, which looks as if somebody else had reaped the child. Look at
+// pid() to tell the two apart.
 Vello::Ptr<Process> run(const char* const* argv, int input, int output, int error, int processGroup);
 
 }  // namespace Cor

@@ -1,4 +1,4 @@
-// VRF status: which VRFs exist and what they are called, published by one process in shared memory for all others.
+// VRF status: which VRFs exist and what their names are. One process publishes this in shared memory for all others.
 #pragma once
 
 #include "platform/Framework.h"
@@ -67,16 +67,15 @@ class VrfIdMap {
     std::uint32_t number = 0;
   };
 
-  // One VRF as the table tells it: a number and at most 101 bytes of name.
+  // One VRF as the table holds it: a number and at most 101 bytes of name.
   class VrfEntry {
    public:
     static constexpr std::size_t maxNameLength = 101;
 
-    // The entry of a VRF that is only a number. VrfEntry(VrfId::none()) is what a table answers for a number that it
-    // does not hold.
+    // The entry of a VRF without a name. A table returns VrfEntry(VrfId::none()) for a number that it does not hold.
     explicit VrfEntry(VrfId id) noexcept : number(id) {}
 
-    // Throws Vello::RangeException for a name above 101 bytes.
+    // Throws Vello::RangeException for a name of more than 101 bytes.
     VrfEntry(VrfId id, std::string_view name);
 
     VrfId vrfId() const noexcept { return number; }
@@ -96,58 +95,63 @@ class VrfIdMap {
   class Status;
 };
 
-// The VRF status table, a named POSIX shared-memory segment. One process creates it and writes; any number of others
-// open it and read, without a lock: each entry has a sequence counter and a checksum, and a reader that meets a write
-// in progress looks again a bounded number of times (for some tens of milliseconds). A writer that died in the middle
-// of an entry leaves that entry damaged, which a reader reports; it never stops a reader.
+// The VRF status table, a named POSIX shared-memory segment. One process creates it and writes to it. Any number of
+// other processes open it and read, without a lock: each entry has a sequence counter and a checksum. A reader that
+// meets an entry while it is being written looks again a limited number of times, for some tens of milliseconds. A
+// writer that died half-way through an entry leaves that entry damaged. A reader reports the damage, and never waits
+// for longer than that.
 //
-// A damaged entry stays so until a writer sets or erases the VRF that it names; one that was being added or removed
-// when its writer died is finished as missing by the next create(). An entry whose number is damaged is got rid of only
-// with the segment: remove it, create it anew.
+// A damaged entry stays damaged until a writer sets or erases the VRF that it names. If the entry was being added or
+// removed when its writer died, the next create() completes it as a missing one. If the damage is in an entry's number,
+// only a new segment helps: remove the old one and create it again.
 //
-// One thread of the writer writes at a time. Reading needs nothing of the kind.
+// Only one thread of the writing process may write at a time. Reading has no such limit.
 class VrfIdMap::Status {
  public:
   using CorruptionHandler = std::function<void(const char* message)>;
 
-  // Most VRFs that a table holds.
+  // The greatest number of VRFs in one table.
   static constexpr std::size_t capacity = 1024;
 
-  // Creates the segment ("/name", as shm_open takes it), or takes over one that exists, and becomes its writer. What an
-  // earlier writer left is kept, damaged entries included. Throws std::system_error, also when what exists is no
-  // VRF status table (std::errc::file_exists).
+  // Creates the segment, or takes over an existing one, and becomes its writer. The name has the form "/name", as for
+  // shm_open. The entries of an earlier writer are kept, including damaged ones. Throws std::system_error, with
+  // std::errc::file_exists if something exists under the name that is not a VRF status table.
   static Vello::Ptr<Status> create(const char* name);
 
-  // Opens an existing segment for reading. Nobody may shrink a segment that is open, which would stop its readers with
-  // SIGBUS: remove it and create it anew. Its mode is 0644, cut by the writer's umask. Throws std::system_error when
-  // there is none, and Vello::CorruptionDetectedException when it is no VRF status table or of another size.
+  // Opens an existing segment for reading. The segment's mode is 0644, reduced by the writer's umask. Throws
+  // std::system_error when there is no segment, and Vello::CorruptionDetectedException when it is not a VRF status
+  // table or has another size.
+  // Warning: nobody may shrink a segment that is open, or SIGBUS stops its readers. Remove it and create a new one
+  // instead.
   static Vello::Ptr<const Status> open(const char* name);
 
-  // Removes the segment's name. Processes that have it open keep it.
+  // Removes the segment's name. Processes that have the segment open keep it.
   static void remove(const char* name) noexcept;
 
   Status(const Status&) = delete;
   Status& operator=(const Status&) = delete;
 
-  // Adds or replaces one VRF. Writer only. Throws std::length_error when the table is full.
+  // Adds or replaces one VRF. For the writer only. Throws std::length_error when the table is full.
   void set(const VrfEntry& entry);
 
-  // Removes one VRF, if it is there. Writer only.
+  // Removes one VRF, if the table holds it. For the writer only.
   void erase(VrfId id);
 
   // Returns the VRF's entry, or defaultEntry() for a number that the table does not hold. Throws
-  // Vello::CorruptionDetectedException when the entry is damaged, or when the number is not found and any entry is
-  // damaged, since that may be the one; and Vello::RangeException when the entry's stored name is longer than an entry
-  // holds.
+  // Vello::CorruptionDetectedException when the entry is damaged, and also when the number is not found while any entry
+  // is damaged, because the damaged one may be the one that was asked for. Throws Vello::RangeException when the stored
+  // name is longer than an entry can hold.
   VrfEntry vrfEntry(VrfId id) const;
 
-  // Returns the entry that stands for every number the table does not hold: VrfEntry(VrfId::none()).
+  // Returns the entry that stands for every number that the table does not hold: VrfEntry(VrfId::none()).
   VrfEntry defaultEntry() const noexcept { return VrfEntry(VrfId::none()); }
 
-  // What a reader does with a damaged table's message. From the start it is written to standard error.
+  // Returns the function to which a reader gives the message about a damaged table. At the start it is one that writes
+  // to standard error.
   const CorruptionHandler& corruptionHandler() const noexcept { return handler; }
 
-  // Exchanges it for another, which may not be empty. Do so before another thread may use the table.
+  // Installs another function, which may not be empty.
+  // Warning: call this before other threads use the table. The exchange is not protected against their calls.
   void setCorruptionHandler(CorruptionHandler newHandler) { handler = std::move(newHandler); }
 
  private:
