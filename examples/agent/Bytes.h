@@ -1,4 +1,4 @@
-// Reading and appending big-endian fields, and bytes that are cleared when they go.
+// Reading and appending big-endian fields, and bytes that are cleared when they are destroyed.
 #pragma once
 
 #include "Ipsec.h"
@@ -16,14 +16,14 @@ namespace Agent {
 using Ipsec::ByteVector;
 using ByteView = std::span<const unsigned char>;
 
-// Raised when input from the network does not have the form it must have.
+// Thrown when input from the network does not have the required form.
 class Malformed : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// ByteReader walks over input that nobody vouches for: every step is checked, and one too far throws Malformed. It
-// borrows the bytes.
+// ByteReader reads input that cannot be trusted, from front to back. Every step is checked, and a step beyond the end
+// throws Malformed. It borrows the bytes.
 class ByteReader {
  public:
   explicit ByteReader(ByteView input) : rest(input) {}
@@ -33,7 +33,7 @@ class ByteReader {
 
   ByteView take(std::size_t count) {
     if (count > rest.size()) {
-      throw Malformed("a field reaches beyond the end");
+      throw Malformed("a field extends beyond the end");
     }
     const ByteView taken = rest.first(count);
     rest = rest.subspan(count);
@@ -58,7 +58,7 @@ class ByteReader {
   ByteView rest;
 };
 
-// ByteWriter appends fields to a vector; finish() hands it over.
+// ByteWriter appends fields to a vector. finish() gives the vector to the caller.
 class ByteWriter {
  public:
   ByteWriter& u8(std::uint64_t value) { return number(value, 1); }
@@ -95,8 +95,8 @@ inline ByteVector concat(std::initializer_list<ByteView> parts) {
   return out.finish();
 }
 
-// Secret holds key material and clears it when it goes. It is moved, not copied, so that there is one copy to clear.
-// Fill it through the vector that bytes refers to before anybody reads it; do not let it grow afterwards.
+// Secret holds key material and clears it when it is destroyed. It can be moved but not copied, so that there is only
+// one copy to clear. Fill the vector bytes before anybody reads it, and do not let it grow afterwards.
 class Secret {
  public:
   Secret() = default;

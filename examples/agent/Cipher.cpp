@@ -49,7 +49,7 @@ const EVP_CIPHER* cipherOf(const Ipsec::EncryptAlgoWithKeyLen& algo) {
 }
 
 int toInt(std::size_t size) {
-  require(size <= 0xFFFF, "taking a packet of this size");
+  require(size <= 0xFFFF, "accepting a packet of this size");
   return static_cast<int>(size);
 }
 
@@ -64,12 +64,12 @@ CipherContext startCipher(Direction direction, const EVP_CIPHER* cipher, ByteVie
   return context;
 }
 
-// Feeds what is authenticated but not encrypted, then turns input into output of the same length.
+// Gives the cipher what is authenticated but not encrypted, then turns input into output of the same length.
 ByteVector gcmUpdate(EVP_CIPHER_CTX* context, ByteView front, ByteView input) {
   int written = 0;
   require(EVP_CipherUpdate(context, nullptr, &written, front.data(), toInt(front.size())) == 1, "authenticating");
   ByteVector output(input.size());
-  // A null input would end the computation.
+  // A null input would finish the computation.
   if (!input.empty()) {
     require(EVP_CipherUpdate(context, output.data(), &written, input.data(), toInt(input.size())) == 1, "encrypting");
   }

@@ -9,14 +9,14 @@
 
 namespace Agent {
 
-// Sealer protects one direction. IKE's Encrypted payload and ESP have the same shape, so one class serves both: what
-// stands in front is authenticated, then come the IV, the ciphertext and the integrity check value.
+// Sealer protects one direction. IKE's Encrypted payload and ESP have the same structure, so one class serves both. The
+// bytes in front are authenticated only; the IV, the ciphertext and the integrity check value follow.
 class Sealer {
  public:
   Sealer() = default;
   Sealer(const Protection& chosen, DirectionKeys directionKeys) : protection(chosen), keys(std::move(directionKeys)) {}
 
-  // Returns how long seal's result is for a plaintext of this length.
+  // Returns the length of seal's result for a plaintext of this length.
   std::size_t sealedSize(std::size_t plaintextSize) const {
     return protection.ivLen() + plaintextSize + protection.icvLen();
   }
@@ -24,7 +24,7 @@ class Sealer {
   // Returns IV | ciphertext | ICV. The plaintext's length is a multiple of the block size.
   ByteVector seal(ByteView front, ByteView plaintext);
 
-  // Returns the plaintext, or nothing when the packet was not made with these keys.
+  // Returns the plaintext, or nothing when the packet was not protected with these keys.
   std::optional<ByteVector> open(ByteView front, ByteView sealedBytes) const;
 
   const Protection& transforms() const noexcept { return protection; }
@@ -39,7 +39,7 @@ class Sealer {
   std::uint64_t sealed = 0;  // packets so far: the GCM IV, which must never repeat under one key
 };
 
-// Encrypts or decrypts whole blocks in CBC mode, without padding: IKEv1's messages are nothing more.
+// Encrypts or decrypts whole blocks in CBC mode without padding, which is all that IKEv1's messages need.
 enum class Direction { Encrypt, Decrypt };
 ByteVector cbc(Direction direction, const Ipsec::EncryptAlgoWithKeyLen& algo, const ByteVector& key, ByteView iv,
                ByteView blocks);

@@ -54,7 +54,8 @@ std::size_t ipHeaderSize(ByteView packet) {
   return packet[0] >> 4 == 4 ? ipv4HeaderSize : ipv6HeaderSize;
 }
 
-// Returns the plaintext with its padding and trailer (RFC 4303 section 2.4): 1, 2, 3, ..., the count, what is inside.
+// Returns the plaintext with its padding and trailer (RFC 4303 section 2.4): the bytes 1, 2, 3, ..., their count, and
+// the type of what is inside.
 ByteVector padded(ByteView ipPacket, std::size_t blockSize, std::uint8_t inside) {
   const std::size_t align = std::max<std::size_t>(blockSize, 4);
   const std::size_t count = (align - (ipPacket.size() + 2) % align) % align;
@@ -82,7 +83,7 @@ std::optional<ByteVector> ChildSa::decapsulate(ByteView espPacket) {
   ByteReader reader(espPacket);
   const std::uint32_t spi = reader.u32();
   const std::uint32_t number = reader.u32();
-  // A receiver of much traffic has a window; for single packets it is enough that numbers grow.
+  // A receiver of much traffic needs a replay window. For single packets it is enough that the numbers increase.
   if (spi != spiIn || number <= lastReceived) {
     return std::nullopt;
   }
@@ -139,7 +140,8 @@ std::optional<std::chrono::microseconds> echo(const Link& link, ChildSa& child, 
                                               const std::function<void()>& beforeRetry) {
   using Clock = std::chrono::steady_clock;
   const std::uint16_t identifier = ByteReader(randomBytes(2)).u16();
-  // The first request may overtake what the peer needs to take it (IKEv1's last message), so the first wait is short.
+  // The first request may overtake IKEv1's last message, without which the peer cannot accept it: the first wait is
+  // short.
   std::chrono::milliseconds patience{20};
   std::uint16_t number = 0;
   for (; patience <= link.settings().timeout; patience *= 2) {

@@ -25,7 +25,8 @@ class ChildSa {
   // Returns the ESP packet that carries an IP packet.
   ByteVector encapsulate(ByteView ipPacket);
 
-  // Returns the IP packet in an ESP packet; nothing when it is not of this SA, not authentic, malformed or a repetition.
+  // Returns the IP packet in an ESP packet. Returns nothing when it belongs to another SA, is not authentic, is
+  // malformed or was received before.
   std::optional<ByteVector> decapsulate(ByteView espPacket);
 
  private:
@@ -40,11 +41,11 @@ class ChildSa {
 // Returns an IP packet with an ICMP or ICMPv6 echo request; both addresses have 4 or 16 bytes.
 ByteVector echoRequest(ByteView source, ByteView destination, std::uint16_t identifier, std::uint16_t number);
 
-// Tells whether an IP packet is the answer to a request made by echoRequest.
+// Returns whether an IP packet is the answer to a request from echoRequest.
 bool isEchoReply(ByteView ipPacket, ByteView request);
 
-// Sends an echo request through the tunnel and waits for its answer; beforeRetry runs before each repetition. Returns
-// how long the answer took, or nothing when there was none.
+// Sends an echo request through the tunnel and waits for its answer. beforeRetry is called before each repetition.
+// Returns how long the answer took, or nothing when none came.
 std::optional<std::chrono::microseconds> echo(const Link& link, ChildSa& child, ByteView source, ByteView destination,
                                               const std::function<void()>& beforeRetry);
 

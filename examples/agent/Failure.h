@@ -1,4 +1,4 @@
-// What ends a run early: one line for the user and the exit code that goes with it.
+// What ends a run early: one line for the user, and its exit code.
 #pragma once
 
 #include <stdexcept>
@@ -11,11 +11,11 @@ enum class ExitCode : int {
   Internal = 1,    // sockets, files, cryptography on this side
   Usage = 2,       // the command line
   Timeout = 3,     // no answer, after all retransmissions
-  Refused = 4,     // the peer said no, with a notify
-  NotTrusted = 5,  // the peer did not prove that it knows the pre-shared key, or is somebody else
+  Refused = 4,     // the peer refused, with a notify
+  NotTrusted = 5,  // the peer did not prove that it knows the pre-shared key, or has another identity
   Protocol = 6,    // an answer that makes no sense
   NoEcho = 7,      // security associations are up, but the echo did not come back
-  NotFound = 8,    // a test option's search ended without a find
+  NotFound = 8,    // the search of a test option found nothing
 };
 
 class Failure : public std::runtime_error {

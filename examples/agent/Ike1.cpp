@@ -8,7 +8,7 @@
 namespace Agent {
 namespace {
 
-// The hash of "RFC 3947": whoever sends it can do ESP in UDP.
+// The hash of "RFC 3947". A peer that sends it supports ESP in UDP.
 constexpr unsigned char natTraversalVendor[] = {0x4A, 0x13, 0x1C, 0x81, 0x07, 0x03, 0x58, 0x45,
                                                 0x5C, 0x57, 0x28, 0xF2, 0x0E, 0x95, 0x45, 0x2F};
 
@@ -18,7 +18,7 @@ Secret expandCipherKey(Ipsec::PrfType type, const Secret& skeyidE, std::size_t l
   if (skeyidE.bytes.size() >= length) {
     return Secret(toVector(ByteView(skeyidE.bytes).first(length)));
   }
-  // Each link takes the previous one alone: prf+ would repeat its seed in every link.
+  // Each link of the chain is computed from the previous one alone. prf+ would add its seed in every link.
   const ByteVector zero(1);
   Secret link = prf(type, skeyidE.bytes, {zero});
   Secret chain(link.bytes);
@@ -57,7 +57,7 @@ void Ike1Session::exchangeValues(KeyExchange* own) {
   const Endpoint peer = link.remote();
   const ByteVector port = ByteWriter().u16(peer.port()).finish();
   const ByteVector peerHash = hash(hashOf(options.prf), {cookies(), peer.addressBytes(), port});
-  // As in IKEv2: a source hash that fits no address makes the peer put ESP into UDP.
+  // As in IKEv2, a source hash that matches no address makes the peer put ESP into UDP.
   const std::vector<Payload> answer = clearExchange({{ke1Payload, publicI},
                                                      {nonce1Payload, nonces1.i},
                                                      {natD1Payload, peerHash},
@@ -270,7 +270,7 @@ ByteVector Ike1Session::sealHashed(std::uint8_t exchange, const ByteVector& mess
   return seal(exchange, messageId, concat({hashed, rest}), hash1Payload, iv);
 }
 
-// The hash covers all payloads behind it; it comes first.
+// The hash comes first and covers all payloads after it.
 void Ike1Session::checkHashed(const std::vector<Payload>& payloads, ByteView hashFront) const {
   if (payloads.size() < 2 || payloads.front().type != hash1Payload) {
     throw Malformed("an encrypted message does not begin with its hash");
@@ -290,7 +290,7 @@ bool Ike1Session::isMine(const Header& header, std::uint8_t exchange, const Byte
          header.messageId == ByteReader(messageId).u32();
 }
 
-// The peer's refusals come as exchanges of their own.
+// The peer sends a refusal in a separate exchange.
 void Ike1Session::heedNotify(const Header& header, ByteView datagram) const {
   const ByteVector messageId = ByteWriter().u32(header.messageId).finish();
   if (!isMine(header, informationalExchange1, messageId)) {
@@ -299,7 +299,7 @@ void Ike1Session::heedNotify(const Header& header, ByteView datagram) const {
   std::vector<Payload> payloads;
   const bool haveKeys = !keys.cipher.bytes.empty();
   const bool encrypted = (header.flags & encryptedFlag) != 0;
-  // Once there are keys, anybody can send a refusal in the clear, but only the peer an encrypted one.
+  // Once there are keys, only an encrypted refusal counts: one in the clear could come from anybody.
   if (!encrypted && !haveKeys) {
     payloads = parseMessage(datagram).payloads;
   }

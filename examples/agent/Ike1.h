@@ -22,11 +22,11 @@ struct Ike1Keys {
   Secret cipher;  // Ka
 };
 
-// Returns the cipher's key: the first bytes of SKEYID_e, or, when that is too short, of the chain
+// Returns the cipher's key: the first bytes of SKEYID_e or, if that is too short, of the chain
 // K1 = prf(SKEYID_e, 0), Kn = prf(SKEYID_e, Kn-1).
 Secret expandCipherKey(Ipsec::PrfType type, const Secret& skeyidE, std::size_t length);
 
-// Ike1Session runs mainMode, then quickMode, then close.
+// Ike1Session runs the exchanges. Call mainMode, then quickMode, then close.
 class Ike1Session {
  public:
   Ike1Session(const Options& chosen, Link& connection, const Secret& preSharedKey, KeyLog& log);
@@ -34,13 +34,13 @@ class Ike1Session {
   // Moves the link to the NAT port.
   void mainMode();
 
-  // With MODP_NONE the keys come from the ISAKMP SA alone.
+  // With MODP_NONE the keys are derived from the ISAKMP SA alone.
   ChildSa quickMode(Ipsec::DhGroupNum group);
 
-  // Sends quick mode's third message again: nothing else tells the peer when it got lost.
+  // Sends quick mode's third message again. If it was lost, the peer has no other way to get it.
   void repeatLast() const { link.sendIke(lastQuickMessage); }
 
-  // Tells the peer that the ISAKMP SA is gone. There is no answer to that.
+  // Tells the peer that the ISAKMP SA is deleted. The peer does not answer that.
   void close();
 
  private:

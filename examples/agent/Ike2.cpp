@@ -36,7 +36,7 @@ ByteVector nonceOf(const std::vector<Payload>& payloads) {
 Secret secretFrom(KeyExchange* own, const std::vector<Payload>& payloads) {
   const KeyExchangeData theirs = parseKe(need(payloads, kePayload, "key exchange").body);
   if (theirs.group != own->group()) {
-    throw Malformed("the peer's key exchange is of another group");
+    throw Malformed("the peer's key exchange uses another group");
   }
   return own->secretWith(theirs.value);
 }
@@ -138,8 +138,8 @@ ByteVector Ike2Session::encodeInit(const ByteVector& cookie) const {
   payloads.push_back(makeSa(ikeOffer()));
   payloads.push_back(makeKe(static_cast<std::uint16_t>(keyExchange->group()), keyExchange->publicValue()));
   payloads.push_back({noncePayload, initNonces.i});
-  // The agent does ESP itself and has nothing but UDP for it. A source hash that fits no address makes the peer see a
-  // NAT and put ESP into UDP (RFC 7296 section 2.23).
+  // The agent handles ESP itself and has only UDP to carry it. A source hash that matches no address makes the peer
+  // detect a NAT and put ESP into UDP (RFC 7296 section 2.23).
   payloads.push_back(makeNotify(notifyNatSource, randomBytes(20)));
   const Endpoint peer = link.remote();
   const ByteVector spis = ByteWriter().u64(initSpi).u64(0).finish();
@@ -202,7 +202,7 @@ void Ike2Session::finishInit(const InitAnswer& answer) {
   keyLog.write("init", keys);
   sa = Ike2Sa(options.ike, std::move(keys), initSpi, spiR);
   sa.nextMessageId = 1;
-  keyExchange.reset();  // the private key has done its work
+  keyExchange.reset();  // the private key is no longer needed
   link.moveToNatPort();
   step("IKE_SA_INIT done: " + groupName(ikeGroup));
 }
@@ -240,7 +240,7 @@ ByteVector Ike2Session::authValue(const Secret& key, ByteView message, ByteView 
   return std::move(value.bytes);
 }
 
-// A peer that knows another secret of ours would pass its own check of us: only its AUTH tells.
+// That the peer accepted our AUTH does not prove that it knows the key: only its own AUTH does.
 void Ike2Session::verifyPeer(const std::vector<Payload>& answer) const {
   const ByteVector& idBody = need(answer, idRPayload, "identity").body;
   ByteReader auth(need(answer, authPayload, "authentication").body);
@@ -363,7 +363,7 @@ std::vector<Payload> Ike2Session::request(std::uint8_t exchange, const std::vect
   return parsePayloads(opened->first, opened->payloads);
 }
 
-// The peer asks whether the agent lives, or says that it deletes something: both want an empty answer.
+// The peer asks whether the agent is alive, or says that it deletes something. Both get an empty answer.
 void Ike2Session::answerPeer(const Header& header, ByteView datagram) {
   if (header.exchange == informational && sa.open(datagram)) {
     link.sendIke(sa.seal(informational, initiatorFlag | responseFlag, header.messageId, {}));

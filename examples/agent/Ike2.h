@@ -32,7 +32,7 @@ struct Ike2Sa {
   ByteVector seal(std::uint8_t exchange, std::uint8_t flags, std::uint32_t messageId,
                   const std::vector<Payload>& payloads);
 
-  // What an Encrypted payload held: the type of the first payload, and the payloads' bytes.
+  // The contents of an Encrypted payload: the type of the first payload, and the payloads' bytes.
   struct Opened {
     std::uint8_t first;
     ByteVector payloads;
@@ -41,10 +41,10 @@ struct Ike2Sa {
   std::optional<Opened> open(ByteView datagram) const;
 };
 
-// Takes the padding off a decrypted payload. Throws Malformed.
+// Removes the padding of a decrypted payload. Throws Malformed.
 void removeIkePadding(ByteVector* plaintext);
 
-// Ike2Session runs the exchanges, in this order: init, authenticate, then any of the others, close.
+// Ike2Session runs the exchanges. Call init, authenticate, then any of the others, and close at the end.
 class Ike2Session {
  public:
   Ike2Session(const Options& chosen, Link& connection, const Secret& preSharedKey, KeyLog& log);
@@ -55,16 +55,16 @@ class Ike2Session {
   // IKE_AUTH. Returns the first CHILD_SA.
   ChildSa authenticate();
 
-  // CREATE_CHILD_SA; with MODP_NONE the keys come from the IKE SA alone.
+  // CREATE_CHILD_SA. With MODP_NONE the keys are derived from the IKE SA alone.
   ChildSa createChild(Ipsec::DhGroupNum group);
 
-  // CREATE_CHILD_SA for a new IKE SA, then the deletion of the old one. Tells whether the Diffie-Hellman secret began
+  // CREATE_CHILD_SA for a new IKE SA, then the deletion of the old one. Returns whether the Diffie-Hellman secret began
   // with a zero byte.
   bool rekey();
 
   void deleteChild(const ChildSa& child);
 
-  // Deletes the IKE SA, and with it all CHILD_SAs, if there is one.
+  // Deletes the IKE SA and all its CHILD_SAs, if there is one.
   void close();
 
  private:

@@ -16,7 +16,7 @@ KeyLog::KeyLog(const std::string& path) {
     return;
   }
   fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-  // The mode above is that of a new file only.
+  // The mode given to open counts only for a new file.
   if (fd < 0 || fchmod(fd, 0600) != 0) {
     throw Failure(ExitCode::Internal, "opening the key log " + path + ": " + std::strerror(errno));
   }

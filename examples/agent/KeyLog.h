@@ -1,4 +1,6 @@
-// Derived keys written to a file, so that a test can compare them with the peer's. Never use it on a real connection.
+// Writes derived keys to a file, so that a test can compare them with the peer's.
+//
+// Warning: never use this for a real connection. Whoever reads the file can read the traffic.
 #pragma once
 
 #include "Keys.h"
@@ -7,7 +9,7 @@
 
 namespace Agent {
 
-// KeyLog writes lines "NAME HEX" to a file that only its owner may read. Without a path it writes nothing.
+// KeyLog writes lines "NAME HEX" to a file that only its owner may read. If it has no path, it writes nothing.
 class KeyLog {
  public:
   explicit KeyLog(const std::string& path);

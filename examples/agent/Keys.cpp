@@ -39,7 +39,7 @@ void KeyExchange::useWeakKey() {
 }
 
 void KeyExchange::searchLeadingZero() {
-  // One public value in 256 has it; so many draws miss it with probability e^-50.
+  // One public value in 256 begins with a zero byte. That many draws find none with a probability of e^-50.
   constexpr int draws = 12800;
   for (int draw = 0; draw < draws; ++draw) {
     useWeakKey();
@@ -84,7 +84,7 @@ Secret KeyStream::draw(std::size_t count) {
 }
 
 ByteVector Nonces::both() const {
-  // generateFullNonce joins nonces of one length only; the peer is free to choose another.
+  // generateFullNonce refuses nonces of different lengths, and the peer may choose another length than ours.
   if (i.size() != r.size()) {
     return concat({i, r});
   }
@@ -105,7 +105,7 @@ IkeKeys deriveIkeKeys(Ipsec::PrfType type, const Protection& protection, const S
                       std::uint64_t spiI, std::uint64_t spiR) {
   const ByteVector seed = ByteWriter().bytes(nonces.both()).u64(spiI).u64(spiR).finish();
   KeyStream stream(type, skeyseed.bytes, seed, true);
-  // The preferred key length of an HMAC is its output's, which is SKEYSEED's length when that is of this PRF.
+  // An HMAC prefers a key of its output's length. SKEYSEED has that length if this PRF computed it.
   Ipsec::HmacPRFunc function;
   require(function.initHmacPRFunc(hashOf(type)), "setting up the PRF");
   const std::size_t prfKeyLen = function.getKeySize();

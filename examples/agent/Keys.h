@@ -1,4 +1,4 @@
-// Diffie-Hellman and key derivation: everything secret that is not a packet, made by the library.
+// Diffie-Hellman and key derivation. All secrets except the contents of packets come from the library.
 #pragma once
 
 #include "Bytes.h"
@@ -6,7 +6,7 @@
 
 namespace Agent {
 
-// KeyExchange is one Diffie-Hellman exchange: publicValue, then secretWith the peer's value.
+// KeyExchange is one Diffie-Hellman exchange. Call publicValue, then secretWith with the peer's value.
 class KeyExchange {
  public:
   explicit KeyExchange(Ipsec::DhGroupNum chosen);
@@ -17,8 +17,9 @@ class KeyExchange {
   // Throws Failure (Protocol) for a value that does not belong to the group.
   Secret secretWith(const ByteVector& peerValue);
 
-  // For tests of padding, which need very many key pairs: replaces the key pair by one with a short private key, which
-  // is quick and insecure; and does so until the public value begins with a zero byte.
+  // For tests of padding, which need very many key pairs: replaces the key pair with one that has a short private key,
+  // until the public value begins with a zero byte.
+  // Warning: a short private key is fast but insecure. Use this in tests only.
   void useWeakKey();
   void searchLeadingZero();
 
@@ -33,7 +34,7 @@ ByteVector randomBytes(std::size_t count);
 // Returns prf(key, all parts joined).
 Secret prf(Ipsec::PrfType type, const ByteVector& key, std::initializer_list<ByteView> parts);
 
-// KeyStream hands out the stream prf+(key, seed): with the counter IKEv2's, without it IKEv1's.
+// KeyStream gives out the stream prf+(key, seed): with the counter that of IKEv2, without it that of IKEv1.
 class KeyStream {
  public:
   KeyStream(Ipsec::PrfType type, const ByteVector& key, const ByteVector& seed, bool counter);
@@ -41,7 +42,7 @@ class KeyStream {
   Secret draw(std::size_t count);
 
  private:
-  Secret keyCopy;  // HmacPRFunc borrows the key, so it lives as long as the function
+  Secret keyCopy;  // HmacPRFunc borrows the key, so this must live as long as the function
   Ipsec::HmacPRFunc function;
   Ipsec::PRFuncPlus stream;
 };

@@ -23,7 +23,7 @@ constexpr unsigned char nonEspMarker[4] = {};  // RFC 3948 section 2.2
   throw Failure(ExitCode::Internal, what + ": " + std::strerror(errno));
 }
 
-// A connected socket hears its peer only, and learns of ICMP errors.
+// A connected socket receives only from its peer, and reports ICMP errors.
 Socket openSocket(const LinkOptions& options, std::uint16_t port) {
   const Endpoint remote = parseEndpoint(options.peer, port);
   Socket socket(::socket(remote.storage.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -36,13 +36,13 @@ Socket openSocket(const LinkOptions& options, std::uint16_t port) {
     failed("binding to " + local.host() + " port " + std::to_string(port));
   }
   if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&remote.storage), remote.size) != 0) {
-    failed("no way to " + remote.host());
+    failed("reaching " + remote.host());
   }
   return socket;
 }
 
 void sendBytes(const Socket& socket, ByteView bytes) {
-  // A failed send is a lost packet: the exchange tries again, and reports the silence.
+  // A failed send counts as a lost packet: the exchange tries again, and reports in the end that no answer came.
   (void)send(socket.get(), bytes.data(), bytes.size(), 0);
 }
 
@@ -66,7 +66,7 @@ ByteVector Endpoint::addressBytes() const {
 }
 
 std::uint16_t Endpoint::port() const {
-  // The port stands at the same place in both families.
+  // The port is at the same place in both address families.
   const auto* bytes = reinterpret_cast<const unsigned char*>(&storage) + offsetof(sockaddr_in, sin_port);
   return ByteReader(ByteView(bytes, 2)).u16();
 }
@@ -130,7 +130,7 @@ std::optional<Link::Datagram> Link::read() const {
   ByteVector bytes(largestDatagram);
   const ssize_t count = recv(current().get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
   if (count < 0) {
-    return std::nullopt;  // an ICMP error, for example while the peer is not up yet: as good as silence
+    return std::nullopt;  // an ICMP error, for example while the peer is not up yet; it counts as no answer
   }
   bytes.resize(static_cast<std::size_t>(count));
   if (!natPortUsed) {

@@ -45,14 +45,14 @@ class Socket {
 
 struct LinkOptions {
   std::string peer;
-  std::string local;  // empty: as the host's routes say
+  std::string local;  // empty: chosen by the host's routes
   std::uint16_t port = 500;
   std::uint16_t natPort = 4500;
-  std::chrono::milliseconds timeout{1000};  // of the first try; doubles with every other
+  std::chrono::milliseconds timeout{1000};  // of the first try; doubled for each further one
   int tries = 4;
 };
 
-// Link sends to one peer and hears only that peer. It starts on the IKE port.
+// Link sends to one peer and receives only from that peer. It starts on the IKE port.
 class Link {
  public:
   explicit Link(const LinkOptions& chosen);
@@ -66,11 +66,11 @@ class Link {
   void sendIke(ByteView message) const;
   void sendEsp(ByteView packet) const;
 
-  // Sends a request, again and again with growing patience, until accept says true to an IKE message that came. A
-  // message over which accept throws Malformed is dropped. Throws Failure (Timeout) in the end.
+  // Sends a request, and repeats it with growing waiting times until accept returns true for a received IKE message. A
+  // message for which accept throws Malformed is dropped. Throws Failure (Timeout) after the last try.
   void exchange(ByteView request, const std::function<bool(ByteView)>& accept) const;
 
-  // Waits for one ESP packet; nothing when the time is over.
+  // Waits for one ESP packet. Returns nothing when the time is over.
   std::optional<ByteVector> receiveEsp(std::chrono::steady_clock::time_point deadline) const;
 
  private:

@@ -1,4 +1,4 @@
-// An IKE agent in miniature: the command's main function.
+// A small IKE agent: the command's main function.
 
 #include "Esp.h"
 #include "Failure.h"
@@ -29,7 +29,7 @@ Secret readPsk(const std::string& path) {
   return psk;
 }
 
-// The tunnel's ends, without the length of a prefix: the addresses that the echo travels between.
+// The two ends of the tunnel, without prefix lengths: the addresses between which the echo travels.
 ByteVector echoEnd(const std::string& chosen, const std::string& fallback) {
   return parseSubnet(chosen.empty() ? fallback : chosen).address;
 }

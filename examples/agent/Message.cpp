@@ -44,7 +44,7 @@ Header parseHeader(ByteView datagram) {
   header.messageId = in.u32();
   header.length = in.u32();
   if (header.length != datagram.size()) {
-    throw Malformed("the header's length is not the datagram's");
+    throw Malformed("the length in the header is not that of the datagram");
   }
   return header;
 }
@@ -55,10 +55,10 @@ std::vector<Payload> parsePayloads(std::uint8_t first, ByteView bytes, bool padd
   std::uint8_t type = first;
   while (type != noPayload) {
     const std::uint8_t next = in.u8();
-    (void)in.u8();  // the critical bit: all types that matter here are understood, others are skipped
+    (void)in.u8();  // the critical bit: all types that matter here are known, and others are skipped
     const std::size_t length = in.u16();
     if (length < 4) {
-      throw Malformed("a payload is shorter than its head");
+      throw Malformed("a payload is shorter than its header");
     }
     payloads.push_back({type, toVector(in.take(length - 4)), next});
     type = type == encryptedPayload ? static_cast<std::uint8_t>(noPayload) : next;

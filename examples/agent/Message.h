@@ -12,7 +12,7 @@ inline constexpr std::size_t headerSize = 28;
 inline constexpr std::uint8_t version1 = 0x10;
 inline constexpr std::uint8_t version2 = 0x20;
 
-// Payload types; the first block is IKEv1's.
+// Payload types. The first block is that of IKEv1.
 enum PayloadType : std::uint8_t {
   noPayload = 0,
   sa1Payload = 1,
@@ -38,7 +38,7 @@ enum PayloadType : std::uint8_t {
   encryptedPayload = 46,
 };
 
-// Exchange types; the first block is IKEv1's.
+// Exchange types. The first block is that of IKEv1.
 enum ExchangeType : std::uint8_t {
   mainModeExchange = 2,
   informationalExchange1 = 5,
@@ -50,7 +50,7 @@ enum ExchangeType : std::uint8_t {
   informational = 37,
 };
 
-// Flags of the header; the first is IKEv1's.
+// Flags of the header. The first is that of IKEv1.
 inline constexpr std::uint8_t encryptedFlag = 0x01;
 inline constexpr std::uint8_t initiatorFlag = 0x08;
 inline constexpr std::uint8_t responseFlag = 0x20;
@@ -69,7 +69,7 @@ struct Header {
 struct Payload {
   std::uint8_t type = noPayload;
   ByteVector body;
-  std::uint8_t next = noPayload;  // set by parsing; of the Encrypted payload, the first payload inside
+  std::uint8_t next = noPayload;  // set by parsing; for the Encrypted payload, the type of the first payload inside
 };
 
 struct Message {
@@ -77,23 +77,23 @@ struct Message {
   std::vector<Payload> payloads;
 };
 
-// Writes the header with the lengths and types as given in it.
+// Writes the header with the lengths and types that it states.
 ByteVector encodeHeader(const Header& header);
 
-// Writes payloads one after the other; the last one's next payload field says last.
+// Writes payloads one after the other. The next payload field of the last one is set to last.
 ByteVector encodePayloads(const std::vector<Payload>& payloads, std::uint8_t last = noPayload);
 
-// Writes a message in the clear; the header's first payload and length are filled in.
+// Writes a message in the clear, and fills in the first payload and the length of its header.
 ByteVector encodeMessage(Header header, const std::vector<Payload>& payloads);
 
-// Reads a header. Throws Malformed when the length that it states is not the datagram's.
+// Reads a header. Throws Malformed when the length that it states is not that of the datagram.
 Header parseHeader(ByteView datagram);
 
-// Reads a chain of payloads that begins with the type first. The Encrypted payload ends a chain. With padded, bytes
-// after the last payload are skipped (IKEv1 pads that way). Throws Malformed.
+// Reads a chain of payloads whose first one has the type first. The Encrypted payload ends a chain. If padded is set,
+// bytes after the last payload are skipped, because IKEv1 pads in that way. Throws Malformed.
 std::vector<Payload> parsePayloads(std::uint8_t first, ByteView bytes, bool padded = false);
 
-// Reads a message in the clear, or an IKEv2 message down to its Encrypted payload. Throws Malformed.
+// Reads a message in the clear, or an IKEv2 message up to its Encrypted payload. Throws Malformed.
 Message parseMessage(ByteView datagram);
 
 // Returns the first payload of a type, or null.

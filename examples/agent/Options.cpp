@@ -10,44 +10,44 @@ namespace {
 
 constexpr const char* usageText = R"(Usage: ipsec-agent --peer ADDRESS --psk-file FILE [options]
 
-Sets up security associations with an IKE peer as the initiator, sends an echo request through the tunnel, and takes
-everything down again.
+Sets up security associations with an IKE peer as the initiator, sends an echo request through the tunnel, and deletes
+the associations again.
 
   --peer ADDRESS         the peer's IPv4 or IPv6 address
   --psk-file FILE        the pre-shared key: the file's bytes without a newline at the end
-  --local ADDRESS        the own address (default: as routes say)
+  --local ADDRESS        this host's address (default: chosen by the host's routes)
   --version 1|2          IKEv1 main and quick mode, or IKEv2 (default 2)
-  --group LIST           Diffie-Hellman groups by number or name, the first is tried first (default 14)
+  --group LIST           Diffie-Hellman groups by number or name, in the order in which they are tried (default 14)
                          1 modp768, 2 modp1024, 5 modp1536, 14 modp2048, 15 modp3072, 16 modp4096, 17 modp6144,
                          19 ecp256, 20 ecp384, 21 ecp521, 24 modp2048s256
   --prf NAME             sha1 sha256 sha384 sha512 (default sha256)
   --encr NAME            of the IKE SA: 3des aes128 aes192 aes256 and, for IKEv2, aes{128,192,256}gcm{8,12,16}
                          (default aes256)
-  --integ NAME           of the IKE SA: sha1 sha256 sha384 sha512 (default sha256); IKEv1 and GCM have no use for it
-  --esp-encr NAME        of the tunnel: as --encr, or null (default aes256)
-  --esp-integ NAME       of the tunnel: as --integ (default sha256)
+  --integ NAME           of the IKE SA: sha1 sha256 sha384 sha512 (default sha256); not used by IKEv1 and GCM
+  --esp-encr NAME        of the tunnel: a name as for --encr, or null (default aes256)
+  --esp-integ NAME       of the tunnel: a name as for --integ (default sha256)
   --pfs GROUP            IKEv2: a second CHILD_SA with its own exchange of that group, in place of the first
                          IKEv1: quick mode with its own exchange
   --rekey                IKEv2: rekey the IKE SA, then set up a second CHILD_SA from the new keys
-  --id NAME              the own identity: an address or a name (default: the own address)
+  --id NAME              this side's identity: an address or a name (default: this host's address)
   --peer-id NAME         the identity that the peer must prove (default: its address)
-  --ts-local SUBNET      the tunnel's own end; the echo comes from this address (default: the own address)
-  --ts-remote SUBNET     the tunnel's far end; the echo goes to this address (default: the peer's address)
-  --port N               of IKE, at both ends (default 500)
-  --nat-port N           of IKE and ESP in UDP, at both ends (default 4500)
-  --timeout MS           patience with the first try; it doubles with each other (default 1000)
-  --tries N              tries of each request (default 4)
+  --ts-local SUBNET      this end of the tunnel; the echo comes from this address (default: this host's address)
+  --ts-remote SUBNET     the other end of the tunnel; the echo goes to this address (default: the peer's address)
+  --port N               the port of IKE, at both ends (default 500)
+  --nat-port N           the port of IKE and ESP in UDP, at both ends (default 4500)
+  --timeout MS           how long the first try waits; each further one waits twice as long (default 1000)
+  --tries N              how often each request is sent at most (default 4)
   --no-echo              send nothing through the tunnel
-  -v                     tell each step; keys are never shown
-  --help                 this text
+  -v                     print each step; keys are never printed
+  --help                 print this text
 
 For tests only:
-  --key-log FILE         write every derived key to FILE (mode 0600). Whoever reads it reads the traffic.
+  --key-log FILE         write every derived key to FILE (mode 0600). Whoever can read FILE can read the traffic.
   --half-open N          first leave N exchanges half open, so that the peer asks for a cookie
   --zero-public          use a weak private key whose public value begins with a zero byte
   --zero-secret N        rekey, with weak private keys, until the secret begins with a zero byte; at most N times
 
-Exit codes: 0 success; 1 trouble on this side; 2 wrong command line; 3 no answer; 4 refused by the peer;
+Exit codes: 0 success; 1 a failure on this side; 2 wrong command line; 3 no answer; 4 refused by the peer;
 5 the peer did not prove its identity; 6 an answer that makes no sense; 7 no echo; 8 a test option found nothing
 )";
 
@@ -134,13 +134,13 @@ const Row& findRow(const std::string& name) {
       return row;
     }
   }
-  throw Failure(ExitCode::Usage, "unknown option '" + name + "'; --help lists all");
+  throw Failure(ExitCode::Usage, "unknown option '" + name + "'; --help lists all options");
 }
 
 void check(const Options& options) {
   const bool ikeGcm = options.ike.isAead();
   if (options.link.peer.empty() || options.pskFile.empty()) {
-    throw Failure(ExitCode::Usage, "--peer and --psk-file are needed; --help tells more");
+    throw Failure(ExitCode::Usage, "--peer and --psk-file are required; see --help");
   }
   if (options.ike.encr.algo == Ipsec::ENCR_NULL) {
     throw Failure(ExitCode::Usage, "an IKE SA must be encrypted: null is for --esp-encr");

@@ -71,11 +71,11 @@ ByteVector encodeTransform(const Transform& transform, bool last) {
 }
 
 Transform parseTransform(ByteReader& in) {
-  (void)in.u8();  // whether another one follows; the proposal's count tells that too
+  (void)in.u8();  // whether another one follows; the proposal's count says so too
   (void)in.u8();
   const std::size_t length = in.u16();
   if (length < 8) {
-    throw Malformed("a transform is shorter than its head");
+    throw Malformed("a transform is shorter than its header");
   }
   ByteReader body(in.take(length - 4));
   Transform transform = {};
@@ -96,7 +96,7 @@ Transform parseTransform(ByteReader& in) {
   return transform;
 }
 
-// A choice has one transform of each type that was offered, and each is one that was offered.
+// A choice must have exactly one transform of each offered type, and each must be one that was offered.
 void checkChoice(const std::vector<Transform>& offered, const std::vector<Transform>& chosen, Choice* choice) {
   for (const Transform& transform : chosen) {
     if (std::find(offered.begin(), offered.end(), transform) == offered.end()) {
@@ -267,7 +267,7 @@ bool tsWithin(ByteView body, const Subnet& offered) {
   const ByteVector highest = offered.highest();
   for (std::size_t index = 0; index < count; ++index) {
     const std::uint8_t type = in.u8();
-    (void)in.take(7);  // protocol, length (the type says it), ports: narrowing those is the peer's right
+    (void)in.take(7);  // protocol; length, which follows from the type; ports, which the peer may narrow
     const std::size_t size = type == 7 ? 4 : 16;
     const ByteView from = in.take(size);
     const ByteView to = in.take(size);

@@ -22,7 +22,7 @@ inline constexpr std::uint16_t notifyNatSource = 16388;
 inline constexpr std::uint16_t notifyNatDestination = 16389;
 inline constexpr std::uint16_t notifyCookie = 16390;
 
-// What is negotiated by an SA payload. IKE proposals have a PRF and groups, ESP ones a group only with PFS.
+// What an SA payload negotiates. An IKE proposal has a PRF and groups; an ESP proposal has a group only with PFS.
 struct Offer {
   std::uint8_t protocol = ikeProtocol;
   ByteVector spi;
@@ -47,7 +47,7 @@ struct Notify {
   ByteVector data;
 };
 
-// An address, or a prefix of addresses, as IKE wants it: 4 or 16 bytes.
+// An address or a prefix of addresses, in the form that IKE uses: 4 or 16 bytes.
 struct Subnet {
   ByteVector address;
   unsigned prefixBits = 0;
@@ -80,16 +80,16 @@ Choice parseSa(ByteView body, const Offer& offer);
 KeyExchangeData parseKe(ByteView body);
 Notify parseNotify(ByteView body);
 
-// Tells whether the peer's traffic selectors are within what was offered: one IPv4 or IPv6 range or more.
+// Returns whether the peer's traffic selectors, one or more IPv4 or IPv6 ranges, are within what was offered.
 bool tsWithin(ByteView body, const Subnet& offered);
 
 // Returns the data of the first notify of a type.
 std::optional<ByteVector> findNotify(const std::vector<Payload>& payloads, std::uint16_t type);
 
-// Throws Failure (Refused) with the notify's name when there is an error notify.
+// Throws Failure (Refused) with the notify's name if there is an error notify.
 void throwIfRefused(const std::vector<Payload>& payloads, const char* what);
 
-// Returns "NO_PROPOSAL_CHOSEN" and the like; "type N" for one that has no name here.
+// Returns the name of a notify, such as "NO_PROPOSAL_CHOSEN", or "type N" for one that has no name here.
 std::string notifyName(std::uint16_t type);
 
 }  // namespace Agent

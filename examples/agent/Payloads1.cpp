@@ -90,7 +90,7 @@ Attributes parseAttributes(ByteReader in) {
       attributes[number & 0x7FFF] = in.u16();
       continue;
     }
-    // The long form: a length, then a number of that length. Only lifetimes come so long.
+    // The long form: a length, then a number of that length. Only lifetimes use it.
     std::uint64_t value = 0;
     for (const unsigned char byte : in.take(in.u16())) {
       value = value << 8 | byte;
@@ -165,9 +165,9 @@ Payload makeSa1(const Offer1& offer) {
 ByteVector parseSa1(ByteView body, const Offer1& offer) {
   ByteReader in(body);
   if (in.u32() != ipsecDoi || in.u32() != identityOnly) {
-    throw Malformed("the peer's choice is of another domain of interpretation");
+    throw Malformed("the peer's choice names another domain of interpretation");
   }
-  (void)in.take(5);  // next, reserved, length, number: there is one proposal, and its parts say where it ends
+  (void)in.take(5);  // next, reserved, length, number: there is only one proposal, and its parts say where it ends
   const std::uint8_t protocol = in.u8();
   const std::size_t spiSize = in.u8();
   const std::uint8_t count = in.u8();

@@ -10,10 +10,10 @@
 
 namespace Agent {
 
-// The attributes of a transform, by number.
+// The attributes of a transform, by their numbers.
 using Attributes = std::map<std::uint16_t, std::uint64_t>;
 
-// One proposal with one transform: all that the agent offers, and all that a peer may answer.
+// One proposal with one transform. The agent offers nothing else, and a peer may answer nothing else.
 struct Offer1 {
   std::uint8_t protocol = ikeProtocol;
   ByteVector spi;
@@ -24,7 +24,7 @@ struct Offer1 {
 // Phase 1: the ISAKMP SA with a pre-shared key.
 Offer1 ikeOffer1(const Protection& protection, Ipsec::PrfType prf, Ipsec::DhGroupNum group);
 
-// Phase 2: ESP in UDP, tunnel mode; group MODP_NONE for none.
+// Phase 2: ESP in UDP, tunnel mode. The group MODP_NONE means no key exchange.
 Offer1 espOffer1(const Protection& protection, ByteVector spi, Ipsec::DhGroupNum group);
 
 Payload makeSa1(const Offer1& offer);

@@ -68,7 +68,7 @@ Value parseName(const char* what, const Named<Value> (&table)[count], std::strin
     known += ' ';
     known += row.name;
   }
-  throw Failure(ExitCode::Usage, "unknown " + std::string(what) + " '" + std::string(text) + "'; known are:" + known);
+  throw Failure(ExitCode::Usage, "unknown " + std::string(what) + " '" + std::string(text) + "'; known:" + known);
 }
 
 template <class Value, std::size_t count>
@@ -96,7 +96,7 @@ std::size_t Protection::saltLen() const {
 }
 
 std::size_t Protection::encrKeyLen() const {
-  // The library counts the salt for the 8- and the 16-byte ICV only.
+  // The library counts the salt only for an ICV of 8 or 16 bytes.
   const std::size_t missingSalt = encr.algo == Ipsec::ENCR_AES_GCM_12 ? saltLen() : 0;
   return Ipsec::getEncryptKeyLen(encr) + missingSalt;
 }

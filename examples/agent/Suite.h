@@ -1,4 +1,4 @@
-// The transforms that the agent offers: their names on the command line, their sizes, and what the library says of them.
+// The transforms that the agent offers: their names on the command line, their sizes, and their numbers in the library.
 #pragma once
 
 #include "Ipsec.h"
@@ -10,24 +10,24 @@
 
 namespace Agent {
 
-// IntegrityAlgo of a cipher that has its own integrity.
+// The IntegrityAlgo of a cipher that provides its own integrity.
 inline constexpr auto noIntegrity = static_cast<Ipsec::IntegrityAlgo>(0);
 
-// How packets are protected: those of an IKE SA, or those of a CHILD_SA.
+// How the packets of an IKE SA or of a CHILD_SA are protected.
 struct Protection {
   Ipsec::EncryptAlgoWithKeyLen encr = {Ipsec::ENCR_AES_CBC, 256};
   Ipsec::IntegrityAlgo integ = Ipsec::AUTH_HMAC_SHA2_256_128;
 
   bool isAead() const;
-  std::size_t encrKeyLen() const;   // bytes drawn from the key stream, a salt included
+  std::size_t encrKeyLen() const;   // bytes drawn from the key stream, including a salt
   std::size_t integKeyLen() const;  // bytes drawn from the key stream
-  std::size_t saltLen() const;      // of encrKeyLen, the bytes that are salt
-  std::size_t blockSize() const;    // what a plaintext's length must be a multiple of
+  std::size_t saltLen() const;      // how many bytes of encrKeyLen are salt
+  std::size_t blockSize() const;    // a plaintext's length must be a multiple of this
   std::size_t ivLen() const;        // bytes on the wire
   std::size_t icvLen() const;       // bytes on the wire
 };
 
-// Read a name of the command line; throw Failure (Usage), listing the names, for any other text.
+// Read a name from the command line. For any other text, throw Failure (Usage) with a list of the names.
 Ipsec::DhGroupNum parseGroup(std::string_view text);
 std::vector<Ipsec::DhGroupNum> parseGroups(std::string_view commaSeparated);
 Ipsec::PrfType parsePrf(std::string_view text);

@@ -1,5 +1,5 @@
-// A configuration change as an IPsec agent makes it, from naming a connection to loading the kernel's modules, on a
-// host of the demo's own. Fails when anything that it shows is not as expected.
+// A configuration change as an IPsec agent makes it, from naming a connection to loading the kernel's modules, on the
+// demo's private host. Fails if anything that it shows is not as expected.
 
 #include "Ipsec.h"
 #include "PrivateHost.h"
@@ -63,7 +63,7 @@ void writeConnection(const char* left, const char* right, std::uint32_t number, 
                            {"esp", "aes256gcm16-ecp256!"}});
 }
 
-// The new file's mode is what the umask leaves of 0666, whatever the old one's was.
+// The new file's mode is what the umask leaves of 0666, whatever the mode of the old file was.
 void writeSecret(const char* peer, const char* key) {
   const mode_t before = umask(077);
   Ipsec::writeSecrets({{"peerIp", peer}, {"key", key}});
@@ -114,7 +114,7 @@ void askForDaemon() {
   title("Does the daemon run?");
   const bool before = Ipsec::isSswanRunning();
   std::cout << "without a pid file: " << (before ? "yes" : "no") << "\n";
-  write(pidFile, std::to_string(getpid()) + "\n");  // Played by the demo itself.
+  write(pidFile, std::to_string(getpid()) + "\n");  // The demo itself takes the part of the daemon.
   const bool after = Ipsec::isSswanRunning();
   std::cout << "with the pid file of a running process: " << (after ? "yes" : "no") << "\n";
   expect(!before && after, "the daemon's liveness");
@@ -126,11 +126,11 @@ void setReplayWindow() {
   Ipsec::setMaxReplayWindow();
   expect(contents(replaySetting) == "65536\n", "the setting");
   fs::remove(replaySetting);
-  Ipsec::setMaxReplayWindow();  // On a kernel without it.
+  Ipsec::setMaxReplayWindow();  // On a kernel without the setting.
   expect(!fs::exists(replaySetting), "the missing setting");
 }
 
-// Plays a module tool that records what it is asked for. The library reports only one that cannot be run.
+// Installs a module tool that only records its arguments. The library reports only a tool that cannot be run.
 void placeModuleTool(const char* path) {
   write(path, "#!/bin/sh\necho \"$0 $*\" >>/etc/commands\n");
   fs::permissions(path, fs::perms(0755));
@@ -153,17 +153,17 @@ void handleModules() {
   Ipsec::enableFlowEncapModule();
 }
 
-// The levels of the text trace are read when the library is loaded: once set, the program starts anew.
+// The levels of the text trace are read when the library is loaded, so the program sets them and starts again.
 void startWithTraces(char** argv) {
   if (std::getenv("TRACE_LEVELS") != nullptr) {
     return;
   }
   expect(setenv("TRACE_LEVELS", "IpsecUtils=0-8", 1) == 0, "the environment");
   (void)execv("/proc/self/exe", argv);
-  throw std::runtime_error("cannot start anew");
+  throw std::runtime_error("cannot start again");
 }
 
-// Returns the program's exit code for a machine that allows no private host.
+// Returns the program's exit code for a machine that does not allow a private host.
 int skipped(const std::exception& reason) {
   const bool fails = std::getenv("CI") != nullptr;
   std::cerr << "*** config-demo " << (fails ? "FAILED" : "SKIPPED")
@@ -181,8 +181,8 @@ int main(int, char** argv) {
     return skipped(error);
   }
   try {
-    (void)dup2(STDOUT_FILENO, STDERR_FILENO);  // Traces stand among what they are about.
-    std::cout << std::unitbuf << "A configuration change, in a mount namespace of its own\n";
+    (void)dup2(STDOUT_FILENO, STDERR_FILENO);  // The traces then appear between the lines that they belong to.
+    std::cout << std::unitbuf << "A configuration change, in its own mount namespace\n";
     changeConnections();
     changeSecrets();
     askForDaemon();

@@ -42,13 +42,13 @@ void enterNamespace() {
   }
 }
 
-// Keeps the mounts below from reaching the machine's own namespace.
+// Keeps the mounts below from becoming visible in the machine's namespace.
 void detachFromMachine() {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
     return;
   }
-  // In a chroot the root is a mere folder, and whether its mount is shared cannot be changed from inside. /proc is a
-  // mount of its own there: a copy of the tree is hung up in it, and becomes the root.
+  // In a chroot the root is a folder and not a mount, so it cannot be made private from inside. /proc is a separate
+  // mount there: a copy of the tree is mounted inside it and becomes the root.
   const fs::path root = "/proc/fs/root";
   check(mount(nullptr, "/proc", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make /proc private");
   mountEmpty(root.parent_path());

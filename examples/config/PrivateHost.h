@@ -1,6 +1,6 @@
-// A host to play with: a mount namespace of the program's own, in which /etc, the kernel's network settings and the
-// folder of the module tools are new and empty but for what the demo needs. The machine itself is not touched.
+// A private host for the demo: the program's own mount namespace, in which /etc, the kernel's network settings and the
+// folder of the module tools are new and hold only what the demo needs. The machine itself is not changed.
 #pragma once
 
-// Enters it. Throws std::exception where the machine allows no private mount namespace.
+// Enters the private host. Throws std::exception if the machine allows no private mount namespace.
 void enterPrivateHost();

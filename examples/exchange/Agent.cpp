@@ -9,7 +9,7 @@
 namespace Exchange {
 namespace {
 
-constexpr unsigned long nonceLength = 32;  // half the largest PRF key here, as RFC 7296 section 2.10 wants it
+constexpr unsigned long nonceLength = 32;  // half the largest PRF key used here, as RFC 7296 section 2.10 requires
 constexpr unsigned long spiLength = 8;
 
 using Clock = std::chrono::steady_clock;
@@ -19,7 +19,7 @@ double microsecondsSince(Clock::time_point start) {
 }
 
 ByteVector drawRandom(unsigned long length) {
-  // A generator without entropy is not always reported by generateNonce.
+  // generateNonce does not report every failure of the random generator.
   require(RAND_status() == 1, "RAND_status");
   ByteVector drawn;
   require(Ipsec::NonceGenerator(length).generateNonce(&drawn), "NonceGenerator::generateNonce");

@@ -1,4 +1,4 @@
-// Agent is one side of a key exchange: what an IKE agent does with the library for one security association.
+// Agent is one side of a key exchange. It does what an IKE agent does with the library for one security association.
 #pragma once
 
 #include "Groups.h"
@@ -15,33 +15,33 @@ namespace Exchange {
 
 enum class Side { Initiator, Responder };
 
-// What one side contributes and the other must learn.
+// What one side contributes and sends to the other.
 struct Half {
   ByteVector spi;
   ByteVector publicValue;
   ByteVector nonce;
 };
 
-// A name and a one-way image of something that both sides must hold alike.
+// A name, and a one-way image of something that must be the same on both sides.
 struct Fingerprint {
   std::string name;
   ByteVector image;
 };
 
-// Call order: construct; send own(); complete() with the peer's half; then the rest.
+// Call order: construct the object; send own() to the peer; call complete() with the peer's half; then call the rest.
 class Agent {
  public:
-  // Sets up the group, makes a key pair and draws the nonce and the SPI. Throws Failure.
+  // Sets up the group, creates a key pair and draws the nonce and the SPI. Throws Failure.
   Agent(Side side, const Group& group, const Suite& suite);
 
   const Half& own() const { return half; }
 
-  // Computes the shared secret and draws the keys. Throws Failure when the peer's half is refused.
+  // Computes the shared secret and derives the keys. Throws Failure when the peer's half is refused.
   void complete(const Half& peer);
 
-  // Returns images of everything exchanged, computed and drawn, as the given side sends them. An image is the PRF of
-  // the side's name and the item's under the item itself, so it gives no key away, and a side that sends back what it
-  // was sent confirms nothing.
+  // Returns images of everything that was exchanged, computed and derived, as the given side sends them. An image is
+  // the PRF of the names of the side and of the item, with the item itself as the key. It therefore reveals no key, and
+  // a side that merely sends back what it received does not match.
   std::vector<Fingerprint> fingerprints(Side sender) const;
 
   // Changes one bit of a key, for a run that must fail.

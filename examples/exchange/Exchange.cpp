@@ -8,7 +8,7 @@
 namespace Exchange {
 namespace {
 
-// Says which items the peer's images show to differ from the own ones; empty when none does.
+// Returns the names of the items whose images from the peer differ from this side's; empty when none does.
 std::string differences(const std::vector<Fingerprint>& own, const std::vector<ByteVector>& theirs) {
   std::string names;
   for (std::size_t index = 0; index < own.size(); ++index) {
@@ -27,9 +27,9 @@ Message fingerprintMessage(const std::vector<Fingerprint>& fingerprints) {
   return message;
 }
 
-// Compares with the responder and returns what differs, in the words of whichever side saw it.
+// Compares with the responder. Returns what differs, as the side that noticed it reports it.
 std::string compareAsInitiator(Link& link, const Agent& agent) {
-  // Both are made before anything is sent: from then on only the responder can still refuse.
+  // Both are computed before anything is sent. After that only the responder can still refuse.
   const std::vector<Fingerprint> own = agent.fingerprints(Side::Initiator);
   const std::vector<Fingerprint> expected = agent.fingerprints(Side::Responder);
   link.send(fingerprintMessage(own));
@@ -101,10 +101,10 @@ ExchangeResult initiate(Link& link, const Group& group, const Suite& suite, Faul
 void respond(Link& link, Fault fault) {
   while (const std::optional<Message> offer = link.receiveAny()) {
     if (offer->type == MessageType::Refusal) {
-      continue;  // the initiator failed before it had anything to offer
+      continue;  // the initiator failed before it could send an offer
     }
     if (offer->type != MessageType::Offer || offer->fields.size() != 5) {
-      throw LinkFailure("the peer process sent another message than the one expected");
+      throw LinkFailure("the peer process sent a message other than the one expected");
     }
     if (fault == Fault::DeadPeer) {
       return;
@@ -115,7 +115,7 @@ void respond(Link& link, Fault fault) {
     try {
       exchangeAsResponder(link, *offer);
     } catch (const Refused&) {
-      // The initiator has said what there is to say; its next offer may fare better.
+      // The initiator has reported the failure already. Its next offer may succeed.
     } catch (const Failure& failure) {
       link.send({MessageType::Refusal, {fieldOf(std::string(failure.what()))}});
     }

@@ -12,15 +12,15 @@
 
 namespace Exchange {
 
-// What came of one exchange. Sizes and times are the initiator's.
+// The result of one exchange. Sizes and times are those of the initiator.
 struct ExchangeResult {
   const Suite* suite = nullptr;
   std::size_t publicBytes = 0;
   std::size_t secretBytes = 0;
   std::size_t keyBytes = 0;
-  double initMicroseconds = 0;       // setting up the group and making the key pair
-  double agreementMicroseconds = 0;  // taking the peer's public value and computing the secret
-  std::string problem;               // empty when both sides hold the same
+  double initMicroseconds = 0;       // setting up the group and creating the key pair
+  double agreementMicroseconds = 0;  // reading the peer's public value and computing the secret
+  std::string problem;               // empty when both sides have the same keys
 
   bool agrees() const { return problem.empty(); }
 };
@@ -31,7 +31,7 @@ struct GroupResult {
   std::vector<ExchangeResult> exchanges;
 };
 
-// Runs one exchange as the initiator. What goes wrong in the exchange itself is in the result. Throws LinkFailure.
+// Runs one exchange as the initiator. A failure of the exchange itself is reported in the result. Throws LinkFailure.
 ExchangeResult initiate(Link& link, const Group& group, const Suite& suite, Fault fault);
 
 // Answers exchanges until the initiator closes the connection. Throws LinkFailure.

@@ -1,4 +1,4 @@
-// The ways in which something goes wrong here, each with a line for the user.
+// The kinds of failure in this program, each with a line for the user.
 #pragma once
 
 #include <stdexcept>
@@ -6,25 +6,25 @@
 
 namespace Exchange {
 
-// An exchange, or a published one, that did not come out as it must. The next one can still be tried.
+// An exchange, real or published, whose result is not as it must be. The next one can still be tried.
 class Failure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// The other side says that the exchange has failed there. It is not told so back.
+// The other side says that the exchange has failed there. No answer is sent to that.
 class Refused : public Failure {
  public:
   using Failure::Failure;
 };
 
-// The two processes can no longer talk: silence, a closed connection, a message that makes no sense.
+// The two processes can no longer communicate: no answer, a closed connection, or a message that makes no sense.
 class LinkFailure : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// A command line that cannot be obeyed.
+// A command line that cannot be carried out.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -26,7 +26,7 @@ inline constexpr std::array<Group, 11> groups = {{
     {Ipsec::MODP_2048_256, "MODP-2048-256"},
 }};
 
-// Returns the group with this number; null for one that the library does not offer.
+// Returns the group with this number, or null if the library does not offer it.
 inline const Group* findGroup(unsigned long number) {
   for (const Group& group : groups) {
     if (group.number == number) {

@@ -10,14 +10,14 @@
 
 namespace Exchange {
 
-// What two IKE daemons negotiate besides the group.
+// What two IKE daemons negotiate in addition to the group.
 struct Suite {
   Ipsec::PrfType prf;
   Ipsec::HashAlgorithm hash;  // the PRF's
   const char* prfName;
   Ipsec::EncryptAlgoWithKeyLen encryption;
   const char* encryptionName;
-  std::optional<Ipsec::IntegrityAlgo> integrity;  // none where the cipher brings its own
+  std::optional<Ipsec::IntegrityAlgo> integrity;  // none if the cipher provides its own
   const char* integrityName;
 };
 
@@ -35,7 +35,7 @@ inline constexpr std::array<Suite, 4> suites = {{
 }};
 // clang-format on
 
-// Returns the suite with this PRF; null when there is none.
+// Returns the suite with this PRF, or null if there is none.
 const Suite* findSuite(unsigned long prf);
 
 // The seven keys, in the order in which they are drawn.

@@ -1,5 +1,5 @@
-// exchange-demo: two agents in two processes set up IKE keys with the library. Start reading in Agent.cpp, which is
-// what an IKE agent does with it; the rest is the socket, the tables and the checks.
+// exchange-demo: two agents in two processes set up IKE keys with the library. Start reading in Agent.cpp, which shows
+// what an IKE agent does with the library. The other files are about the socket, the tables and the checks.
 #include "Exchange.h"
 #include "Failure.h"
 #include "Json.h"
@@ -154,7 +154,7 @@ int main(int argc, char** argv) {
   try {
     return Exchange::run({argv + 1, argv + argc});
   } catch (const Exchange::UsageError& error) {
-    std::cerr << "exchange-demo: " << error.what() << " (--help tells more)" << std::endl;
+    std::cerr << "exchange-demo: " << error.what() << " (see --help)" << std::endl;
     return 2;
   } catch (const std::exception& error) {
     std::cerr << "exchange-demo: " << error.what() << std::endl;

@@ -34,7 +34,7 @@ unsigned long number(const std::string& option, const std::string& text) {
   const char* const end = text.data() + text.size();
   const auto [stopped, error] = std::from_chars(text.data(), end, value);
   if (error != std::errc() || stopped != end) {
-    throw UsageError(option + " wants a number, not \"" + text + "\"");
+    throw UsageError(option + " needs a number, not \"" + text + "\"");
   }
   return value;
 }
@@ -81,15 +81,15 @@ Reproduces the key exchanges published in RFC 5903 and RFC 5114, then sets up IK
 processes over a socket on 127.0.0.1, for every Diffie-Hellman group with each of the four PRFs.
 
   --group N          only this group: 1, 2, 5, 14, 15, 16, 17, 19, 20, 21 or 24
-  --json             the results as one JSON document
-  --vectors DIR      where rfc5903.txt and rfc5114.txt are
+  --json             print the results as one JSON document
+  --vectors DIR      the folder with rfc5903.txt and rfc5114.txt
   --timeout SECONDS  how long one process waits for the other (default 20)
-  --break WHAT       for tests: breaks the first exchange of the run, which must then fail. WHAT is
+  --break WHAT       for tests: break the first exchange of the run, which must then fail. WHAT is
                      public-value, key, published, silent-peer or dead-peer
-  --help             this text
+  --help             print this text
 
 Exit code: 0 when everything agrees, 1 when something does not (standard error says what), 2 for a
-command line that cannot be obeyed.
+command line that cannot be carried out.
 )";
 
 Options readOptions(const std::vector<std::string>& arguments) {
@@ -98,7 +98,7 @@ Options readOptions(const std::vector<std::string>& arguments) {
     const std::string& name = arguments[index];
     if (takesValue(name)) {
       if (++index == arguments.size()) {
-        throw UsageError(name + " wants a value");
+        throw UsageError(name + " needs a value");
       }
       readValue(options, name, arguments[index]);
     } else if (name == "--json") {

@@ -9,10 +9,10 @@
 
 namespace Exchange {
 
-// Faults that a test asks for, to see that they are found.
+// Faults that a test asks for, to show that they are noticed.
 enum class Fault {
   None,
-  PublicValue,  // one bit of the responder's public value changes on its way
+  PublicValue,  // one bit of the responder's public value changes on the way
   Key,          // one bit of the initiator's SK_ei changes
   Published,    // one bit of a published shared secret changes before it is compared
   SilentPeer,   // the responder's process stops answering
@@ -22,8 +22,8 @@ enum class Fault {
 struct Options {
   bool help = false;
   bool json = false;
-  bool responder = false;        // the part of the second process; its standard input is a listening socket
-  const Group* group = nullptr;  // all of them when null
+  bool responder = false;        // this is the second process; its standard input is a listening socket
+  const Group* group = nullptr;  // null means all groups
   std::string vectors = EXCHANGE_VECTORS;
   Timeout timeout = std::chrono::seconds(20);
   Fault fault = Fault::None;

@@ -65,7 +65,7 @@ PeerProcess::~PeerProcess() {
     }
     std::this_thread::sleep_for(lookInterval);
   }
-  // Nothing ignores SIGKILL, so the wait that follows ends.
+  // No process can ignore SIGKILL, so the wait below ends.
   (void)kill(pid, SIGKILL);
   (void)waitpid(pid, nullptr, 0);
 }

@@ -1,4 +1,4 @@
-// The second process: this program once more, in the responder's part.
+// The second process: the same program, started again as the responder.
 #pragma once
 
 #include "Options.h"
@@ -8,12 +8,13 @@
 
 namespace Exchange {
 
-// PeerProcess starts the responder and ends it. The destructor does not wait longer than the timeout: a process that
-// does not end by itself once its connection is closed is killed.
+// PeerProcess starts the responder and ends it. The destructor waits no longer than the timeout: a process that does
+// not end by itself after its connection is closed is killed.
 class PeerProcess {
  public:
-  // The listening socket becomes the responder's standard input. When the caller closes its own, a responder that dies
-  // takes the socket with it, and the caller's connection breaks instead of waiting. Throws LinkFailure.
+  // The listening socket becomes the responder's standard input. The caller should then close its own descriptor of it:
+  // when the responder dies, the socket is closed too, and the caller's connection breaks instead of waiting. Throws
+  // LinkFailure.
   PeerProcess(const Options& options, const Descriptor& listener);
   PeerProcess(const PeerProcess&) = delete;
   PeerProcess& operator=(const PeerProcess&) = delete;

@@ -25,7 +25,7 @@ ByteVector bytesOf(const std::string& hex) {
 
 const Group* groupOf(const std::string& text) {
   unsigned long number = 0;
-  (void)std::from_chars(text.data(), text.data() + text.size(), number);  // 0, no group, when it is no number
+  (void)std::from_chars(text.data(), text.data() + text.size(), number);  // 0, which is no group, if it is not a number
   const Group* const group = findGroup(number);
   if (group == nullptr) {
     throw Failure("there is no group \"" + text + "\"");
@@ -58,7 +58,7 @@ bool isComplete(const PublishedSide& side) {
          !side.peerPublicValue.empty() && !side.secret.empty();
 }
 
-// Adds the sides of one file: blocks of "Name = value" lines, each begun by its Source.
+// Adds the sides of one file: blocks of "Name = value" lines, each of which begins with its Source.
 void readFile(const std::string& path, std::vector<PublishedSide>& sides) {
   std::ifstream file(path);
   if (!file) {

@@ -1,4 +1,4 @@
-// The key exchanges that RFC 5903 and RFC 5114 publish, computed once more from their private keys.
+// The key exchanges that RFC 5903 and RFC 5114 publish, computed again from their private keys.
 #pragma once
 
 #include "Groups.h"
@@ -11,7 +11,7 @@ namespace Exchange {
 
 using Ipsec::ByteVector;
 
-// One published exchange, with all figures of one side.
+// One side of a published exchange, with all its figures.
 struct PublishedSide {
   std::string source;  // "RFC 5903 section 8.1"
   std::string side;    // "initiator's side"
@@ -22,7 +22,7 @@ struct PublishedSide {
   ByteVector secret;
 };
 
-// What the library made of it.
+// What the library computed from it.
 struct PublishedResult {
   const PublishedSide* published = nullptr;
   std::string problem;  // empty when every figure was reproduced

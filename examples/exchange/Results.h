@@ -1,4 +1,4 @@
-// What a run has found so far.
+// The results of a run so far.
 #pragma once
 
 #include "Exchange.h"
@@ -14,12 +14,12 @@ struct Results {
   std::vector<PublishedSide> publishedSides;
   std::vector<PublishedResult> published;
   std::vector<GroupResult> groups;
-  std::vector<std::string> failures;  // one line each, everything that went wrong
+  std::vector<std::string> failures;  // everything that went wrong, one line each
   std::size_t exchangesPlanned = 0;
   double seconds = 0;
 };
 
-// Middle of the values, which one slow outlier does not move; 0 when there is none.
+// Returns the median of the values, which one slow outlier does not change; 0 if there are none.
 double median(std::vector<double> values);
 
 double medianInit(const GroupResult& group);

@@ -1,4 +1,4 @@
-// Bytes that are cleared when they go.
+// Bytes that are cleared when they are destroyed.
 #pragma once
 
 #include "Ipsec.h"
@@ -11,8 +11,8 @@ namespace Exchange {
 
 using Ipsec::ByteVector;
 
-// SecretBytes holds key material. It is moved, not copied, so that there is one copy to clear. Fill the vector once:
-// one that grows leaves its old bytes behind uncleared.
+// SecretBytes holds key material. It can be moved but not copied, so that there is only one copy to clear.
+// Warning: fill the vector only once. A vector that grows leaves its old bytes in memory without clearing them.
 class SecretBytes {
  public:
   SecretBytes() = default;

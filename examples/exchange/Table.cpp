@@ -6,7 +6,7 @@
 namespace Exchange {
 namespace {
 
-// The first bytes of a published figure: enough to find it in the RFC.
+// The first bytes of a published figure, which are enough to find it in the RFC.
 std::string beginning(const ByteVector& bytes) {
   constexpr std::size_t shown = 5;
   std::string text;
@@ -18,7 +18,7 @@ std::string beginning(const ByteVector& bytes) {
   return text + "..";
 }
 
-// A row appears at once, also when standard output is a pipe.
+// Flushes, so that a row appears at once even if standard output is a pipe.
 void endRow() {
   std::putchar('\n');
   (void)std::fflush(stdout);
@@ -63,8 +63,8 @@ void printGroup(const GroupResult& result) {
 }
 
 void printSuites() {
-  std::puts("\n  Init: set up the group and make a key pair. Agreement: take the peer's value, compute the secret.");
-  std::puts("  Both are the initiator's, median of the four exchanges.");
+  std::puts("\n  Init: set up the group, create a key pair. Agreement: read the peer's value, compute the secret.");
+  std::puts("  Both are times of the initiator, the median of the four exchanges.");
   std::puts("\nKeys that each side draws from prf+ in one exchange (RFC 7296 section 2.14), in bytes\n");
   std::printf("  %-15s %-16s %-19s %5s %9s %9s %9s %6s\n", "PRF", "Encryption", "Integrity", "SK_d", "SK_ai/ar",
               "SK_ei/er", "SK_pi/pr", "Sum");
@@ -74,7 +74,7 @@ void printSuites() {
                 suite.integrityName, lengths[SK_d], lengths[SK_ai], lengths[SK_ei], lengths[SK_pi],
                 totalKeyBytes(suite));
   }
-  std::puts("\n  AES-GCM takes 4 bytes of salt besides its key and no integrity keys (RFC 4106, RFC 5282).");
+  std::puts("\n  AES-GCM takes 4 bytes of salt in addition to its key, and no integrity keys (RFC 4106, RFC 5282).");
 }
 
 void printSummary(const Results& results) {

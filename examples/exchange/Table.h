@@ -1,4 +1,4 @@
-// The results as tables for a terminal of 100 columns, printed row by row as they come in.
+// The results as tables for a terminal of 100 columns. Each row is printed as soon as its results are known.
 #pragma once
 
 #include "Results.h"
@@ -8,7 +8,7 @@ namespace Exchange {
 void printPublishedHead();
 void printPublished(const PublishedResult& result);
 
-// Says for which groups nothing is published, when the run concerns one of them only.
+// Says that nothing is published for a group, if the run is for that group only.
 void printNothingPublished(const Group& group);
 
 void printGroupHead();

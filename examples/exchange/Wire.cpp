@@ -77,7 +77,7 @@ std::vector<ByteVector> splitFields(const ByteVector& body) {
     const std::size_t left = body.size() - position;
     const std::size_t length = left < 2 ? left : readNumber(&body[position], 2);
     if (left < 2 || length > left - 2) {
-      throw LinkFailure("the peer process sent a field that reaches beyond its message");
+      throw LinkFailure("the peer process sent a field that extends beyond its message");
     }
     const auto start = body.begin() + static_cast<std::ptrdiff_t>(position) + 2;
     fields.emplace_back(start, start + static_cast<std::ptrdiff_t>(length));
@@ -132,7 +132,7 @@ Link Link::connectTo(const Descriptor& listener, Timeout timeout) {
   sockaddr_in address = {};
   socklen_t size = sizeof(address);
   Descriptor connected(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  // On the loopback a connection is made or refused at once.
+  // On the loopback interface a connection is accepted or refused at once.
   if (getsockname(listener.number(), reinterpret_cast<sockaddr*>(&address), &size) != 0 ||  //
       connected.number() < 0 || connect(connected.number(), reinterpret_cast<const sockaddr*>(&address), size) != 0) {
     failWithErrno("cannot connect to 127.0.0.1");
@@ -153,7 +153,7 @@ Link Link::acceptFrom(const Descriptor& listener, Timeout timeout) {
 Link::Link(Descriptor connected, Timeout longest) : socket(std::move(connected)), timeout(longest) {
   setNonBlocking(socket);
   const int on = 1;
-  // Two messages in a row must not wait for an acknowledgement. Without this they would, and nothing worse.
+  // A second message need not wait for the acknowledgement of the first. If this call fails, it merely takes longer.
   (void)setsockopt(socket.number(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
 }
 
@@ -174,7 +174,7 @@ void Link::send(const Message& message) {
     if (count >= 0) {
       sent += static_cast<std::size_t>(count);
     } else if (wouldBlock()) {
-      waitFor(socket, POLLOUT, deadline, "taking a message");
+      waitFor(socket, POLLOUT, deadline, "accepting a message");
     } else {
       failWithErrno("the peer process is gone");
     }
@@ -190,7 +190,7 @@ Message Link::receive(MessageType type, std::size_t fieldCount) {
     throw Refused("the peer says: " + textOf(message->fields[0]));
   }
   if (message->type != type || message->fields.size() != fieldCount) {
-    throw LinkFailure("the peer process sent another message than the one expected");
+    throw LinkFailure("the peer process sent a message other than the one expected");
   }
   return std::move(*message);
 }
@@ -213,7 +213,7 @@ std::optional<Message> Link::receiveAny() {
   return Message{static_cast<MessageType>(head[0]), splitFields(body)};
 }
 
-// Returns how many bytes came: fewer than asked for only when the peer has closed the connection.
+// Returns how many bytes were received: fewer than asked for only if the peer has closed the connection.
 std::size_t Link::read(unsigned char* into, std::size_t size, Deadline deadline) {
   std::size_t got = 0;
   while (got < size) {

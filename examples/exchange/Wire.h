@@ -1,5 +1,6 @@
-// Messages between the two processes, over TCP. A message is a type byte, the length of its body in four bytes, and the
-// body; the body is a list of fields, each with its length in two bytes in front. All numbers are big-endian.
+// Messages between the two processes, over TCP. A message consists of a type byte, the length of its body in four
+// bytes, and the body. The body is a list of fields, each with its length in two bytes in front. All numbers are
+// big-endian.
 #pragma once
 
 #include "Ipsec.h"
@@ -19,7 +20,7 @@ enum class MessageType : unsigned char {
   Offer = 1,         // group, PRF, SPI, public value, nonce
   Answer = 2,        // SPI, public value, nonce
   Fingerprints = 3,  // one field per item
-  Verdict = 4,       // what the responder found to differ: one text, empty when nothing does
+  Verdict = 4,       // one text that says what the responder found to differ; empty when nothing does
   Refusal = 5,       // one text: this exchange has failed on the sender's side
 };
 
@@ -34,7 +35,7 @@ std::string textOf(const ByteVector& field);
 // Throws LinkFailure for a field that is not a number.
 unsigned long numberOf(const ByteVector& field);
 
-// A descriptor that is closed when its owner goes.
+// A descriptor that is closed when this object is destroyed.
 class Descriptor {
  public:
   explicit Descriptor(int number) : fd(number) {}
@@ -55,8 +56,8 @@ using Timeout = std::chrono::milliseconds;
 // Opens a listening socket on 127.0.0.1 at a port that the kernel chooses. Throws LinkFailure.
 Descriptor listenOnLoopback();
 
-// Link is one connection. Nothing on it waits longer than the timeout, whatever the peer does; every failure is a
-// LinkFailure, and the connection is then of no more use.
+// Link is one connection. No call waits longer than the timeout, whatever the peer does. Every failure is a
+// LinkFailure, and the connection must not be used after one.
 class Link {
  public:
   // Connects to a listening socket on this host.
@@ -66,10 +67,10 @@ class Link {
 
   void send(const Message& message);
 
-  // Returns the next message, which must be of this type and have so many fields. Throws Refused for a Refusal.
+  // Returns the next message, which must have this type and that many fields. Throws Refused for a Refusal.
   Message receive(MessageType type, std::size_t fieldCount);
 
-  // Returns the next message of any type; none when the peer has closed the connection between two messages.
+  // Returns the next message of any type, or none if the peer has closed the connection between two messages.
   std::optional<Message> receiveAny();
 
  private:

@@ -1,5 +1,5 @@
-// Feeds the agent's parsers with what a hostile peer, or anybody on the way, may send. The first byte picks the parser;
-// the only ways out are a result, Malformed, and a Failure that reports a refusal.
+// Gives the agent's parsers what a hostile peer, or anybody on the way, may send. The first byte chooses the parser. A
+// parser may only return a result, throw Malformed, or throw a Failure that reports a refusal.
 
 #include "Esp.h"
 #include "Failure.h"
@@ -56,7 +56,7 @@ void readBodies(const std::vector<Payload>& payloads) {
   attempt([&] { (void)findNotify(payloads, notifyCookie); });
 }
 
-// A message that parses is written back as the bytes it came from, but for reserved bits and next payload fields.
+// A message that can be parsed is written back as the same bytes, except for reserved bits and next payload fields.
 void readMessage(ByteView datagram) {
   const Message message = parseMessage(datagram);
   readBodies(message.payloads);
@@ -86,7 +86,7 @@ void readEncrypted(ByteView datagram) {
   (void)sa.open(datagram);
 }
 
-// Behind the ICV: ESP without encryption, its ICV made right.
+// Input that reaches the code after the check of the ICV: ESP without encryption, with a correct ICV.
 void readEsp(ByteView input) {
   Protection protection;
   protection.encr = {Ipsec::ENCR_NULL, 0};
