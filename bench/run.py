@@ -145,8 +145,8 @@ def figure(value, unit=""):
 
 
 def print_table(results):
-    print("Times in microseconds of CPU. Ratio: the library to bare OpenSSL called the best way.")
-    print("IKE SA: own key pair and public value, the peer's value, the secret, nonces, seven keys.\n")
+    print("Times in microseconds of CPU. Ratio: the library to bare OpenSSL, called in the best way.")
+    print("IKE SA: a key pair and its public value, the peer's value, the secret, nonces, seven keys.\n")
     head = f"{'':<34}{'library':>9}{'OpenSSL':>9}{'ratio':>8}{'goal':>7}  {'met':<4}"
     print(f"{head}{'Botan':>9}{'Botan/library':>15}")
     for subject, case, label, ratio, goal in rated(results):
@@ -159,7 +159,7 @@ def print_table(results):
             f"{figure(botan / ours) if botan else '-':>15}"
         )
     if not any(side == "botan" for _, _, side in results.values):
-        print("Botan: not compared, it was not found when the benchmarks were built")
+        print("Botan: not compared, because it was not found when the benchmarks were built")
     print(f"\n{head}{'joined':>9}{'ratio to it':>15}")
     for subject, case, label, ratio, goal in rated(results):
         if subject != "prf+":
@@ -247,7 +247,7 @@ def write_chart(results, path):
 def main():
     parser = argparse.ArgumentParser(description="Runs the benchmarks of a build folder.")
     parser.add_argument("build", help="a build folder configured with -DIPSEC_BENCH=ON, best as Release")
-    parser.add_argument("--quick", action="store_true", help="one process and few slices: a look, not a measurement")
+    parser.add_argument("--quick", action="store_true", help="one process and few slices: not a measurement")
     arguments = parser.parse_args()
     results = measure(arguments.build, arguments.quick)
     if results.cases("ike-sa") or results.cases("prf+"):

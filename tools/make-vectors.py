@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
-"""Makes the known-answer files of tests/vectors with arithmetic of its own, as an oracle beside OpenSSL.
+"""Writes the known-answer files of tests/vectors with its own arithmetic, as an oracle that does not use OpenSSL.
 
-Modular exponentiation is Python's pow. Elliptic curves, HMAC (RFC 2104) and prf+ are written out here over plain
+Modular exponentiation is Python's pow. Elliptic curves, HMAC (RFC 2104) and prf+ are written out here with plain
 integers and hashlib's digests. Primes come from the closed formulas of RFC 2409 and RFC 3526. Every "random" number is
-a hash of its label, so the files come out the same each time.
+a hash of its label, so the files are the same each time.
 
-Published figures (rfc5903.txt, rfc5114.txt and the RFC blocks of hmac.txt) are transcribed, not made: they stay as they
-stand, and the oracle recomputes every one of them before it writes or checks anything.
+Published figures (rfc5903.txt, rfc5114.txt and the RFC blocks of hmac.txt) are transcribed, not computed. They are
+never changed, and the oracle recomputes each of them before it writes or checks anything.
 
   tools/make-vectors.py           writes the files
-  tools/make-vectors.py --check   fails when a committed file differs from what would be written
+  tools/make-vectors.py --check   fails if a committed file differs from what would be written
 """
 
 import argparse
@@ -43,7 +43,7 @@ def seededBytes(label, size):
 
 
 def seededInt(label, bits):
-    """A number of exactly that many bits."""
+    """A number of exactly this many bits."""
     return toInt(seededBytes(label, (bits + 7) // 8)) % 2 ** (bits - 1) + 2 ** (bits - 1)
 
 
@@ -126,7 +126,7 @@ class ModpGroup:
         return seededInt(f"group {self.number} {label}", self.exponentBits)
 
     def searchExponent(self, base, label, zeros):
-        """The first exponent after the label's own whose power of base has that many leading zero bytes."""
+        """The first exponent, from the label's own on, whose power of base has that many leading zero bytes."""
         exponent = self.seededExponent(label)
         power = pow(base, exponent, self.p)
         while not hasLeadingZeros(power, self.size, zeros):
@@ -197,7 +197,7 @@ class Curve:
         return toBytes(self.multiply(toInt(private) % self.order, self.decode(peer))[0], self.size)
 
     def pointWithX(self, x):
-        """The point of that x and the even y, or None. All three primes are 3 modulo 4."""
+        """The point with this x and the even y, or None. All three primes are 3 modulo 4."""
         square = (x**3 - 3 * x + self.b) % self.p
         root = pow(square, (self.p + 1) // 4, self.p)
         if root * root % self.p != square:
@@ -227,7 +227,7 @@ class Curve:
         return sums
 
     def searchScalar(self, base, label, accepts):
-        """The first number after the label's own whose multiple of base is accepted."""
+        """The first number above the label's own whose multiple of base is accepted."""
         scalar = self.seededScalar(label)
         steps = list(itertools.accumulate(itertools.repeat(base, 256), self.add))
         point = self.multiply(scalar, base)
@@ -397,7 +397,7 @@ def dhModpBlocks(group):
         yield exchangeBlock("largest public value in range, p - 2", group, b"\x03", group.encode(group.p - 2))
     else:
         yield exchangeBlock("one-byte private key", group, b"\x02", peer)
-    # The long groups have none of these: they would cost much space, and time to find.
+    # The long groups have none of these: they would take much space, and much time to find.
     if group.size <= 256:
         yield exchangeBlock(
             "two leading zero bytes in the own public value", group, found(group.g, "public 2", 2), peer
@@ -477,7 +477,7 @@ def smallPrimeFactors(number, limit):
 
 
 def elementOfOrder(group, order):
-    """An element of that order (a product of different primes that divides p - 1)."""
+    """An element of this order, which is a product of different primes and divides p - 1."""
     primes = list(smallPrimeFactors(order, order + 1)) if order < 2**32 else [order]
     for base in itertools.count(2):
         element = pow(base, (group.p - 1) // order, group.p)
@@ -516,7 +516,7 @@ def dhEcpInvalidBlocks(curve):
     private = toBytes(curve.seededScalar("own"), size)
 
     def judged(note, x, y):
-        """What OpenSSL makes of the value: coordinates are reduced modulo p, the reduced point is judged."""
+        """What OpenSSL does with the value: coordinates are reduced modulo p, and the reduced point is checked."""
         block = {"Note": note, "Group": curve.number, "Peer": curve.encode((x, y))}
         reduced = x % p, y % p
         if not curve.contains(reduced):
@@ -556,7 +556,7 @@ def dhEcpInvalidBlocks(curve):
 
 
 def pointOnShiftedCurve(curve):
-    """The y for x = 0 on y^2 = x^3 - 3x + b', with the first b' above b that has one."""
+    """The y for x = 0 on y^2 = x^3 - 3x + b', with the first b' above b for which there is one."""
     for shifted in itertools.count(curve.b + 1):
         root = pow(shifted, (curve.p + 1) // 4, curve.p)
         if root * root % curve.p == shifted % curve.p:
@@ -628,7 +628,7 @@ def prfPlusBlock(hashName, mode, key, seed):
 
 def require(condition, path, number, what):
     if not condition:
-        sys.exit(f"{path}: block {number}: {what} does not follow from the other figures")
+        sys.exit(f"{path}: block {number}: {what} does not agree with the other figures")
 
 
 def checkExchanges(path, groupNumbers):
@@ -638,9 +638,9 @@ def checkExchanges(path, groupNumbers):
         private, peer = bytes.fromhex(block["Private"]), bytes.fromhex(block["Peer"])
         require(group.public(private).hex() == block["Public"], path, number, "Public")
         require(group.secret(private, peer).hex() == block["Secret"], path, number, "Secret")
-    # Both sides of each exchange are there.
+    # Both sides of each exchange must be there.
     if [int(block["Group"]) for block in blocks] != [group for group in groupNumbers for _ in range(2)]:
-        sys.exit(f"{path}: not both sides of one exchange for each of the groups {groupNumbers}")
+        sys.exit(f"{path}: there are not both sides of one exchange for each of the groups {groupNumbers}")
 
 
 def publishedHmacBlocks(path):
@@ -651,7 +651,7 @@ def publishedHmacBlocks(path):
         published = 2 * int(block.get("Truncated", len(output) // 2))
         require(output[:published] == block["Output"], path, number, "Output")
     if len({(block["Hash"], block["Source"]) for block in blocks}) != 28:
-        sys.exit(f"{path}: not 7 published cases for each of the 4 digests")
+        sys.exit(f"{path}: there are not 7 published cases for each of the 4 digests")
     return blocks
 
 
@@ -720,7 +720,7 @@ counted from 1; StreamSha256 is the SHA-256 of the first Blocks blocks together.
 
 def main():
     parser = argparse.ArgumentParser(description="Makes the known-answer files of tests/vectors.")
-    parser.add_argument("--check", action="store_true", help="compare with the files that are there, write nothing")
+    parser.add_argument("--check", action="store_true", help="compare with the existing files and write nothing")
     arguments = parser.parse_args()
     stale = []
     for name, text in makeFiles().items():
@@ -730,7 +730,7 @@ def main():
         elif not arguments.check:
             path.write_text(text)
     if stale:
-        sys.exit("not what tools/make-vectors.py writes: " + ", ".join(stale))
+        sys.exit("these files differ from what tools/make-vectors.py writes: " + ", ".join(stale))
 
 
 if __name__ == "__main__":

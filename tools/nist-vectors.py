@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Turns NIST's and other published test files into the block files that tests/support/VectorFile reads.
+"""Converts NIST's and other published test files into the block files that tests/support/VectorFile reads.
 
   tools/nist-vectors.py --package [DIR] --out DIR   Debian's python3-cryptography-vectors
   tools/nist-vectors.py --shared DIR --out DIR      a folder with nist/ (CAVS, ACVP) and boringssl/ test files
 
-Sets that are not for our groups, digests or key forms are dropped. How many blocks of each file were kept and dropped
-is printed. Nothing is computed here: every figure stands in the source, only renamed, joined or padded.
+Sets that are not for our groups, digests or key forms are dropped. The number of blocks of each file that were kept and
+dropped is printed. Nothing is computed here: every figure is in the source, and is only renamed, joined or padded.
 """
 
 import argparse
@@ -25,7 +25,7 @@ DIGEST_SIZES = {"SHA-1": 20, "SHA-256": 32, "SHA-384": 48, "SHA-512": 64}
 
 
 def loadModpGroups():
-    """The reference primes, by group, as the sibling script computes them."""
+    """The reference primes by group, as make-vectors.py computes them."""
     path = pathlib.Path(__file__).resolve().parent / "make-vectors.py"
     found = importlib.util.spec_from_file_location("make_vectors", path)
     module = importlib.util.module_from_spec(found)
@@ -34,7 +34,7 @@ def loadModpGroups():
 
 
 class Output:
-    """Collects blocks for each file and counts what came from where."""
+    """Collects the blocks of each file and counts how many came from which source."""
 
     def __init__(self, folder):
         self.folder = folder
@@ -70,7 +70,7 @@ class Output:
 
 
 def readBlocks(path):
-    """Yields (section, block) of a text file: the section is the list of bracketed lines above the block.
+    """Yields (section, block) of a text file. The section is the list of bracketed lines above the block.
 
     A block ends at a blank line or where "COUNT" starts the next one. A name without a value gets an empty one.
     """
@@ -89,7 +89,7 @@ def readBlocks(path):
 
 
 def padded(hexText, size):
-    """The same number at that length: some sources pad to whole words, some not at all."""
+    """The same number with this length: some sources pad to whole words, and some not at all."""
     return int(hexText, 16).to_bytes(size, "big").hex()
 
 
@@ -105,13 +105,13 @@ def hexOrQuoted(value):
 
 
 def convertKasEcdh(path, out):
-    """NIST's validity tests of ECDH; Result tells what was spoilt, if anything."""
+    """NIST's validity tests of ECDH. Result says what was made wrong on purpose, if anything."""
     for section, block in readBlocks(path):
         if "Result" not in block:
             continue
         parameterSet = section[-1].split(" ")[0]
         if parameterSet not in KAS_SECTIONS:
-            out.drop("ECDH curve that is none of our groups")
+            out.drop("ECDH curve that is not one of our groups")
             continue
         group, size = CURVES[KAS_SECTIONS[parameterSet]]
         result = re.search(r"\((.*)\)", block["Result"]).group(1).strip()
@@ -138,10 +138,10 @@ def convertKasDh(path, groupOfPrime, out):
         prime = int(block["P"], 16) if "P" in block else prime
         if "Result" not in block:
             continue
-        # All of these sets come with primes of their own.
+        # All of these sets have their own primes.
         if prime in groupOfPrime:
             raise SystemExit(f"{path.name}: a set for one of our groups, which this script does not convert yet")
-        out.drop("finite-field DH set with a prime of its own")
+        out.drop("finite-field DH set with its own prime")
 
 
 def convertRfc5114(path, groupOfPrime, out):
@@ -153,7 +153,7 @@ def convertRfc5114(path, groupOfPrime, out):
     for block in merged:
         group = groupOfPrime.get(int(block["P"], 16))
         if group is None:
-            out.drop("RFC 5114 group that is none of ours")
+            out.drop("RFC 5114 group that is not one of ours")
             continue
         size = (int(block["P"], 16).bit_length() + 7) // 8
         public = {side: padded(block[f"Ystat{side}"], size) for side in ("CAVS", "IUT")}
@@ -175,7 +175,7 @@ def convertParameters(path, groupOfPrime, out):
     for _, block in readBlocks(path):
         group = groupOfPrime.get(int(block["P"], 16))
         if group is None:
-            out.drop("RFC 3526 group that is none of ours")
+            out.drop("RFC 3526 group that is not one of ours")
             continue
         out.keep(
             "rfc3526_parameters.txt",
@@ -347,7 +347,7 @@ def convertBoringDh(path, out):
         if "DHKey" in block:
             keys[block["DHKey"]] = block
         elif "DiffieHellmanPad" not in block:
-            out.drop("DH derivation without padding, or of keys that do not match")
+            out.drop("DH derivation without padding, or with keys that do not match")
         else:
             own, peer = keys[block["Derive"]], keys[block["DerivePeer"]]
             out.keep(
@@ -424,7 +424,7 @@ def main():
         help=f"the folder of Debian's python3-cryptography-vectors, by default {PACKAGE}",
     )
     source.add_argument("--shared", type=pathlib.Path, metavar="DIR", help="a folder with nist/ and boringssl/")
-    parser.add_argument("--out", type=pathlib.Path, required=True, metavar="DIR", help="where the block files go")
+    parser.add_argument("--out", type=pathlib.Path, required=True, metavar="DIR", help="the folder for the block files")
     arguments = parser.parse_args()
     out = Output(arguments.out)
     if arguments.package:

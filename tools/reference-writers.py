@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A second, slow implementation of the two file writers, and a stream of random cases with its answers.
+"""A second, slow implementation of the two file writers. It prints random cases with its answers.
 
 Usage: reference-writers.py SEED COUNT
 
@@ -8,11 +8,11 @@ in decimal, a colon and the bytes:
 
     writer          "connections" or "secrets"
     settings        their number, then name and value of each
-    before          "1" and the old file, or "0" where there is none
-    outcome         "done", or "missing" where the call is refused for a setting
-    after           the file after a call that is done; the temporary file after a refused one
+    before          "1" and the old file, or "0" if there is none
+    outcome         "done", or "missing" if the call is refused because of a setting
+    after           the file after a call that is done, the temporary file after a refused one
 
-This program and the library have nothing in common but the behaviour: where they differ, one of them is wrong.
+This program and the library share no code. Where their results differ, one of them is wrong.
 """
 
 import random
@@ -21,8 +21,8 @@ import sys
 
 AUTH_WORDS = {b"pre-share": b"secret", b"pki": b"pubkey"}
 
-# The characters of names and addresses here are literal in every regular-expression dialect, except for the dot, which
-# does not match a carriage return in the library's.
+# All characters of names and addresses here stand for themselves in every regular-expression dialect, except the dot.
+# In the library's dialect the dot does not match a carriage return.
 DOT = b"[^\r\n]"
 
 
@@ -36,7 +36,7 @@ def lines_of(text):
 
 
 class Missing(Exception):
-    """A setting that the call needs is not there, or an authentication type is unknown."""
+    """A setting that the call needs is missing, or an authentication type is unknown."""
 
 
 def need(settings, name):
@@ -159,7 +159,7 @@ def text_of(lines):
 
 
 def write_connections(settings, before):
-    """Returns the outcome and the file of it."""
+    """Returns the outcome and the resulting file."""
     copy = copied_connections(settings, before)
     if "delete" in settings:
         return b"done", text_of(copy)
@@ -172,7 +172,7 @@ def write_connections(settings, before):
 
 
 def write_secrets(settings, before):
-    """Returns the outcome and the file of it."""
+    """Returns the outcome and the resulting file."""
     is_default = settings.get("secret") == b"%default"
     pattern = None
     if is_default:
@@ -239,7 +239,7 @@ OPTIONAL = [
 
 
 def altered(name):
-    """Returns the name with some bytes changed: what a dot may match, or just another name."""
+    """Returns the name with some bytes changed: to what a dot may match, or just to another name."""
     return bytes(random.choice(b"x.-\r\x00\xff") if random.random() < 0.15 else byte for byte in name)
 
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs every fuzzer of a build folder for some seconds each, from seeds of its own making.
+"""Runs every fuzzer of a build folder for some seconds each, beginning with an empty corpus.
 
 Usage: run-fuzzers.py BUILD_DIR SECONDS
 """
