@@ -9,7 +9,7 @@ namespace Base {
 
 class Descriptor {
  public:
-  // Takes what open() and its like return; a negative number stands for none.
+  // Takes the result of open() and similar functions. A negative number means that there is no descriptor.
   explicit Descriptor(int opened) noexcept : number(opened) {}
   ~Descriptor() { (void)close(); }
   Descriptor(const Descriptor&) = delete;
@@ -18,7 +18,7 @@ class Descriptor {
   int get() const noexcept { return number; }
   bool isOpen() const noexcept { return number >= 0; }
 
-  // Tells whether the kernel accepted all that was written. Only the first call closes; later ones return false.
+  // Closes the descriptor. Returns whether the kernel accepted all that was written. Later calls return false.
   bool close() noexcept {
     const int closing = std::exchange(number, -1);
     return closing >= 0 && ::close(closing) == 0;

@@ -1,5 +1,5 @@
-// MadeOnce is a place for an object that is created at first use and then shared, unchanged, by all threads until the
-// process ends. It is never freed: static destructors that run before OpenSSL's own clean-up may still compute with it.
+// MadeOnce holds an object that is created at first use and is then shared, unchanged, by all threads until the process
+// ends. The object is never freed: static destructors that run before OpenSSL's clean-up may still compute with it.
 #pragma once
 
 #include <atomic>

@@ -1,7 +1,8 @@
-// Owning pointers over OpenSSL's handles, named by whether freeing clears.
+// Owning pointers for OpenSSL's handles. Where it matters, the name says whether freeing clears: "Public" or "Secret".
 //
-// Everything local is one of these. Fields whose layout is contract keep raw handles, and adopt() is the one place where
-// such a field changes hands. into() lets a function that returns its handle through a pointer fill an owning pointer.
+// Every local handle is held by one of these. Fields whose layout is contract hold raw handles, and adopt() is the only
+// place where such a field gets a new one. into() lets a function that returns its handle through a pointer fill an
+// owning pointer.
 #pragma once
 
 #include <openssl/bn.h>
@@ -23,7 +24,7 @@ struct FreeWith {
   }
 };
 
-// Parameters may hold a private value, which OSSL_PARAM_free leaves in memory that others get next.
+// Parameters may hold a private value, and OSSL_PARAM_free does not clear the memory that it frees.
 inline void clearAndFree(OSSL_PARAM* params) noexcept {
   for (const OSSL_PARAM* param = params; param != nullptr && param->key != nullptr; ++param) {
     OPENSSL_cleanse(param->data, param->data_size);
@@ -51,8 +52,8 @@ void adopt(T*& field, std::unique_ptr<T, FreeWith<freeFunction>> handle) noexcep
   field = handle.release();
 }
 
-// Into is what into() passes to a function in the place of its T** parameter. At the end of the statement the owner
-// takes what the function stored there, also when the function then failed.
+// Into is what into() passes to a function as its T** parameter. At the end of the statement the owner takes what the
+// function stored there, even if the function failed.
 template <class T, class Free>
 class Into {
  public:
@@ -68,7 +69,8 @@ class Into {
   T* handle = nullptr;
 };
 
-// EVP_PKEY_generate(context.get(), into(key)): the owner is filled once the statement, or the condition, has ended.
+// Use it as in EVP_PKEY_generate(context.get(), into(key)).
+// Warning: the owner is filled only at the end of the whole statement or condition, and is still empty before that.
 template <class T, class Free>
 Into<T, Free> into(std::unique_ptr<T, Free>& owner) noexcept {
   return Into<T, Free>(owner);

@@ -1,4 +1,4 @@
-// SecretBytes is an array of bytes on the stack that holds a secret, and is cleared when it goes.
+// SecretBytes is an array of bytes on the stack that holds a secret. The destructor clears it.
 #pragma once
 
 #include <openssl/crypto.h>

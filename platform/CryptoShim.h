@@ -5,8 +5,8 @@
 // library, is therefore another function and cannot replace one of these.
 //
 // Every object returned belongs to the caller, who frees it with EVP_PKEY_free. All arguments are borrowed. Any thread
-// may call any function; one object is used by one thread at a time. No function throws. A function that fails may leave
-// OpenSSL's reasons in the thread's error queue.
+// may call any function; one object is used by one thread at a time. No function throws. A function that fails may
+// leave OpenSSL's reasons in the thread's error queue.
 #pragma once
 
 #include <openssl/types.h>
@@ -21,41 +21,43 @@ typedef struct ec_point_st EC_POINT;
 
 // --- MODP -----------------------------------------------------------------------------------------------------------
 
-// Returns a key object that holds only the parameters of RFC 5114's 2048-bit group with 256-bit prime-order subgroup;
-// null on failure. The object may be shared with other callers: use it as parameters, do not change it.
+// Returns a key object that holds only the parameters of RFC 5114's 2048-bit group with 256-bit prime-order subgroup,
+// or null on failure.
+// Warning: the object may be shared with other callers. Use it as parameters only: a change would change it for all.
 EVP_PKEY* EVP_PKEY_DH_params_2048_256();
 
-// Returns a DH key object with prime p, generator g and, where not null, the public value pub and the private value
-// priv. With priv and without pub, pub is computed as g^priv mod p. With neither, the object holds parameters only (and
-// may be shared, as above). The values are used as they are: a peer's value is checked when a secret is computed with
-// it. Null on failure.
+// Returns a DH key object with prime p and generator g, and with the public value pub and the private value priv if
+// they are not null. With priv and without pub, pub is computed as g^priv mod p. With neither, the object holds only
+// parameters and may be shared, as above. The values are used as they are: a peer's value is checked when a secret is
+// computed with it. Returns null on failure.
 EVP_PKEY* EVP_PKEY_DH_from_params(BIGNUM* p, BIGNUM* g, BIGNUM* pub, BIGNUM* priv);
 
-// Returns a new key pair over the parameters of params, which stays the caller's; null on failure, also when params is
-// null. For the primes of IKE's groups private exponents have at least twice the bits of the group's strength (RFC 3526
-// section 8, SP 800-56A); for any other prime OpenSSL chooses their length.
+// Returns a new key pair with the parameters of params, which still belongs to the caller. Returns null on failure,
+// also when params is null. For the primes of IKE's groups, private exponents have at least twice the bits of the
+// group's strength (RFC 3526 section 8, SP 800-56A). For any other prime OpenSSL chooses their length.
 EVP_PKEY* EVP_PKEY_DH_generate_keys(EVP_PKEY* params);
 
-// Copies the prime, the generator, the public and the private value into those of the four numbers that are not null.
-// Returns 0 on success, non-zero on failure.
+// Copies the prime, the generator, the public value and the private value into those of the four numbers that are not
+// null. Returns 0 on success and non-zero on failure.
 int EVP_PKEY_DH_get_params(EVP_PKEY* key, BIGNUM* p, BIGNUM* g, BIGNUM* pub, BIGNUM* priv);
 
 // --- Elliptic curves ------------------------------------------------------------------------------------------------
 
-// Returns a new EC key object on the named curve of group with the public point pub and, where not null, the private
-// number priv; null on failure, and for a curve other than P-256, P-384 and P-521. The point is used as it is: the
-// caller has checked that it lies on the curve.
+// Returns a new EC key object on the named curve of group, with the public point pub and, if it is not null, the
+// private number priv. Returns null on failure, and for a curve other than P-256, P-384 and P-521.
+// Warning: the point is not checked. The caller must have made sure that it lies on the curve.
 EVP_PKEY* EVP_PKEY_EC_from_params(EC_GROUP* group, EC_POINT* pub, BIGNUM* priv);
 
 // --- Both -----------------------------------------------------------------------------------------------------------
 
-// Computes the Diffie-Hellman secret of own's private and peer's public value, big-endian, into the buffer at *secret,
-// and stores its length in *secretLen. *secretLen is 0 on input and is no buffer size: the caller's buffer has the byte
-// length of the prime (MODP) or of a field element (elliptic curves), and the secret is left-padded to it. Returns 0 on
-// success; on failure non-zero, and neither the buffer nor the length is touched.
+// Computes the Diffie-Hellman secret of own's private value and peer's public value. Writes it big-endian into the
+// buffer at *secret, and its length into *secretLen. Returns 0 on success. On failure returns non-zero and changes
+// neither the buffer nor the length.
+// Warning: *secretLen is 0 on input and is not a buffer size. The caller's buffer must have the byte length of the
+// prime (MODP) or of a field element (elliptic curves), and the secret is left-padded to that length.
 //
-// The peer's MODP value is checked here (RFC 6989): 1 < y < p-1 for a safe prime, and y^q = 1 too for any other prime
-// whose q the key knows. That holds for both of OpenSSL's kinds of key, "DH" and "DHX" (X9.42). A point is not checked
+// The peer's MODP value is checked here (RFC 6989): for a safe prime 1 < y < p-1, and for any other prime whose q the
+// key knows also y^q = 1. This is so for both of OpenSSL's kinds of key, "DH" and "DHX" (X9.42). A point is not checked
 // again.
 int EVP_PKEY_get_shared_secret(EVP_PKEY* own, EVP_PKEY* peer, unsigned char** secret, size_t* secretLen);
 
@@ -63,26 +65,27 @@ int EVP_PKEY_get_shared_secret(EVP_PKEY* own, EVP_PKEY* peer, unsigned char** se
 
 struct hmac_state;
 
-// An HMAC computation. Zero it before hmac_create; what it points at is the shim's.
+// An HMAC computation. Set it to zero before hmac_create. What it points to belongs to the shim.
 struct hmac_ctx {
   struct hmac_state* state;
 };
 
-// Prepares a context. Returns 0 on success; after a failure hmac_init fails too.
+// Prepares a context. Returns 0 on success. After a failure hmac_init fails too.
 int hmac_create(struct hmac_ctx* ctx);
 
-// Starts an HMAC with this digest and key and discards pending input. The key's bytes are read at each call; an empty
-// key (length 0, key may be null) is a key. Returns 0 on success; after a failure the context has no open computation.
+// Starts an HMAC with this digest and key, and discards pending input. The key's bytes are read at each call. An empty
+// key (length 0, and key may be null) is a valid key. Returns 0 on success. After a failure the context has no open
+// computation.
 int hmac_init(struct hmac_ctx* ctx, const EVP_MD* md, const unsigned char* key, size_t keyLen);
 
-// Absorbs bytes; none (length 0, data may be null) is fine. Returns 0 on success.
+// Absorbs bytes. No bytes (length 0, and data may be null) are allowed too. Returns 0 on success.
 int hmac_update(struct hmac_ctx* ctx, const unsigned char* data, size_t dataLen);
 
-// Finishes: writes at most outSize bytes of the MAC and stores their number in *written; on failure *written is 0. The
-// context needs hmac_init before its next use. Returns 0 on success.
+// Finishes the computation: writes at most outSize bytes of the MAC and stores their number in *written. Returns 0 on
+// success. On failure *written is 0. The context needs hmac_init before its next use.
 int hmac_final(struct hmac_ctx* ctx, unsigned char* out, size_t outSize, size_t* written);
 
-// Clears and releases what the context holds. Safe on a zeroed context that was never created. Returns 0.
+// Clears and frees what the context holds. Also safe for a context of zeros that was never created. Returns 0.
 int hmac_cleanup(struct hmac_ctx* ctx);
 
 #pragma GCC visibility pop

@@ -1,5 +1,5 @@
-// The constant tables between IKE's algorithm identifiers. They need no construction and no destruction: any thread may
-// read them at any time, also while the process ends.
+// The constant tables from one of IKE's algorithm identifiers to another. They need no construction and no destruction:
+// any thread may read them at any time, also while the process ends.
 #pragma once
 
 #include "CheckedAt.h"
@@ -36,7 +36,7 @@ inline constexpr TableRow<IntegrityAlgo, std::int32_t> integAlgoToKeyBits[] = {
     {AUTH_HMAC_SHA2_512_256, 512},
 };
 
-// Only transforms whose key length is fixed.
+// Holds only the transforms whose key length is fixed.
 inline constexpr TableRow<EncryptionAlgo, std::int32_t> encryptAlgoToKeyBits[] = {
     {ENCR_3DES, 192},
 };

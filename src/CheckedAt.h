@@ -1,5 +1,6 @@
-// Look-ups in the constant tables and in maps of settings. find() answers; checkedAt() is for what the caller must know,
-// and its exception's text is our own: standard libraries word unordered_map::at differently.
+// Look-ups in the constant tables and in maps of settings. find() returns null for a missing key. checkedAt() is for
+// keys that the caller must provide: it throws for a missing one. The exception has its own text, because standard
+// libraries word that of unordered_map::at differently.
 #pragma once
 
 #include <algorithm>

@@ -19,14 +19,14 @@ using Base::MadeOnce;
 
 namespace {
 
-// What is costly to build about a curve. Building the group by name and generating a key by the curve's name cost
-// group 19 a quarter of a whole exchange.
+// The parts of a curve that take long to build. Without sharing them, group 19 would spend a quarter of a whole
+// exchange on building the curve by its name and on generating a key by that name.
 struct SharedCurve {
   MadeOnce<CurvePtr> curve;
   MadeOnce<KeyPtr> parameters;
 };
 
-std::array<SharedCurve, groups.size()> sharedCurves;  // as the rows of the groups; those of MODP groups stay empty
+std::array<SharedCurve, groups.size()> sharedCurves;  // one for each row of the groups; those of MODP groups stay empty
 
 SharedCurve& sharedCurve(const Group& group) {
   return sharedCurves[static_cast<std::size_t>(&group - groups.data())];

@@ -27,7 +27,7 @@ bool isDefaultSecret(const stringmap& entry) {
 
 // --- Rows ------------------------------------------------------------------------------------------------------------
 
-// When says under which condition a line is written: always, with a setting, or with a setting of one value.
+// When says under which condition a line is written: always, if a setting is present, or if it has a certain value.
 struct When {
   const char* setting = nullptr;
   const char* value = nullptr;
@@ -59,7 +59,7 @@ constexpr Value authType(const char* setting) {
   return {setting, Value::Form::AuthType};
 }
 
-// One line of a section that is written. Each column has its own type, so that none can stand in another's place.
+// One line of a section that is written. Each column has its own type, so that no two can be confused.
 struct Row {
   When when;
   const char* text;
@@ -84,7 +84,7 @@ constexpr Row ordinarySection[] = {
     {with("esp"),                       "\tesp=",                     verbatim("esp")},
     {with("tunnelMode").is("IpsecGre"), "\tleftprotoport=47",         nothing},
     {with("tunnelMode").is("IpsecGre"), "\trightprotoport=47",        nothing},
-    // Kept: a second leftsubnet line when the setting is there too. The daemon takes the last one.
+    // Kept: there are two leftsubnet lines when the setting is present too. The daemon takes the last one.
     {with("tunnelMode").is("IpsecVti"), "\tleftsubnet=0.0.0.0/0",     nothing},
     {with("tunnelMode").is("IpsecVti"), "\trightsubnet=0.0.0.0/0",    nothing},
     {with("mark"),                      "\tmark=",                    verbatim("mark")},
@@ -179,7 +179,7 @@ bool isSectionHead(std::string_view line) {
   return line.substr(0, 5) == "conn ";
 }
 
-// Returns the name of the section that is taken out.
+// Returns the name of the section that is removed.
 std::string replacedSection(const stringmap& settings) {
   for (const char* name : {"default", "config"}) {
     const auto found = settings.find(name);
@@ -190,7 +190,7 @@ std::string replacedSection(const stringmap& settings) {
   return {};
 }
 
-// Returns the start of the line that is taken out; none when the entry names no line.
+// Returns what finds the line that is removed, or nothing when the entry names no line.
 std::optional<LineMatcher> replacedSecret(const stringmap& entry) {
   if (isDefaultSecret(entry)) {
     return LineMatcher(" : PSK", LineMatcher::Covers::Start);
@@ -215,7 +215,7 @@ ConnectionLines::ConnectionLines(const stringmap& settings)
       global(has(settings, "uniqueids") ? Part::Ahead : Part::Behind) {}
 
 bool ConnectionLines::keeps(std::string_view line) {
-  // Kept: the words start the global section wherever they stand in a line, in a comment too.
+  // Kept: the words start the global section wherever they are in a line, even in a comment.
   if (global == Part::Ahead && line.find("config setup") != std::string_view::npos) {
     global = Part::Within;
     return false;
@@ -229,7 +229,7 @@ bool ConnectionLines::keeps(std::string_view line) {
   return keepsOutsideGlobal(line);
 }
 
-// Kept: only the first section of the name goes, a second one stays.
+// Kept: only the first section of the name is removed. A second one stays.
 bool ConnectionLines::keepsOutsideGlobal(std::string_view line) {
   if (section == Part::Ahead && ownHead.matches(line)) {
     section = Part::Within;
@@ -252,11 +252,11 @@ std::string newSection(stringmap settings) {
   if (!isDefaultSection(settings)) {
     return sectionText(ordinarySection, settings);
   }
-  // A setting that is there already stays.
+  // emplace keeps a setting that is present already.
   settings.emplace("authby", Ike::stringValue(Ike::IpsecAuthType::PreSharedKey));
   settings.emplace("ikelifetime", "28800");
   settings.emplace("lifetime", "3600");
-  settings.emplace("ikeVersion", "2");  // Kept: no version to the daemon. Each section brings its own.
+  settings.emplace("ikeVersion", "2");  // Kept: this is not a version to the daemon. Each section has its own.
   return sectionText(defaultSection, settings);
 }
 

@@ -1,4 +1,5 @@
-// The IKE daemon's two files: which old lines stay, and what is written. Nothing here touches a file or traces.
+// The contents of the IKE daemon's two files: which old lines stay, and what is written. Nothing here opens a file or
+// traces.
 #pragma once
 
 #include "Ipsec.h"
@@ -11,10 +12,11 @@
 
 namespace Ipsec {
 
-// Appends the lines of text that the rule keeps, each with a newline, also the last. The copy has an append().
+// Appends the lines of text that the rule keeps to the copy, which has an append(). Every line gets a newline, also the
+// last.
 template <class Rule, class Copy>
 void copyLines(std::string_view text, Rule& rule, Copy& copy) {
-  std::size_t keptFrom = 0;  // Kept lines are gathered up to the next dropped one: [keptFrom, start).
+  std::size_t keptFrom = 0;  // Kept lines are collected up to the next dropped one: [keptFrom, start).
   for (std::size_t start = 0; start < text.size();) {
     const std::size_t end = std::min(text.find('\n', start), text.size());
     const std::size_t next = std::min(end + 1, text.size());
@@ -30,15 +32,15 @@ void copyLines(std::string_view text, Rule& rule, Copy& copy) {
   }
 }
 
-// Tells whether a call only takes out a section or an entry.
+// Returns whether a call removes a section or an entry and writes none.
 bool deletes(const stringmap& settings);
 
 // --- The connections file --------------------------------------------------------------------------------------------
 
 inline constexpr char connectionsPath[] = "/etc/strongswan/ipsec.conf";
 
-// ConnectionLines is the rule by which old lines stay when one section is replaced. Throws std::regex_error for a section
-// name that is no expression.
+// ConnectionLines is the rule that decides which old lines stay when one section is replaced. The constructor throws
+// std::regex_error for a section name that is not a valid expression.
 class ConnectionLines {
  public:
   explicit ConnectionLines(const stringmap& settings);
@@ -56,7 +58,7 @@ class ConnectionLines {
   Part section = Part::Ahead;
 };
 
-// Returns the "config setup" section that the call writes, which may be none.
+// Returns the "config setup" section that the call writes, or an empty text if it writes none.
 std::string_view newGlobalSection(const stringmap& settings);
 
 // Returns the section that the call writes. Throws std::out_of_range for a required setting that is missing.
@@ -66,8 +68,8 @@ std::string newSection(stringmap settings);
 
 inline constexpr char secretsPath[] = "/etc/strongswan/ipsec.secrets";
 
-// SecretLines is the rule by which old lines stay when one entry is replaced. Throws std::regex_error for an address that
-// is no expression.
+// SecretLines is the rule that decides which old lines stay when one entry is replaced. The constructor throws
+// std::regex_error for an address that is not a valid expression.
 class SecretLines {
  public:
   explicit SecretLines(const stringmap& entry);

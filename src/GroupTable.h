@@ -1,4 +1,4 @@
-// The Diffie-Hellman groups, one row a group. Everything that differs by a group's number is read from here.
+// The Diffie-Hellman groups, one row per group. Everything that depends on a group's number is read from here.
 #pragma once
 
 #include "CheckedAt.h"
@@ -17,14 +17,14 @@ using PrimeGetter = BIGNUM* (*)(BIGNUM*);
 
 struct Group {
   DhGroupNum number;
-  std::uint64_t publicBytes;  // of a public value on the wire: the prime's length, or twice a coordinate's
+  std::uint64_t publicBytes;  // length of a public value on the wire: that of the prime, or of two coordinates
   PrimeGetter prime;          // null for a curve, and for group 24
   int curve;                  // OpenSSL's number of the curve; NID_undef for a MODP group
 
   constexpr bool isModp() const noexcept { return curve == NID_undef; }
 };
 
-// Group 24 has no prime here: its parameters come as a whole (RFC 5114 section 2.3).
+// Group 24 has no prime here: the crypto shim has all its parameters together (RFC 5114 section 2.3).
 // clang-format off
 inline constexpr std::array<Group, 11> groups = {{
     {MODP_768,           96, BN_get_rfc2409_prime_768,  NID_undef},
@@ -53,8 +53,9 @@ inline std::uint64_t dhGroupToSize(DhGroupNum number) noexcept {
   return group == nullptr ? 0 : group->publicBytes;
 }
 
-// Returns the function that makes the group's prime. Throws std::out_of_range for a group that has none here.
-// Kept: the groups of the curves have a row, and still end in this exception when the MODP form asks for their prime.
+// Returns the function that creates the group's prime. Throws std::out_of_range for a group that has none here.
+// Kept: the groups of the curves have a row too, and the exception still results when the MODP form asks for their
+// prime.
 inline PrimeGetter dhGroupToPrime(DhGroupNum number) {
   const Group* const group = findGroup(number);
   if (group == nullptr || group->prime == nullptr) {

@@ -1,4 +1,5 @@
-// Diffie-Hellman for IKE: the registered log message, the length check, the MODP and the elliptic-curve form, the facade.
+// Diffie-Hellman for IKE: the registered log message, the length check, the MODP and the elliptic-curve form, the
+// facade.
 
 #include "Curves.h"
 #include "GroupTable.h"
@@ -36,8 +37,8 @@ constexpr unsigned entryLevel = 4;
 
 const Tracer trace("IpsecKeyGen", entryLevel);
 
-// Nothing in the library emits this message. It is registered so that it is known wherever the library is loaded.
-// Kept: the blank at the end of the format and the missing one in "ofRelative" are what operators' tools match.
+// Nothing in the library emits this message. It is registered so that it is listed wherever the library is loaded.
+// Kept: the blank at the end of the format and the missing one in "ofRelative". Operators' tools match these texts.
 const Cor::LogHandle invalidDistinguishedName(
     {"IPSEC_INVALID_DN_AS_REMOTE_ID", "Distinguished Name: %s configured for IKE Policy %s is invalid ",
      "Distinguished Name expects a Comma separated list ofRelative Distinguished Names (RDNs), "
@@ -45,7 +46,7 @@ const Cor::LogHandle invalidDistinguishedName(
      "Update Distinguished Name configured as part of remote-id to adhere to X.500 format", 4},
     Vello::Duration(0), 1.0, 0U, 0U);
 
-// Kept: length only. Range, subgroup and curve membership are checked later, when the value is used.
+// Kept: only the length is checked here. Range, subgroup and curve membership are checked when the value is used.
 bool verifyDHValue(DhGroupNum group, const ByteVector* value) {
   trace.note(entryLevel, Cor::TraceSite::here(), "verifyDHValue: DH group: ", std::uint32_t{group});
   const std::uint64_t expected = dhGroupToSize(group);
@@ -59,8 +60,8 @@ bool verifyDHValue(DhGroupNum group, const ByteVector* value) {
   return true;
 }
 
-// Reads bytes as one big-endian number into the given one, or into a new one if it is null. Null on failure, which
-// includes more bytes than OpenSSL can count.
+// Reads bytes as one big-endian number into the given one, or into a new one if that is null. Returns null on failure,
+// also when there are more bytes than OpenSSL can count.
 BIGNUM* toNumber(const ByteVector& bytes, BIGNUM* number) {
   return bytes.size() > INT_MAX ? nullptr : BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), number);
 }
@@ -127,7 +128,7 @@ bool IpsecDHModp::initIpsecDH() {
   }
   sharedSecretComputed = false;
   if (peerPublicValue == nullptr) {
-    peerPublicValue = BN_new();  // setPeerPublicKey makes up for a failure
+    peerPublicValue = BN_new();  // if this fails, setPeerPublicKey creates it
   }
   KeyPtr parameters;
   if (dhGroup == MODP_2048_256) {
@@ -198,7 +199,7 @@ bool IpsecDHModp::setMyPrivateKey(const ByteVector* key) {
   if (!own.p) {
     return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
   }
-  // Kept: a key that cannot be made leaves the object without one, still initialised.
+  // Kept: if the new key cannot be created, the object has no key, but is still initialised.
   adopt(dhKey, KeyPtr(EVP_PKEY_DH_from_params(own.p.get(), own.g.get(), nullptr, priv.get())));
   if (dhKey == nullptr) {
     return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
@@ -218,7 +219,7 @@ bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
   if (decoded == nullptr) {
     return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
   }
-  peerPublicValue = decoded;  // the same number, or a new one where there was none
+  peerPublicValue = decoded;  // the same number, or a new one if there was none
   const ModpParameters own = parametersOf(dhKey);
   if (!own.p) {
     return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the public key");
@@ -227,7 +228,8 @@ bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
   if (!peerKey) {
     return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
   }
-  // Kept: from here on a failure leaves the filler, which an earlier success then hands out. The ECP form leaves zeros.
+  // Kept: a failure from here on leaves the filler in the buffer, and getSharedSecret hands it out if an earlier
+  // exchange succeeded. The ECP form leaves zeros.
   sharedSecret.assign(static_cast<std::size_t>(dhSize), 0xFF);
   unsigned char* secret = sharedSecret.data();
   std::size_t secretLen = 0;
@@ -256,7 +258,7 @@ bool IpsecDHModp::getSharedSecret(ByteVector* out) {
 
 namespace {
 
-// A BN context with one open frame, ended and freed with the object.
+// A BN context with one open frame. The destructor ends the frame and frees the context.
 class Scratch {
  public:
   Scratch() : context(BN_CTX_new()) {
@@ -274,8 +276,8 @@ class Scratch {
   BnContextPtr context;
 };
 
-// Writes two numbers, each right-aligned in its half of the zero-filled vector.
-// Kept: a number that is zero fails, because BN_bn2bin writes nothing for it and says so.
+// Writes two numbers into a zero-filled vector, each right-aligned in its half.
+// Kept: fails for a number that is zero, because BN_bn2bin writes nothing for it and returns 0.
 bool bnCat(const BIGNUM* x, const BIGNUM* y, int half, ByteVector* out) {
   unsigned char* bytes = out->data();
   return BN_bn2bin(x, bytes + (half - BN_num_bytes(x))) != 0 && BN_bn2bin(y, bytes + (2 * half - BN_num_bytes(y))) != 0;
@@ -312,9 +314,10 @@ bool ecpToVector(const EC_GROUP* group, const EC_POINT* point, ByteVector* out) 
   return true;
 }
 
-// Tells whether an encoded point is 0x04 | x | y, of full length and with neither coordinate zero: past its first octet
-// it is then what ecpToVector writes. Decoding it only to encode it again would be two thirds of getMyPublicKey's time:
-// OpenSSL inverts a field element for it. Anything else, the infinity or a compressed point, takes that way.
+// Returns whether an encoded point is 0x04 | x | y, has the full length, and has no coordinate that is zero. What
+// follows its first octet is then exactly what ecpToVector would write. To decode such a point and encode it again
+// would take two thirds of getMyPublicKey's time, because OpenSSL inverts a field element for that. Any other encoding,
+// of the infinity or of a compressed point, is decoded.
 bool isWireForm(const unsigned char* octets, std::size_t length, std::size_t fieldLen) {
   const auto nonZero = [](unsigned char byte) { return byte != 0; };
   const unsigned char* const x = octets + 1;
@@ -323,8 +326,8 @@ bool isWireForm(const unsigned char* octets, std::size_t length, std::size_t fie
          std::any_of(y, y + fieldLen, nonZero);
 }
 
-// Reads x | y as a point and refuses one that is not on the curve. Coordinates at or above the field's prime are
-// reduced by OpenSSL before the point is judged.
+// Reads x | y as a point and refuses one that is not on the curve. OpenSSL reduces coordinates that are equal to or
+// above the field's prime before the point is checked.
 bool vectorToEcp(const EC_GROUP* group, const ByteVector* in, EC_POINT* point) {
   const Scratch scratch;
   if (scratch.get() == nullptr) {
@@ -341,7 +344,8 @@ bool vectorToEcp(const EC_GROUP* group, const ByteVector* in, EC_POINT* point) {
   if (EC_POINT_set_affine_coordinates(group, point, x, y, scratch.get()) == 0) {
     return trace.failed("vectorToEcp", "EC_POINT_set_affine_coordinates_GFp failed");
   }
-  // Kept: an error of the check itself (-1) is no refusal. The coordinates were checked above when they were set.
+  // Kept: an error of the check itself (-1) does not refuse the point. Setting the coordinates has already checked
+  // them.
   if (EC_POINT_is_on_curve(group, point, scratch.get()) == 0) {
     return trace.failed("vectorToEcp", "EC_POINT_is_on_curve failed");
   }
@@ -369,7 +373,7 @@ bool IpsecDHEcp::initIpsecDH() {
     adopt(ecKey, KeyPtr());
     return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
   }
-  adopt(peerPoint, SecretPointPtr());  // a failed attempt's point belongs to the group replaced next
+  adopt(peerPoint, SecretPointPtr());  // the point of a failed attempt belongs to the group that is replaced next
   adopt(ecGroup, newCurve(*group));
   adopt(peerPoint, SecretPointPtr(EC_POINT_new(ecGroup)));  // null for a null group
   if (peerPoint == nullptr) {
@@ -388,8 +392,8 @@ bool IpsecDHEcp::getMyPublicKey(ByteVector* out) {
   if (!initialized) {
     return trace.failed("IpsecDHEcp::getMyPublicKey", "IpsecDHEcp is not initialized");
   }
-  // The longest encoding, of group 21, fits: one read instead of one for the length and one for the bytes.
-  // OpenSSL's failures from here to ecpToVector have no message.
+  // The longest encoding, that of group 21, fits. One read is then enough, instead of one for the length and one for
+  // the bytes. Failures of OpenSSL from here to ecpToVector have no message.
   std::array<unsigned char, 1 + 2 * 66> octets;
   std::size_t length = 0;
   if (ecKey == nullptr ||
@@ -416,7 +420,7 @@ bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
   }
   SecretBn priv;
   if (ecKey == nullptr || EVP_PKEY_get_bn_param(ecKey, OSSL_PKEY_PARAM_PRIV_KEY, into(priv)) == 0) {
-    return false;  // no message for a key that cannot be read
+    return false;  // a key that cannot be read has no message
   }
   if (BN_is_zero(priv.get())) {
     return trace.failed("IpsecDHEcp::getMyPrivateKey", "Wrong privKeyLen size, privKeyLen is 0");
@@ -426,7 +430,8 @@ bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
   return true;
 }
 
-// Failures here have no message. Kept: an earlier secret stays readable after a new private key. The MODP form forgets.
+// Failures here have no message.
+// Kept: an earlier secret stays readable after a new private key is set. The MODP form discards it.
 bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
   trace.entered();
   if (!initialized) {
@@ -437,7 +442,7 @@ bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
   if (!priv || !pub || EC_POINT_mul(ecGroup, pub.get(), priv.get(), nullptr, nullptr, nullptr) != 1) {
     return false;
   }
-  adopt(ecKey, KeyPtr());  // Kept: the old key is gone also when the new one cannot be made
+  adopt(ecKey, KeyPtr());  // Kept: the old key is gone even if the new one cannot be created
   adopt(ecKey, KeyPtr(EVP_PKEY_EC_from_params(ecGroup, pub.get(), priv.get())));
   return ecKey != nullptr;
 }
@@ -453,7 +458,8 @@ bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
   if (!vectorToEcp(ecGroup, peer, peerPoint)) {
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "vectorToEcp failed");
   }
-  // Kept: from here on a failure leaves zeros, which an earlier success then hands out. The MODP form leaves 0xFF.
+  // Kept: a failure from here on leaves zeros in the buffer, and getSharedSecret hands them out if an earlier exchange
+  // succeeded. The MODP form leaves 0xFF.
   const int ecdhSize = fieldLength(ecGroup);
   sharedSecret.assign(static_cast<std::size_t>(ecdhSize), 0);
   unsigned char* secret = sharedSecret.data();
@@ -497,7 +503,7 @@ bool IpsecDHGeneral::setDHGroup(DhGroupNum group) {
 bool IpsecDHGeneral::initIpsecDH() {
   trace.entered();
   if (initialized) {
-    // Kept: reported as an error, answered as a success. The key pair stays.
+    // Kept: this is traced as an error, but the result is true. The key pair stays.
     trace.failed("IpsecDHGeneral::initIpsecDH", "IpsecDHGeneral is already initialized");
     return true;
   }

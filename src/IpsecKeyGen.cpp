@@ -29,7 +29,7 @@ HmacPRFunc::HmacPRFunc() : md(nullptr), hmacCtx{}, keySet(false), initialized(fa
 
 HmacPRFunc::~HmacPRFunc() {
   trace.entered();
-  (void)hmac_cleanup(&hmacCtx);  // always answers 0
+  (void)hmac_cleanup(&hmacCtx);  // always returns 0
 }
 
 bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {
@@ -41,7 +41,7 @@ bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {
   if (md == nullptr) {
     return trace.failed("HmacPRFunc::initHmacPRFunc", "Failed to get the hash function by hashAlgo's name");
   }
-  (void)hmac_create(&hmacCtx);  // a context that could not be created makes setKey fail
+  (void)hmac_create(&hmacCtx);  // without a context, setKey fails
   initialized = true;
   return true;
 }
@@ -91,7 +91,7 @@ bool HmacPRFunc::generatePRStream(const ByteVector* input, ByteVector* output) {
   }
   output->resize(getOutputSize());
   std::size_t written = 0;
-  (void)hmac_final(&hmacCtx, output->data(), output->size(), &written);  // written tells
+  (void)hmac_final(&hmacCtx, output->data(), output->size(), &written);  // written shows whether it succeeded
   if (written == 0) {
     return trace.failed("HmacPRFunc::generatePRStream", "HMAC_Final failed");
   }
@@ -105,8 +105,9 @@ bool HmacPRFunc::generatePRStream(const ByteVector* input, ByteVector* output) {
 
 namespace {
 
-// Finishes a block, prf(K, ... | S [| n]): absorbs the seed and, in a stream that counts, the block's number. The block
-// may be the one that was absorbed first: all input is absorbed before the output is written.
+// Finishes the computation of a block, prf(K, ... | S [| n]): absorbs the seed and, in a stream with a counter, the
+// block's number. The block may be the vector that was absorbed first, because all input is absorbed before the output
+// is written.
 bool finishBlock(PRFunc& prf, const ByteVector& seed, const ByteVector& number, ByteVector* block) {
   if (number.empty()) {
     return prf.generatePRStream(&seed, block);
@@ -157,7 +158,8 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
   out->resize(length);
   ByteVector number;  // allocated once per call, if at all
   for (std::size_t written = 0; written < length;) {
-    if (bufferPos >= buffer.size()) {  // past the end only if a failed block came out shorter than the one before
+    // The position is past the end only if a failed block came out shorter than the one drawn from before.
+    if (bufferPos >= buffer.size()) {
       if (!prf->generatePRStream(&buffer, nullptr)) {
         return trace.failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
       }
@@ -168,7 +170,7 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
                                                                 : "Non-counter based generatePRStream failed");
       }
       if (counterEnabled) {
-        // Kept: the counter wraps to 0 after block 255; the limit of RFC 7296 section 2.13 is not enforced here.
+        // Kept: the counter wraps to 0 after block 255. The limit of RFC 7296 section 2.13 is not enforced here.
         ++counter;
       }
       bufferPos = 0;
@@ -190,7 +192,7 @@ NonceGenerator::NonceGenerator(unsigned long length) : nonceLen(length) {}
 bool NonceGenerator::generateNonce(ByteVector* out) {
   trace.entered();
   out->resize(nonceLen);
-  // Kept: only -1 is a failure. OpenSSL 3 answers 0 when its generator fails; the bytes are then not random.
+  // Kept: only -1 is a failure. OpenSSL 3 returns 0 when its generator fails, and the bytes are then not random.
   if (RAND_bytes(out->data(), static_cast<int>(nonceLen)) == -1) {
     return trace.failed("NonceGenerator::generateNonce", "Failed to generate random number");
   }
@@ -241,7 +243,7 @@ void printVector(const char* label, const ByteVector* vec) {
   for (const int byte : *vec) {
     std::cout << std::setw(2) << std::setfill('0') << std::hex << byte;
   }
-  // Kept: only the base is restored; the fill character stays '0'.
+  // Kept: only the base is restored. The fill character stays '0'.
   std::cout << std::dec << "\nend\n";
 }
 

@@ -1,7 +1,7 @@
-// What an agent does to its host: connection names, the IKE daemon's two files, kernel modules, the replay window,
-// the daemon's liveness, and small formatting helpers.
+// What an agent does on its host: connection names, the IKE daemon's two files, kernel modules, the replay window,
+// whether the daemon runs, and small formatting functions.
 
-// The assertions below are contract, not debugging aids: they stop the process in release builds too.
+// The assertions below are part of the contract and not debugging aids: they stop the process in release builds too.
 #undef NDEBUG
 #include "DaemonFiles.h"
 #include "Ipsec.h"
@@ -51,11 +51,11 @@ constexpr ModuleCommand loadCryptoModules[] = {
     {loader, "crypto_null", "Failed to load crypto_null, rc ", infoLevel},
 };
 
-// Kept: not the reverse of the loading order. A module that another one still uses stays loaded.
+// Kept: this is not the reverse of the loading order. A module that another one still uses stays loaded.
 constexpr ModuleCommand unloadCryptoModules[] = {
     {unloader, "aesni_intel", "Failed to unload aesni_intel, rc ", infoLevel},
     {unloader, "aes-x86_64", "Failed to unload aes-x86_64, rc ", infoLevel},
-    // Kept: the message says cryptd_null; the module removed is crypto_null.
+    // Kept: the message says cryptd_null, but the module that is removed is crypto_null.
     {unloader, "crypto_null", "Failed to unload cryptd_null, rc ", infoLevel},
 };
 
@@ -64,7 +64,7 @@ constexpr ModuleCommand loadFlowModule[] = {
     {loader, "ipsec_flow_parallelization", "Failed to load ipsec_flow_encap netfilter module", Tracer::errorLevel},
 };
 
-// Kept: a tool that ran and failed is not reported. A kernel may well have the module built in, or not at all.
+// Kept: a tool that ran and failed is not reported. A kernel may have the module built in, or may not have it at all.
 void runModuleCommand(const Where& where, const ModuleCommand& command) {
   const char* argv[] = {command.tool, command.module, nullptr};
   const int status = _execCommand(argv);
@@ -113,7 +113,7 @@ void writeConnections(stringmap settings) {
   }
 }
 
-// Takes its map by value as its callers were compiled to pass it.
+// Takes its map by value, because its callers were compiled to pass it so.
 void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-param)
   const std::string oldText = readLines(secretsPath);
   Replacement file(secretsPath);
@@ -132,7 +132,7 @@ void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-pa
 int _execCommand(const char** argv) {
   int status = -1;
   Vello::Ptr<Cor::Process> child = Cor::run(argv, -1, -1, -1, -1);
-  // Kept: a wait that fails leaves the status as it is, also one that a signal handler interrupts.
+  // Kept: a wait that fails leaves the status at -1, also when a signal handler interrupts it.
   (void)waitpid(child->pid(), &status, 0);
   const int waitError = errno;
   child.reset();
@@ -186,8 +186,8 @@ bool isSswanRunning() {
   if (!std::getline(file, line) || line.empty()) {
     return false;
   }
-  // Kept: a daemon of another user that may not be signalled counts as not running, and a number of 0 or below is
-  // passed on: kill then addresses process groups.
+  // Kept: a daemon of another user that the caller may not signal counts as not running. A number of 0 or below is
+  // passed on too, and kill then addresses process groups.
   return kill(std::stoi(line), 0) == 0;
 }
 
@@ -224,16 +224,16 @@ Cor::String secondsToTimestamp(Vello::Duration time) {
   const double wholeSeconds = std::trunc(time.seconds());
   constexpr double beyondTime = 9223372036854775808.0;  // 2^63
   if (!(std::abs(wholeSeconds) < beyondTime)) {
-    return {};  // An infinite time and one that is no number end here too.
+    return {};  // This also covers an infinite time and one that is not a number.
   }
   const auto wholeTime = static_cast<std::time_t>(wholeSeconds);
   std::tm parts = {};
-  constexpr int lastYear = std::numeric_limits<int>::max() - 1900;  // Above it strftime's own sum overflows.
+  constexpr int lastYear = std::numeric_limits<int>::max() - 1900;  // Above this, strftime's own sum overflows.
   if (localtime_r(&wholeTime, &parts) == nullptr || parts.tm_year > lastYear) {
     return {};
   }
   char text[30] = {};
-  (void)std::strftime(text, sizeof text, "%F %T", &parts);  // Fits with any year of an int.
+  (void)std::strftime(text, sizeof text, "%F %T", &parts);  // Long enough for any year of an int.
   return text;
 }
 

@@ -10,9 +10,9 @@ namespace Ipsec {
 
 namespace {
 
-constexpr std::size_t longestPlain = 99996;  // libstdc++ refuses a plain expression of more characters.
+constexpr std::size_t longestPlain = 99996;  // libstdc++ refuses a longer expression of plain characters.
 
-// Tells whether a character stands for itself in an expression, or is the "." that stands for any but a line's end.
+// Returns whether a character stands for itself in an expression, or is the "." that matches all but a line's end.
 bool isPlain(char character) noexcept {
   return (character >= '0' && character <= '9') || (character >= 'a' && character <= 'z') ||
          (character >= 'A' && character <= 'Z') || (character != '\0' && std::strchr(" .:-_%/@", character) != nullptr);

@@ -1,6 +1,6 @@
-// LineMatcher finds what std::regex_search finds with the ECMAScript expression "^" + start, followed by "$" for a whole
-// line. The names and addresses in use hold no metacharacter but ".", and are compared byte by byte, which costs a
-// fraction of the search.
+// LineMatcher finds what std::regex_search finds with the ECMAScript expression "^" + start, followed by "$" for a
+// whole line. Names and addresses usually hold no metacharacter but ".". They are compared byte by byte, which takes a
+// fraction of the time of a search.
 #pragma once
 
 #include <regex>
@@ -13,8 +13,9 @@ class LineMatcher {
  public:
   enum class Covers { Start, WholeLine };
 
-  // Throws std::regex_error. A plain start that is too long for an expression is refused too, but without compiling it:
-  // the standard library's compiler recurses at every character, and its stack would end first.
+  // Throws std::regex_error for a text that is not a valid expression or is too long for one. A text that is compared
+  // byte by byte and is too long is refused without compiling it: the standard library's compiler recurses at every
+  // character and would exhaust the stack first.
   LineMatcher(std::string text, Covers extent);
 
   bool matches(std::string_view line) const;
@@ -23,7 +24,7 @@ class LineMatcher {
   std::string start;
   Covers covers;
   bool plain;
-  std::regex expression;  // compiled when the start is not plain
+  std::regex expression;  // compiled only when the start is not plain
 };
 
 }  // namespace Ipsec

@@ -1,4 +1,4 @@
-// How a source speaks: entry lines, error lines, and lines that are no failure. Each source that traces has one Tracer.
+// How a source file traces: entry lines, error lines, and other lines. Each source file that traces has one Tracer.
 #pragma once
 
 #include "platform/Trace.h"
@@ -12,7 +12,8 @@
 
 namespace Ipsec {
 
-// A line put together on the stack, so that reporting exhausted memory needs no memory. What does not fit is cut.
+// A line that is put together on the stack, so that reporting exhausted memory needs no memory. What does not fit is
+// cut off.
 class TraceText {
  public:
   template <class... Pieces>
@@ -40,7 +41,7 @@ class TraceText {
   std::size_t length = 0;
 };
 
-// The prefix of an error line, and the place in the source that writes it.
+// The prefix of an error line, and the place in the source file that writes it.
 struct Where {
   Where(const char* function, const char* file = __builtin_FILE(), int line = __builtin_LINE(),
         const char* bareFunction = __builtin_FUNCTION()) noexcept
@@ -50,8 +51,8 @@ struct Where {
   Cor::TraceSite site;
 };
 
-// Tracer writes a source's lines under one handle. Functions that put a line together are out of line: their callers
-// then reserve no stack for its 512 bytes, and a level that is off costs one test.
+// Tracer writes the lines of a source file under one handle. The functions that put a line together are out of line:
+// callers then reserve no stack for a line's 512 bytes, and a level that is off costs one test.
 class Tracer {
  public:
   static constexpr unsigned errorLevel = 0;
@@ -67,8 +68,8 @@ class Tracer {
     }
   }
 
-  // Traces "where text values..." as an error, to the ring and to the text trace at level 0. Returns false, the answer of
-  // what failed.
+  // Traces "where text values..." as an error, to the ring and to the text trace at level 0. Returns false, so that the
+  // function that failed can return the result.
   template <class... Values>
   [[gnu::cold, gnu::noinline]] bool failed(const Where& where, std::string_view text,
                                            const Values&... values) const noexcept {
@@ -83,7 +84,7 @@ class Tracer {
     return false;
   }
 
-  // Writes a line that is no failure to the text trace.
+  // Writes a line that does not report a failure. It goes to the text trace only.
   template <class... Pieces>
   void note(unsigned level, const Cor::TraceSite& site, const Pieces&... pieces) const noexcept {
     if (handle.enabled(level)) {

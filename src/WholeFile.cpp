@@ -13,7 +13,7 @@ using Base::Descriptor;
 
 namespace {
 
-// Reads up to size bytes. Returns their number, 0 at the end of the file, -1 for an error.
+// Reads up to size bytes. Returns their number, 0 at the end of the file, or -1 for an error.
 ssize_t readSome(const Descriptor& file, char* bytes, std::size_t size) noexcept {
   ssize_t count;
   do {

@@ -1,4 +1,4 @@
-// Whole files: the old lines come in at once, and a whole new file takes the place of the old one.
+// Whole files: the old file is read at once, and a complete new file takes its place.
 #pragma once
 
 #include "base/Descriptor.h"
@@ -8,12 +8,12 @@
 
 namespace Ipsec {
 
-// Returns the whole lines that can be read from a file, and a last one without its newline if the file ends in it. A
-// file that cannot be opened has none.
+// Returns the lines of a file. The last one may be without a newline, as in the file. If reading fails half-way,
+// returns the whole lines before that. A file that cannot be opened counts as empty.
 std::string readLines(const char* path);
 
-// Replacement is a new file that is built next to an old one, with ".tmp" appended to its name, and takes its place once
-// it is whole. Without moveIntoPlace the temporary file is left as far as it was written.
+// Replacement is a new file that is built next to an old one, under its name with ".tmp" appended, and takes its place
+// once it is complete. Without moveIntoPlace, the temporary file stays as far as it was written.
 class Replacement {
  public:
   explicit Replacement(const char* replaced);
@@ -21,7 +21,7 @@ class Replacement {
   void append(std::string_view text) noexcept;
 
   // Closes the new file and moves it over the old one. Returns false, with the old file in place, when the new one
-  // could not be opened, written or closed (a full disk may show only then), or could not be moved.
+  // could not be opened, written, closed or moved. A full disk may show only when the file is closed.
   bool moveIntoPlace() noexcept;
 
  private:

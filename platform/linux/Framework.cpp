@@ -16,7 +16,7 @@ String _fmt(const char* format, ...) {
 
   std::string text(static_cast<std::size_t>(length), '\0');
   va_start(arguments, format);
-  (void)std::vsnprintf(text.data(), text.size() + 1, format, arguments);  // the length above says that it fits
+  (void)std::vsnprintf(text.data(), text.size() + 1, format, arguments);  // it fits: the length was computed above
   va_end(arguments);
   return {std::move(text)};
 }

@@ -12,8 +12,8 @@ namespace Cor {
 
 namespace {
 
-// All handles of the process. Handles are made and destroyed by the static set-up of other libraries, so the registry
-// is made at first use and never destroyed.
+// All handles of the process. The static set-up of other libraries creates and destroys handles, so the registry is
+// created at first use and never destroyed.
 struct Registry {
   std::mutex lock;
   std::vector<const LogHandle*> handles;
@@ -34,7 +34,7 @@ LogHandle::LogHandle(const LogMessage& message, Vello::Duration interval, double
     const std::lock_guard guard(registry.lock);
     registry.handles.push_back(this);
   } catch (const std::bad_alloc&) {
-    // The message is not listed, but can be sent all the same.
+    // The message is not listed, but can still be sent.
   }
 }
 
@@ -89,7 +89,7 @@ bool LogHandle::send(const char* format, ...) noexcept {
     }
     std::string text(static_cast<std::size_t>(length), '\0');
     va_start(values, format);
-    (void)std::vsnprintf(text.data(), text.size() + 1, format, values);  // the length above says that it fits
+    (void)std::vsnprintf(text.data(), text.size() + 1, format, values);  // it fits: the length was computed above
     va_end(values);
     if (!letThrough()) {
       return false;

@@ -12,7 +12,8 @@ namespace Cor {
 
 namespace {
 
-// posix_spawn's helpers fail only when memory is exhausted; a descriptor below -1 is the other case, and is told apart.
+// The functions that prepare posix_spawn fail only when memory is exhausted, or for a descriptor below -1. The second
+// case has another error number and does not throw.
 void checkMemory(int result) {
   if (result == ENOMEM) {
     throw std::bad_alloc();
@@ -51,7 +52,7 @@ class Attributes {
       (void)posix_spawnattr_setpgroup(&attributes, processGroup);
       flags |= POSIX_SPAWN_SETPGROUP;
     }
-    (void)posix_spawnattr_setflags(&attributes, flags);  // cannot fail: all three are checked by posix_spawn
+    (void)posix_spawnattr_setflags(&attributes, flags);  // cannot fail here: posix_spawn itself checks all three
   }
   ~Attributes() { (void)posix_spawnattr_destroy(&attributes); }
   Attributes(const Attributes&) = delete;
@@ -63,8 +64,9 @@ class Attributes {
   posix_spawnattr_t attributes;
 };
 
-// A descriptor that is to become the child's standard stream. One of the caller's standard streams is duplicated first:
-// the child's streams are set up one after the other, and an earlier one could have replaced it by then.
+// A descriptor that is to become one of the child's standard streams. If it is one of the caller's standard streams, it
+// is duplicated first: the child's streams are set up one after the other, and an earlier one could already have
+// replaced it.
 class Redirection {
  public:
   Redirection(int descriptor, int stream) : source(descriptor), target(stream) {
@@ -121,7 +123,7 @@ int spawn(const char* const* argv, int input, int output, int error, int process
 }  // namespace
 
 Vello::Ptr<Process> run(const char* const* argv, int input, int output, int error, int processGroup) {
-  // The handle comes first: once there is a child, nothing may fail any more.
+  // The handle is created first, because nothing may fail any more once there is a child.
   auto process = std::make_shared<Process>();
   pid_t child = Process::notStarted;
   const int failure = spawn(argv, input, output, error, processGroup, child);

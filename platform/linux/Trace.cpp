@@ -20,8 +20,8 @@
 
 namespace Cor {
 
-// Which levels each name has, and which handles there are. Handles are made and destroyed by the static set-up of other
-// libraries, so the one object is made at first use and never destroyed.
+// The levels of each name, and all handles. The static set-up of other libraries creates and destroys handles, so the
+// one object of this class is created at first use and never destroyed.
 class TraceLevels {
  public:
   using Masks = std::map<std::string, std::uint32_t, std::less<>>;
@@ -87,7 +87,7 @@ std::optional<unsigned> readLevel(std::string_view digits) {
   return level;
 }
 
-// Reads "NAME=LEVEL" or "NAME=FIRST-LAST" and adds the levels to those that the name has got. Returns false for
+// Reads "NAME=LEVEL" or "NAME=FIRST-LAST" and adds the levels to those that the name has already. Returns false for
 // anything else.
 bool readEntry(std::string_view entry, TraceLevels::Masks& masks) {
   const std::size_t equals = entry.find('=');
@@ -110,7 +110,7 @@ bool readEntry(std::string_view entry, TraceLevels::Masks& masks) {
 
 struct Reading {
   TraceLevels::Masks masks;
-  std::optional<std::string_view> malformed;  // the first entry that is none
+  std::optional<std::string_view> malformed;  // the first entry that is not valid
 };
 
 Reading readLevels(std::string_view text) {
@@ -125,7 +125,7 @@ Reading readLevels(std::string_view text) {
       return reading;
     }
     if (more && text.empty()) {
-      reading.malformed = text;  // a comma that nothing follows
+      reading.malformed = text;  // a comma with nothing after it
       return reading;
     }
   }
@@ -150,7 +150,7 @@ TraceLevels::Masks levelsFromEnvironment() {
 
 // --- Sinks -----------------------------------------------------------------------------------------------------------
 
-// Puts errno back: what is traced is often about to be told from it.
+// Restores errno: callers often trace first and report errno afterwards.
 class ErrnoKeeper {
  public:
   ErrnoKeeper() noexcept : kept(errno) {}
@@ -162,7 +162,8 @@ class ErrnoKeeper {
   int kept;
 };
 
-// The pattern's message, as "%*": one that holds a newline must not look like two lines.
+// The message as "%*" of the pattern, without control characters: a message with a newline must not look like two
+// lines.
 class PrintableMessage : public spdlog::custom_flag_formatter {
  public:
   void format(const spdlog::details::log_msg& line, const std::tm&, spdlog::memory_buf_t& out) override {
@@ -181,13 +182,13 @@ std::unique_ptr<spdlog::formatter> formatterOf(const char* pattern, const char* 
                                                      std::move(flags));
 }
 
-// Other libraries' static objects trace while they are destroyed, so the sinks are made at first use and never
+// Static objects of other libraries trace while they are destroyed, so the sinks are created at first use and never
 // destroyed.
 struct Sinks {
   spdlog::sinks::stderr_sink_mt text;
   spdlog::sinks::ringbuffer_sink_mt ring{RingTrace::capacity};
 
-  // The name field carries the handle and the level: spdlog's own levels are fewer and have names.
+  // The name field holds the handle and the level, because spdlog's own levels are fewer and have names.
   Sinks() {
     text.set_formatter(formatterOf("%Y-%m-%dT%H:%M:%S.%f%z %n %g:%# %! %*", "\n"));
     ring.set_formatter(formatterOf("%*", ""));
@@ -224,7 +225,7 @@ void writeText(const char* handle, unsigned level, const TraceSite& site, std::s
   Sinks::instance().text.log(line);
 }
 
-// The whole line is the payload: the ring outlives the names of a library that has been unloaded.
+// The payload is the whole line, as a copy: the ring outlives the strings of a library that has been unloaded.
 void writeRing(const TraceSite& site, std::string_view message) {
   spdlog::memory_buf_t text;
   append(text, site.file);
@@ -252,7 +253,7 @@ struct Captures {
 
 thread_local bool capturing = false;
 
-// Shows a line to the captures. What fails here, a listener or memory, is between the test and its capture.
+// Shows a line to the captures. A failure here, of a listener or of memory, must not reach the code that traces.
 void showToCaptures(TraceSink sink, const char* handle, unsigned level, const TraceSite& site,
                     std::string_view message) noexcept {
   try {
@@ -266,7 +267,7 @@ void showToCaptures(TraceSink sink, const char* handle, unsigned level, const Tr
     for (const TraceCapture* capture : captures.all) {
       try {
         capture->show(line);
-      } catch (...) {  // the next capture sees the line all the same
+      } catch (...) {  // the next capture still sees the line
       }
     }
   } catch (...) {  // see above
@@ -283,21 +284,21 @@ TraceLevels::TraceLevels() : masks(levelsFromEnvironment()) {}
 TraceHandle::TraceHandle(const char* name) noexcept : handleName(name), mask(errorsOnly) {
   try {
     TraceLevels::instance().add(this);
-  } catch (...) {  // memory exhausted: errors are traced, and levels cannot be switched
+  } catch (...) {  // memory is exhausted: errors are traced, but levels cannot be switched
   }
 }
 
 TraceHandle::~TraceHandle() {
   try {
     TraceLevels::instance().remove(this);
-  } catch (...) {  // memory exhausted ever since the handle was made: it was never added
+  } catch (...) {  // memory has been exhausted since the handle was created: it was never added
   }
 }
 
 void TraceHandle::setLevels(std::uint32_t bits) noexcept {
   try {
     TraceLevels::instance().set({{handleName, bits}});
-  } catch (...) {  // memory exhausted: this handle at least is switched
+  } catch (...) {  // memory is exhausted: at least this handle is switched
     mask.store(bits, std::memory_order_relaxed);
   }
 }

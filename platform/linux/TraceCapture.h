@@ -1,5 +1,5 @@
-// Trace capture: shows a test, inside its own process, every line that the trace facilities write. Part of the stand-in
-// platform only: nothing in the library may use it.
+// Trace capture: shows a test every line that is traced in its process. This belongs to the stand-in platform only:
+// nothing in the library may use it.
 #pragma once
 
 #include <functional>
@@ -12,8 +12,8 @@ namespace Cor {
 
 enum class TraceSink { Text, Ring };
 
-// One line, as it was handed to a sink. A line of DualTrace is two: one for the ring, then, if its level is enabled, one
-// for the text trace. The ring has neither handles nor levels: they are empty and 0 there.
+// One line, as it was given to a sink. A line of DualTrace appears twice: once for the ring and then, if its level is
+// enabled, once for the text trace. The ring has neither handles nor levels, so they are empty and 0 there.
 struct TraceLine {
   std::string handle;
   unsigned level;
@@ -24,11 +24,11 @@ struct TraceLine {
   TraceSink sink;
 };
 
-// Calls the listener for every line of the process, whatever thread writes it, as long as the capture lives. The lines
+// As long as the capture lives, calls the listener for every line of the process, whichever thread writes it. The lines
 // still go to their sinks. Several captures may live at once, and each sees every line.
 //
-// The listener is called by one thread at a time. What it throws is dropped, and so are lines that it causes itself. It
-// may not make or destroy a capture. When the destructor has returned, the listener is not called any more.
+// Only one thread at a time calls the listener. An exception that it throws is dropped, and so are lines that it traces
+// itself. It may not create or destroy a capture. When the destructor has returned, the listener is no longer called.
 class TraceCapture {
  public:
   explicit TraceCapture(std::function<void(const TraceLine&)> newListener);
@@ -42,9 +42,9 @@ class TraceCapture {
   std::function<void(const TraceLine&)> listener;
 };
 
-// Switches levels by handle name, with the syntax of TRACE_LEVELS: "IpsecKeyGen=0-4,IpsecUtils=0-8". Handles of a named
-// name get exactly the levels given, those that exist as well as those made later; other names keep theirs. Returns
-// false for a malformed text, which changes nothing.
+// Switches levels by handle name, with the syntax of TRACE_LEVELS: "IpsecKeyGen=0-4,IpsecUtils=0-8". All handles with a
+// name in the text get exactly the levels given there, including handles that are created later. Other names keep their
+// levels. Returns false for a malformed text, and then changes nothing.
 bool setTraceLevels(std::string_view text);
 
 }  // namespace Cor

@@ -49,7 +49,7 @@ using VrfId = VrfIdMap::VrfId;
 using VrfEntry = VrfIdMap::VrfEntry;
 
 // How often a reader looks again at an entry that is being written. A writer needs far less than a microsecond, unless
-// the kernel takes the processor away from it in between: the naps leave it time to come back.
+// the kernel takes the processor away from it in between. The naps give it time to get the processor back.
 constexpr int quickLooks = 64;
 constexpr int slowLooks = 40;
 constexpr timespec nap = {0, 1'000'000};
@@ -73,7 +73,7 @@ SlotWords wordsOf(const VrfEntry& entry) noexcept {
   return words;
 }
 
-// Nothing in the words is trusted beyond the checksum: it says that a writer put them there, not that they are right.
+// The checksum proves only that a writer put the words there, not that they are right. So the length is checked too.
 VrfEntry entryOf(const SlotWords& words) {
   const std::uint32_t length = words[LengthWord];
   if (length > VrfEntry::maxNameLength) {
@@ -85,14 +85,14 @@ VrfEntry entryOf(const SlotWords& words) {
   return {VrfId(words[IdWord]), std::string_view(name, length)};
 }
 
-// Writes a slot. The words are stored with release and loaded with acquire: a reader that gets one of these words then
-// also gets the odd counter, or a later one, when it looks at the counter again.
+// Writes a slot. The words are stored with release and loaded with acquire. A reader that has read one of these words
+// therefore also sees the odd counter, or a later one, when it looks at the counter again.
 void writeSlot(Slot& slot, const SlotWords& words) noexcept {
   const std::uint32_t before = slot.sequence.load(std::memory_order_relaxed);
-  const std::uint32_t writing = before % 2 == 0 ? before + 1 : before + 2;  // odd before: a writer died here
+  const std::uint32_t writing = before % 2 == 0 ? before + 1 : before + 2;  // it is odd if a writer died here
   slot.sequence.store(writing, std::memory_order_relaxed);
-  // The number goes in first and comes out last, and the state the other way round: an entry that is left half-written
-  // either still names its VRF, or is free.
+  // When an entry is added, its number is written first and its state last; when one is removed, its state is cleared
+  // first. An entry abandoned half-way therefore names its VRF already or counts as free.
   const bool isUsed = words[StateWord] == slotUsed;
   if (!isUsed) {
     slot.words[StateWord].store(slotFree, std::memory_order_release);
@@ -106,7 +106,7 @@ void writeSlot(Slot& slot, const SlotWords& words) noexcept {
   slot.sequence.store(writing + 1, std::memory_order_release);
 }
 
-// Copies a slot; nothing when it was being written meanwhile.
+// Copies a slot. Returns nothing if it was being written meanwhile.
 std::optional<SlotWords> copySlot(const Slot& slot) noexcept {
   const std::uint32_t before = slot.sequence.load(std::memory_order_acquire);
   SlotWords words;
@@ -152,20 +152,20 @@ bool holds(const SlotWords& words, VrfId id) noexcept {
   return words[StateWord] == slotUsed && words[IdWord] == id.value();
 }
 
-// Tells, at a glance and without any check, whether a slot seems to hold a VRF.
+// Returns whether a slot seems to hold a VRF. This is quick, and checks neither the counter nor the checksum.
 bool seemsToHold(const Slot& slot, VrfId id) noexcept {
   return slot.words[StateWord].load(std::memory_order_relaxed) == slotUsed &&
          slot.words[IdWord].load(std::memory_order_relaxed) == id.value();
 }
 
-// A slot to put a VRF into. A damaged one is none, even if it looks free: it may have held a VRF.
+// Returns whether a VRF may be put into a slot. A damaged slot is not free even if it looks so: it may have held a VRF.
 bool isFree(const Slot& slot) noexcept {
   const std::optional<SlotWords> words = copySlot(slot);
   return words && (*words)[StateWord] == slotFree && (*words)[ChecksumWord] == checksumOf(*words);
 }
 
-// Finishes what a dead writer left unfinished, as far as nothing is lost by it: an entry that looks free is one of a
-// VRF that was not added yet, or was already gone.
+// Completes the entries that a dead writer left unfinished, if nothing is lost by it: an unfinished entry that looks
+// free belongs to a VRF that was not added yet or was removed already.
 void finishFreeSlots(Segment& segment) noexcept {
   for (Slot& slot : segment.slots) {
     const bool unfinished = slot.sequence.load(std::memory_order_relaxed) % 2 != 0;
@@ -231,7 +231,7 @@ Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
   if (size != 0 && size != sizeof(Segment)) {
     throwError(EEXIST, name, "is of another size than a VRF status table");
   }
-  // The memory is reserved, not only sized: where there is none left, writing would end in SIGBUS.
+  // The memory is reserved and not only given a size: if no memory were left later, writing would end in SIGBUS.
   int error = 0;
   do {
     error = posix_fallocate(file.get(), 0, sizeof(Segment));
@@ -241,7 +241,7 @@ Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
   }
   MappedSegment mapped = mapOrThrow(file, name, PROT_READ | PROT_WRITE);
   if (mapped->magic.load(std::memory_order_relaxed) == 0) {
-    setUp(*mapped);  // new, or left by a writer that died while setting it up
+    setUp(*mapped);  // it is new, or a writer died while setting it up
   }
   if (!isTable(*mapped)) {
     throwError(EEXIST, name, "is no VRF status table");
@@ -263,7 +263,7 @@ Vello::Ptr<const VrfIdMap::Status> VrfIdMap::Status::open(const char* name) {
 }
 
 void VrfIdMap::Status::remove(const char* name) noexcept {
-  (void)shm_unlink(name);  // a name that is not there is as good as removed
+  (void)shm_unlink(name);  // a name that does not exist counts as removed
 }
 
 void VrfIdMap::Status::set(const VrfEntry& entry) {
@@ -301,7 +301,7 @@ VrfIdMap::VrfEntry VrfIdMap::Status::vrfEntry(VrfId id) const {
       return entryOf(words);
     }
   }
-  // A number is known to be missing only where every entry is intact: a damaged one may be the one.
+  // A number is known to be missing only if every entry is intact: a damaged entry may be the one that is sought.
   for (const Slot& slot : segment->slots) {
     const SlotWords words = readSlot(*segment, slot);
     if (holds(words, id)) {

@@ -1,8 +1,9 @@
-// What the VRF status table's shared-memory segment looks like. For Vrf.cpp, and for tests that damage a segment.
+// The layout of the VRF status table's shared-memory segment, for Vrf.cpp and for tests that damage a segment.
 //
-// A slot is a sequence counter and a row of words. The counter is odd while the words are being written. Everything is
-// read and written through atomics, a word at a time, so that a reader and the writer never race; what a reader has
-// copied counts only if the counter was even and the same before and after, and if the checksum fits.
+// A slot consists of a sequence counter and a row of words. The counter is odd while the words are being written.
+// Everything is read and written through atomics, one word at a time, so there is no data race between a reader and the
+// writer. What a reader has copied is valid only if the counter was even and the same before and after, and if the
+// checksum is right.
 #pragma once
 
 #include "platform/Vrf.h"
@@ -17,7 +18,7 @@ namespace Vrf {
 constexpr std::size_t nameWords = 26;  // 104 bytes, for a name of at most 101
 static_assert(nameWords * sizeof(std::uint32_t) >= VrfIdMap::VrfEntry::maxNameLength);
 
-// Where in a slot's words what stands. The name's unused bytes are 0.
+// The places of the words in a slot. The unused bytes of the name are 0.
 enum SlotWord : std::size_t {
   StateWord = 0,  // slotFree or slotUsed
   IdWord = 1,
@@ -30,7 +31,7 @@ enum SlotWord : std::size_t {
 constexpr std::uint32_t slotFree = 0;
 constexpr std::uint32_t slotUsed = 1;
 
-// One slot's words, copied.
+// A copy of one slot's words.
 using SlotWords = std::array<std::uint32_t, SlotWordCount>;
 
 struct alignas(128) Slot {
@@ -48,7 +49,7 @@ struct Segment {
   std::array<Slot, VrfIdMap::Status::capacity> slots;
 };
 
-// Other processes see the same bytes at other addresses, so the atomics may not hide a lock.
+// Other processes see the same bytes at other addresses, so the atomics must work without a lock.
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free && std::atomic<std::uint64_t>::is_always_lock_free);
 
 // Returns the checksum (32-bit FNV-1a, low byte of each word first) of the words before the checksum's own.

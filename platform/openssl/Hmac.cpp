@@ -1,4 +1,4 @@
-// HMAC over two keyed digest states: the part of the crypto shim that computes it in pieces.
+// The part of the crypto shim that computes HMAC in pieces, with two keyed digest states.
 
 #include "base/MadeOnce.h"
 #include "base/OpenSslPtr.h"
@@ -23,13 +23,13 @@ using Base::DigestPtr;
 using Base::MadeOnce;
 using Base::SecretBytes;
 
-// The pads of RFC 2104, as they are absorbed in front of the inner and the outer hash.
+// The pads of RFC 2104, which are absorbed before the inner and the outer hash.
 constexpr unsigned char innerPad = 0x36;
 constexpr unsigned char outerPad = 0x5c;
 constexpr std::size_t maxBlockBytes = 144;  // the longest block of OpenSSL's digests, SHA3-224's
 
-// A key's own copy, to tell whether the next key is the same. A key longer than this is never the same: no nonces that
-// IKE allows (RFC 7296 section 2.10) make a longer one.
+// A copy of the last key, to recognise the same key when it comes again. Longer keys are never recognised: 512 bytes
+// hold the two longest nonces that IKE allows (RFC 7296 section 2.10).
 class KeyCopy {
  public:
   KeyCopy() = default;
@@ -37,8 +37,8 @@ class KeyCopy {
   KeyCopy(const KeyCopy&) = delete;
   KeyCopy& operator=(const KeyCopy&) = delete;
 
-  // Takes the same time wherever two keys of one length differ, as CRYPTO_memcmp does, which goes byte by byte: that
-  // would be a tenth of what an output costs.
+  // Takes the same time wherever two keys of the same length differ, as CRYPTO_memcmp does. That function compares byte
+  // by byte, which would add a tenth to the time of an output.
   bool equals(const unsigned char* key, std::size_t keyLen) const {
     if (!held || keyLen != length) {
       return false;
@@ -87,14 +87,16 @@ class KeyCopy {
 
 }  // namespace
 
-// Two digest states that have absorbed a padded key, copied for each computation: an unchanged key costs two copies
-// instead of two more blocks and an initialisation. OpenSSL clears a state's memory when it frees it.
+// Holds two digest states that have absorbed a padded key. They are copied for each computation, so that an unchanged
+// key costs two copies instead of two more blocks and an initialisation. OpenSSL clears a state's memory when it frees
+// it.
 //
-// Short input is collected and absorbed in one piece: a prf+ block comes as three, and absorbing costs by the call.
+// Short input is collected and absorbed at once: the input of a prf+ block comes in three pieces, and every call takes
+// its time.
 struct hmac_state {
-  const EVP_MD* requested = nullptr;  // what the caller named
-  const EVP_MD* fetched = nullptr;    // the same, looked up once
-  DigestPtr owned;                    // holds fetched unless that is shared
+  const EVP_MD* requested = nullptr;  // the digest that the caller named
+  const EVP_MD* fetched = nullptr;    // the same digest, looked up once
+  DigestPtr owned;                    // owns fetched, unless that is shared
   std::size_t macLength = 0;
   DigestContextPtr inner{EVP_MD_CTX_new()};
   DigestContextPtr outer{EVP_MD_CTX_new()};
@@ -102,16 +104,16 @@ struct hmac_state {
   KeyCopy key;
   std::array<unsigned char, 256> pending;  // input that running has not absorbed yet
   std::size_t pendingLength = 0;
-  std::size_t pendingUsed = 0;  // by all computations: to be cleared
+  std::size_t pendingUsed = 0;  // the most that any computation used, which must be cleared
   bool open = false;            // a computation is under way
-  bool started = false;         // running holds it
+  bool started = false;         // running holds its state
 
   ~hmac_state() { OPENSSL_cleanse(pending.data(), pendingUsed); }
 };
 
 namespace {
 
-// The digests of IKE's PRFs. Looking one up costs as much as a short output.
+// The digests of IKE's PRFs. Looking one up takes as long as a short output.
 constexpr std::array<int, 4> digestNids = {NID_sha1, NID_sha256, NID_sha384, NID_sha512};
 
 std::array<MadeOnce<DigestPtr>, digestNids.size()> keptDigests;
@@ -145,7 +147,7 @@ bool absorbFirst(EVP_MD_CTX* context, const EVP_MD* md, const unsigned char* blo
   return EVP_DigestInit_ex2(context, md, nullptr) == 1 && EVP_DigestUpdate(context, block, length) == 1;
 }
 
-// Prepares both states for a key: RFC 2104 section 2, a key longer than a block is hashed first.
+// Prepares both states for a key. A key longer than a block is hashed first (RFC 2104 section 2).
 bool absorbKey(hmac_state& state, const unsigned char* key, std::size_t keyLen) {
   const EVP_MD* md = state.fetched;
   const int blockSize = EVP_MD_get_block_size(md);
@@ -177,7 +179,7 @@ bool installKey(hmac_state& state, const EVP_MD* md, const unsigned char* key, s
   if (state.requested == md && state.key.equals(key, keyLen)) {
     return true;
   }
-  state.key.clear();  // until both states are ready they belong to no key
+  state.key.clear();  // the states belong to no key until both are ready
   if (!fetchDigest(state, md) || !absorbKey(state, key, keyLen)) {
     return false;
   }
@@ -195,7 +197,7 @@ bool absorbPending(hmac_state& state) {
   return length == 0 || EVP_DigestUpdate(state.running.get(), state.pending.data(), length) == 1;
 }
 
-// Writes the MAC. The inner hash goes through the same bytes.
+// Writes the MAC. The inner hash is in the same bytes before it.
 bool finish(hmac_state& state, unsigned char* mac) {
   EVP_MD_CTX* running = state.running.get();
   return absorbPending(state) && EVP_DigestFinal_ex(running, mac, nullptr) == 1 &&

@@ -1,12 +1,15 @@
-// Key objects of MODP groups and curves: the part of the crypto shim that is arranged by what OpenSSL's calls cost.
+// Key objects of MODP groups and curves. Most of what this part of the crypto shim does is arranged so that OpenSSL's
+// calls take little time:
 //
-// - A modular exponentiation costs by the words of the exponent. OpenSSL draws exponents of the prime's length for
-//   groups 1 and 2, which it does not know by name; twice the strength is enough, and costs a third.
-// - EVP_PKEY_derive_set_peer validates a peer with a full-size exponentiation. For a safe prime the range says the same
-//   (RFC 6989 section 2.1) in a microsecond. Group 24 has small subgroups and gets the full check (section 2.2).
-// - Loading parameters costs more than all else around a key, so those of a known group are loaded once and shared.
+// - The time of a modular exponentiation grows with the words of the exponent. OpenSSL does not know groups 1 and 2 by
+//   name and draws exponents of the prime's length for them. Twice the strength is enough and takes a third of the
+//   time.
+// - EVP_PKEY_derive_set_peer checks a peer with a full-size exponentiation. For a safe prime the range check proves the
+//   same (RFC 6989 section 2.1) in a microsecond. Group 24 has small subgroups and gets the full check (section 2.2).
+// - Loading parameters takes longer than everything else around a key. Those of a known group are loaded once and
+//   shared.
 //
-// The caller passes numbers and key objects, never a group's number: knownGroup() recognises the group by its prime.
+// The caller passes numbers and key objects, never a group's number. knownGroup() recognises the group by its prime.
 
 #include "base/MadeOnce.h"
 #include "base/OpenSslPtr.h"
@@ -43,7 +46,7 @@ using Base::PublicBn;
 using Base::SecretBn;
 using Base::SecretBytes;
 
-// Makes a key object from parameters. The selection says what they hold (EVP_PKEY_KEY_PARAMETERS and so on).
+// Creates a key object from parameters. The selection says what they hold (EVP_PKEY_KEY_PARAMETERS and so on).
 KeyPtr fromData(const char* type, int selection, OSSL_PARAM* params) {
   const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
   KeyPtr key;
@@ -54,8 +57,8 @@ KeyPtr fromData(const char* type, int selection, OSSL_PARAM* params) {
   return key;
 }
 
-// Makes a key object with the given parameters and public value. Null when it cannot be made or OpenSSL refuses the
-// value. Three times faster than loading parameters and value together.
+// Creates a key object with the given parameters and public value. Null if it cannot be created or OpenSSL refuses the
+// value. This is three times faster than loading parameters and value together.
 KeyPtr withPublicValue(const EVP_PKEY* parameters, const unsigned char* encoded, std::size_t length) {
   KeyPtr key(EVP_PKEY_new());
   if (!key || EVP_PKEY_copy_parameters(key.get(), parameters) != 1 ||
@@ -71,14 +74,14 @@ constexpr std::size_t maxPrimeBytes = OPENSSL_DH_MAX_MODULUS_BITS / 8;
 
 struct ModpGroup {
   int primeBits;
-  BIGNUM* (*prime)(BIGNUM*);  // null: the group comes by name only
-  const char* name;           // OpenSSL's name; null: OpenSSL knows no such group
+  BIGNUM* (*prime)(BIGNUM*);  // null: the group can be loaded only by its name
+  const char* name;           // OpenSSL's name; null: OpenSSL has no name for the group
   int exponentBits;           // of generated private values
-  bool safePrime;             // q = (p - 1) / 2: no subgroups worth a check beyond the range
+  bool safePrime;             // q = (p - 1) / 2 is prime too: no subgroup needs a check beyond the range
 };
 
-// Exponents: at least twice the group's strength (RFC 3526 section 8; 80 bits for groups 1 and 2), rounded up to whole
-// words, which cost no more.
+// Exponents have at least twice the bits of the group's strength (RFC 3526 section 8; 80 bits for groups 1 and 2). They
+// are rounded up to whole words, which takes no more time.
 constexpr std::array<ModpGroup, 8> modpGroups = {{
     {768, BN_get_rfc2409_prime_768, nullptr, 192, true},        // 1
     {1024, BN_get_rfc2409_prime_1024, nullptr, 192, true},      // 2
@@ -91,7 +94,7 @@ constexpr std::array<ModpGroup, 8> modpGroups = {{
 }};
 constexpr std::size_t group24 = modpGroups.size() - 1;
 
-// A group's parameters as a key object, and its prime and generator to recognise it by.
+// A group's parameters as a key object, and its prime and generator, by which it is recognised.
 struct ModpParameters {
   KeyPtr key;
   PublicBn p;
@@ -100,7 +103,7 @@ struct ModpParameters {
 
 std::array<MadeOnce<std::unique_ptr<ModpParameters>>, modpGroups.size()> keptModpParameters;
 
-// Reads one value of a key into a number. Any value but an imported private one fits the prime's length.
+// Reads one value of a key into a number. Every value except an imported private one fits into the length of the prime.
 bool readNumber(const EVP_PKEY* key, const char* name, BIGNUM* number) {
   SecretBytes<maxPrimeBytes> bytes;
   const auto length = static_cast<std::size_t>((EVP_PKEY_get_bits(key) + 7) / 8);
@@ -164,8 +167,8 @@ struct KnownGroup {
   const ModpParameters* parameters;
 };
 
-// Recognises a group by its prime, which no two share. Nothing for any other prime, nor when the group's parameters
-// cannot be loaded: what belongs to it is then used as it is, with the full checks.
+// Recognises a group by its prime, which no other group has. Returns nothing for any other prime, and when the group's
+// parameters cannot be loaded. The values are then used as they are, with the full checks.
 std::optional<KnownGroup> knownGroup(const BIGNUM* p) {
   const int bits = BN_num_bits(p);
   for (std::size_t i = 0; i < modpGroups.size(); ++i) {
@@ -180,13 +183,13 @@ std::optional<KnownGroup> knownGroup(const BIGNUM* p) {
   return std::nullopt;
 }
 
-// The same for a key object, of OpenSSL's kind "DH" or "DHX" (X9.42).
+// Does the same for a key object of OpenSSL's kind "DH" or "DHX" (X9.42).
 std::optional<KnownGroup> knownGroup(const EVP_PKEY* key) {
   const PublicBn p(BN_new());
   return p && readNumber(key, OSSL_PKEY_PARAM_FFC_P, p.get()) ? knownGroup(p.get()) : std::nullopt;
 }
 
-// Returns one more reference to a group's parameters; null if there are none.
+// Returns one more reference to a group's parameters, or null if there are none.
 EVP_PKEY* share(const ModpParameters* parameters) {
   if (parameters == nullptr || EVP_PKEY_up_ref(parameters->key.get()) != 1) {
     return nullptr;
@@ -194,7 +197,7 @@ EVP_PKEY* share(const ModpParameters* parameters) {
   return parameters->key.get();
 }
 
-// Computes g^priv mod p without leaking the exponent through time.
+// Computes g^priv mod p in a time that does not depend on the exponent.
 PublicBn publicValue(const BIGNUM* p, const BIGNUM* g, const BIGNUM* priv) {
   PublicBn pub(BN_new());
   const SecretBn exponent(BN_dup(priv));
@@ -209,15 +212,16 @@ PublicBn publicValue(const BIGNUM* p, const BIGNUM* g, const BIGNUM* priv) {
   return pub;
 }
 
-// Makes a peer's key of a known group. OpenSSL refuses a value outside 2..p-2 here already; such a value, and one longer
-// than the prime, is loaded the slow way and refused with the secret. Null for it.
+// Creates a peer's key for a known group. Returns null for a value outside 2..p-2, which OpenSSL refuses here already,
+// and for one longer than the prime. The caller loads such a value in the slow way, and it is refused when the secret
+// is computed.
 KeyPtr peerOfKnownGroup(const KnownGroup& known, const BIGNUM* pub) {
   std::array<unsigned char, maxPrimeBytes> encoded;
   const int length = (known.group->primeBits + 7) / 8;
   if (BN_bn2binpad(pub, encoded.data(), length) != length) {
     return nullptr;
   }
-  (void)ERR_set_mark();  // a refusal here is no failure yet
+  (void)ERR_set_mark();  // a refusal here is not yet a failure
   KeyPtr key = withPublicValue(known.parameters->key.get(), encoded.data(), static_cast<std::size_t>(length));
   (void)ERR_pop_to_mark();
   return key;
@@ -252,7 +256,7 @@ KeyPtr loadCurveParameters(int nid) {
   return fromData("EC", EVP_PKEY_KEY_PARAMETERS, params.data());
 }
 
-// Returns the parameters key of a curve; null for a curve that is not IKE's.
+// Returns a key object with the parameters of a curve, or null for a curve that is not one of IKE's.
 const EVP_PKEY* curveParameters(int nid) {
   const auto* found = std::find(curveNids.begin(), curveNids.end(), nid);
   if (found == curveNids.end()) {
@@ -357,7 +361,7 @@ int EVP_PKEY_get_shared_secret(EVP_PKEY* own, EVP_PKEY* peer, unsigned char** se
   if (own == nullptr || peer == nullptr) {
     return 1;
   }
-  const bool modp = EVP_PKEY_is_a(own, "EC") != 1;  // of either kind: "DH" or "DHX"
+  const bool modp = EVP_PKEY_is_a(own, "EC") != 1;  // of either kind, "DH" or "DHX"
   if (modp && !peerIsAcceptable(own, peer)) {
     return 1;
   }
@@ -367,7 +371,7 @@ int EVP_PKEY_get_shared_secret(EVP_PKEY* own, EVP_PKEY* peer, unsigned char** se
       (modp && EVP_PKEY_CTX_set_dh_pad(context.get(), 1) != 1)) {
     return 1;
   }
-  // Into bytes of our own first: a failure must leave the caller's as they are.
+  // The secret goes into local bytes first, because a failure must leave the caller's unchanged.
   SecretBytes<maxPrimeBytes> derived;
   std::size_t length = derived.size();
   if (EVP_PKEY_derive(context.get(), derived.data(), &length) != 1 || length == 0) {
