@@ -87,6 +87,16 @@ TEST(CurveShim, CurveWithoutANameIsRefused) {
   EXPECT_FALSE(Key(EVP_PKEY_EC_from_params(group.get(), pub.get(), number(1).get())));
 }
 
+TEST(CurveShim, CurvesThatAreNotIkesAreRefused) {
+  for (const int nid : {NID_secp224r1, NID_secp256k1, NID_X9_62_prime192v1, NID_brainpoolP256r1}) {
+    const Curve group(EC_GROUP_new_by_curve_name(nid));
+    ASSERT_TRUE(group) << OBJ_nid2sn(nid);
+    const Point pub(EC_POINT_dup(EC_GROUP_get0_generator(group.get()), group.get()));
+    EXPECT_FALSE(Key(EVP_PKEY_EC_from_params(group.get(), pub.get(), nullptr))) << OBJ_nid2sn(nid);
+    EXPECT_FALSE(Key(EVP_PKEY_EC_from_params(group.get(), pub.get(), number(1).get()))) << OBJ_nid2sn(nid);
+  }
+}
+
 TEST(CurveShim, ArgumentsAreBorrowedAndLeftAsTheyAre) {
   for (const bool withPrivate : {true, false}) {
     const Curve group = curve(ECP_521);

@@ -13,7 +13,7 @@ const ByteVector data = {'d', 'a', 't', 'a'};
 // A context that is created and cleaned up.
 struct HmacContext {
   HmacContext() { EXPECT_EQ(hmac_create(&context), 0); }
-  ~HmacContext() { (void)hmac_cleanup(&context); }
+  ~HmacContext() { EXPECT_EQ(hmac_cleanup(&context), 0); }
   HmacContext(const HmacContext&) = delete;
   HmacContext& operator=(const HmacContext&) = delete;
   hmac_ctx* operator&() { return &context; }
@@ -237,7 +237,7 @@ TEST(HmacShim, ContextThatWasNeverCreatedComputesNothing) {
   hmac_ctx context = {};
   EXPECT_NE(init(&context, "SHA256", key), 0);
   expectNotOpen(&context);
-  (void)hmac_cleanup(&context);
+  EXPECT_EQ(hmac_cleanup(&context), 0);
 }
 
 // A digest without blocks has no HMAC (RFC 2104).
@@ -278,16 +278,16 @@ TEST(HmacShim, OutputMayLieWhereTheInputLay) {
 
 TEST(HmacShim, CleanupIsSafeAtAnyTime) {
   hmac_ctx context = {};
-  (void)hmac_cleanup(&context);  // never created
-  (void)hmac_cleanup(&context);
+  EXPECT_EQ(hmac_cleanup(&context), 0);  // never created
+  EXPECT_EQ(hmac_cleanup(&context), 0);
   ASSERT_EQ(hmac_create(&context), 0);
-  (void)hmac_cleanup(&context);  // never used
-  (void)hmac_cleanup(&context);
+  EXPECT_EQ(hmac_cleanup(&context), 0);  // never used
+  EXPECT_EQ(hmac_cleanup(&context), 0);
   ASSERT_EQ(hmac_create(&context), 0);
   ASSERT_EQ(init(&context, "SHA256", key), 0);
   EXPECT_EQ(update(&context, data), 0);
-  (void)hmac_cleanup(&context);  // in the middle of a computation
-  (void)hmac_cleanup(&context);
+  EXPECT_EQ(hmac_cleanup(&context), 0);  // in the middle of a computation
+  EXPECT_EQ(hmac_cleanup(&context), 0);
 }
 
 TEST(HmacShim, ContextMayBeCreatedAgainAfterCleanup) {
@@ -295,7 +295,7 @@ TEST(HmacShim, ContextMayBeCreatedAgainAfterCleanup) {
   for (int i = 0; i < 3; ++i) {
     ASSERT_EQ(hmac_create(&context), 0);
     EXPECT_EQ(mac(&context, "SHA256", key, data), opensslHmac("SHA256", key, data));
-    (void)hmac_cleanup(&context);
+    EXPECT_EQ(hmac_cleanup(&context), 0);
     EXPECT_NE(init(&context, "SHA256", key), 0);
     expectNotOpen(&context);
   }
@@ -309,7 +309,7 @@ TEST(HmacShim, SecondCreateLeavesAContextThatComputes) {
   EXPECT_EQ(mac(&context, "SHA256", key, data), opensslHmac("SHA256", key, data));
   EXPECT_EQ(hmac_create(&context), 0);
   EXPECT_EQ(mac(&context, "SHA1", data, data), opensslHmac("SHA1", data, data));
-  (void)hmac_cleanup(&context);
+  EXPECT_EQ(hmac_cleanup(&context), 0);
 }
 
 TEST(HmacShim, ContextsDoNotShareAnything) {

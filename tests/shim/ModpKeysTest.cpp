@@ -232,7 +232,7 @@ TEST(ModpShim, GeneratedExponentsHaveTwiceTheStrengthOfTheGroup) {
   }
 }
 
-// Of an unknown group nothing but the prime's length is known: then that is what the exponents may have.
+// A prime of IKE's with another generator, and one that OpenSSL knows and IKE's groups do not have.
 TEST(ModpShim, GeneratedExponentsOfOtherGroupsAreNotShort) {
   for (const Modp& group : {ffdhe2048(), Modp{modp(MODP_2048).p, number(5)}}) {
     const Key params = modpKey(group, nullptr, nullptr);
