@@ -221,10 +221,10 @@ int hmac_create(hmac_ctx* ctx) {
 
 int hmac_init(hmac_ctx* ctx, const EVP_MD* md, const unsigned char* key, std::size_t keyLen) {
   hmac_state* state = ctx->state;
-  if (state == nullptr || md == nullptr) {
+  if (state == nullptr) {
     return 1;
   }
-  state->open = installKey(*state, md, key, keyLen);
+  state->open = md != nullptr && installKey(*state, md, key, keyLen);
   state->started = false;
   state->pendingLength = 0;
   return state->open ? 0 : 1;

@@ -240,6 +240,16 @@ TEST(HmacShim, ContextThatWasNeverCreatedComputesNothing) {
   EXPECT_EQ(hmac_cleanup(&context), 0);
 }
 
+TEST(HmacShim, InitWithoutADigestClosesTheComputation) {
+  HmacContext context;
+  EXPECT_NE(hmac_init(&context, nullptr, key.data(), key.size()), 0);
+  expectNotOpen(&context);
+  ASSERT_EQ(init(&context, "SHA256", key), 0);
+  EXPECT_EQ(update(&context, data), 0);
+  EXPECT_NE(hmac_init(&context, nullptr, key.data(), key.size()), 0);
+  expectNotOpen(&context);
+}
+
 // A digest without blocks has no HMAC (RFC 2104).
 TEST(HmacShim, InitWithAnUnfitDigestClosesTheComputation) {
   HmacContext context;
