@@ -10,10 +10,11 @@ dropped is printed. Nothing is computed here: every figure is in the source, and
 
 import argparse
 import collections
-import importlib.util
 import json
 import pathlib
 import re
+
+from oracle import MODP_GROUPS
 
 PACKAGE = pathlib.Path("/usr/lib/python3/dist-packages/cryptography_vectors")
 
@@ -22,15 +23,6 @@ CURVES = {"P-256": (19, 32), "P-384": (20, 48), "P-521": (21, 66)}
 KAS_SECTIONS = {"EC": "P-256", "ED": "P-384", "EE": "P-521"}
 HASHES = {"SHA1": "SHA-1", "SHA256": "SHA-256", "SHA384": "SHA-384", "SHA512": "SHA-512"}
 DIGEST_SIZES = {"SHA-1": 20, "SHA-256": 32, "SHA-384": 48, "SHA-512": 64}
-
-
-def loadModpGroups():
-    """The reference primes by group, as make-vectors.py computes them."""
-    path = pathlib.Path(__file__).resolve().parent / "make-vectors.py"
-    found = importlib.util.spec_from_file_location("make_vectors", path)
-    module = importlib.util.module_from_spec(found)
-    found.loader.exec_module(module)
-    return module.MODP_GROUPS
 
 
 class Output:
@@ -69,51 +61,51 @@ class Output:
 # --- Reading ---------------------------------------------------------------------------------------------------------
 
 
-def readBlocks(path):
+def read_blocks(path):
     """Yields (section, block) of a text file. The section is the list of bracketed lines above the block.
 
     A block ends at a blank line or where "COUNT" starts the next one. A name without a value gets an empty one.
     """
-    section, block, sectionIsOpen = [], {}, False
+    section, block, section_is_open = [], {}, False
     for line in path.read_text().splitlines() + [""]:
         line = line.strip()
         if block and (not line or line.startswith(("[", "COUNT"))):
             yield section, block
-            block, sectionIsOpen = {}, False
+            block, section_is_open = {}, False
         if line.startswith("["):
-            section = (section if sectionIsOpen else []) + [line.strip("[]")]
-            sectionIsOpen = True
+            section = (section if section_is_open else []) + [line.strip("[]")]
+            section_is_open = True
         elif line and not line.startswith("#"):
             name, _, value = line.partition("=")
             block[name.strip()] = value.strip()
 
 
-def padded(hexText, size):
+def padded(hex_text, size):
     """The same number with this length: some sources pad to whole words, and some not at all."""
-    return int(hexText, 16).to_bytes(size, "big").hex()
+    return int(hex_text, 16).to_bytes(size, "big").hex()
 
 
-def evenHex(hexText):
-    return hexText.lower().zfill((len(hexText) + 1) // 2 * 2)
+def even_hex(hex_text):
+    return hex_text.lower().zfill((len(hex_text) + 1) // 2 * 2)
 
 
-def hexOrQuoted(value):
+def hex_or_quoted(value):
     return value[1:-1].encode().hex() if value.startswith('"') else value.lower()
 
 
 # --- Debian's package ------------------------------------------------------------------------------------------------
 
 
-def convertKasEcdh(path, out):
+def convert_kas_ecdh(path, out):
     """NIST's validity tests of ECDH. Result says what was made wrong on purpose, if anything."""
-    for section, block in readBlocks(path):
+    for section, block in read_blocks(path):
         if "Result" not in block:
             continue
-        parameterSet = section[-1].split(" ")[0]
-        if parameterSet not in KAS_SECTIONS:
+        parameter_set = section[-1].split(" ")[0]
+        if parameter_set not in KAS_SECTIONS:
             out.drop("ECDH curve that is not one of our groups")
             continue
-        group, size = CURVES[KAS_SECTIONS[parameterSet]]
+        group, size = CURVES[KAS_SECTIONS[parameter_set]]
         result = re.search(r"\((.*)\)", block["Result"]).group(1).strip()
         peer = padded(block["QsCAVSx"], size) + padded(block["QsCAVSy"], size)
         own = padded(block["QsIUTx"], size) + padded(block["QsIUTy"], size)
@@ -132,26 +124,26 @@ def convertKasEcdh(path, out):
             out.keep("kas_ecdh.txt", head | private | {"Public": own, "Peer": peer, "Secret": secret})
 
 
-def convertKasDh(path, groupOfPrime, out):
+def convert_kas_dh(path, group_of_prime, out):
     prime = None
-    for _, block in readBlocks(path):
+    for _, block in read_blocks(path):
         prime = int(block["P"], 16) if "P" in block else prime
         if "Result" not in block:
             continue
         # All of these sets have their own primes.
-        if prime in groupOfPrime:
+        if prime in group_of_prime:
             raise SystemExit(f"{path.name}: a set for one of our groups, which this script does not convert yet")
         out.drop("finite-field DH set with its own prime")
 
 
-def convertRfc5114(path, groupOfPrime, out):
+def convert_rfc5114(path, group_of_prime, out):
     merged = []
-    for _, block in readBlocks(path):
+    for _, block in read_blocks(path):
         if "COUNT" in block:
             merged.append({})
         merged[-1].update(block)
     for block in merged:
-        group = groupOfPrime.get(int(block["P"], 16))
+        group = group_of_prime.get(int(block["P"], 16))
         if group is None:
             out.drop("RFC 5114 group that is not one of ours")
             continue
@@ -163,7 +155,7 @@ def convertRfc5114(path, groupOfPrime, out):
                 {
                     "Source": f"RFC 5114 as in {path.name}",
                     "Group": group,
-                    "Private": evenHex(block[f"Xstat{own}"]),
+                    "Private": even_hex(block[f"Xstat{own}"]),
                     "Public": public[own],
                     "Peer": public[peer],
                     "Secret": padded(block["Z"], size),
@@ -171,9 +163,9 @@ def convertRfc5114(path, groupOfPrime, out):
             )
 
 
-def convertParameters(path, groupOfPrime, out):
-    for _, block in readBlocks(path):
-        group = groupOfPrime.get(int(block["P"], 16))
+def convert_parameters(path, group_of_prime, out):
+    for _, block in read_blocks(path):
+        group = group_of_prime.get(int(block["P"], 16))
         if group is None:
             out.drop("RFC 3526 group that is not one of ours")
             continue
@@ -183,15 +175,15 @@ def convertParameters(path, groupOfPrime, out):
                 "Source": f"RFC 3526 as in {path.name}",
                 "Group": group,
                 "Prime": block["P"].lower(),
-                "Generator": evenHex(block["G"]),
+                "Generator": even_hex(block["G"]),
             },
         )
 
 
-def convertPackage(folder, out):
+def convert_package(folder, out):
     if not folder.is_dir():
         raise SystemExit(f"{folder}: no such folder; install python3-cryptography-vectors or name its folder")
-    groupOfPrime = {group.p: number for number, group in loadModpGroups().items()}
+    group_of_prime = {group.p: number for number, group in MODP_GROUPS.items()}
     out.describe(
         "kas_ecdh.txt",
         """
@@ -216,11 +208,11 @@ not the secret of Private and Peer, while Public is the public value of Private.
     out.describe("rfc3526_parameters.txt", "The primes and generators of RFC 3526 for our groups.")
     ecdh, dh = folder / "asymmetric" / "ECDH", folder / "asymmetric" / "DH"
     for path in sorted(ecdh.glob("KASValidityTest_*.fax")):
-        convertKasEcdh(path, out)
+        convert_kas_ecdh(path, out)
     for path in sorted(dh.glob("KASValidityTest_*.fax")):
-        convertKasDh(path, groupOfPrime, out)
-    convertRfc5114(dh / "RFC5114.txt", groupOfPrime, out)
-    convertParameters(dh / "rfc3526.txt", groupOfPrime, out)
+        convert_kas_dh(path, group_of_prime, out)
+    convert_rfc5114(dh / "RFC5114.txt", group_of_prime, out)
+    convert_parameters(dh / "rfc3526.txt", group_of_prime, out)
 
 
 # --- A folder with CAVS, ACVP and BoringSSL files --------------------------------------------------------------------
@@ -252,20 +244,20 @@ IKEV1_NAMES = {
 }
 
 
-def convertCavsIke(path, target, names, out):
-    for section, block in readBlocks(path):
-        hashName = next(line for line in section if line.startswith("SHA-"))
-        if hashName not in DIGEST_SIZES:
+def convert_cavs_ike(path, target, names, out):
+    for section, block in read_blocks(path):
+        hash_name = next(line for line in section if line.startswith("SHA-"))
+        if hash_name not in DIGEST_SIZES:
             out.drop("IKE set for another digest")
             continue
-        result = {"Source": f"NIST CAVS {path.name} [{'] ['.join(section)}] COUNT {block['COUNT']}", "Hash": hashName}
+        result = {"Source": f"NIST CAVS {path.name} [{'] ['.join(section)}] COUNT {block['COUNT']}", "Hash": hash_name}
         if "pre-shared-key" in block:
             result["PreSharedKey"] = block["pre-shared-key"].lower()
         out.keep(target, result | {ours: block[theirs].lower() for ours, theirs in names.items()})
 
 
-def convertEccCdh(path, out):
-    for _, block in readBlocks(path):
+def convert_ecc_cdh(path, out):
+    for _, block in read_blocks(path):
         group, size = CURVES[block["Curve"]]
         out.keep(
             "cavp_ecdh.txt",
@@ -280,34 +272,34 @@ def convertEccCdh(path, out):
         )
 
 
-def acvpTests(path):
+def acvp_tests(path):
     for group in json.loads(path.read_text())["testGroups"]:
         for test in group["tests"]:
             yield group, test
 
 
-def convertAcvpHmac(path, hashName, out):
-    for _, test in acvpTests(path):
+def convert_acvp_hmac(path, hash_name, out):
+    for _, test in acvp_tests(path):
         if (test["keyLen"] | test["msgLen"] | test["macLen"]) % 8 != 0:
             out.drop("HMAC set that is not in whole bytes")
             continue
-        macSize = test["macLen"] // 8
-        truncated = {"Truncated": macSize} if macSize < DIGEST_SIZES[hashName] else {}
+        mac_size = test["macLen"] // 8
+        truncated = {"Truncated": mac_size} if mac_size < DIGEST_SIZES[hash_name] else {}
         out.keep(
             "acvp_hmac.txt",
             {
                 "Source": f"NIST ACVP {path.name} tcId {test['tcId']}",
-                "Hash": hashName,
+                "Hash": hash_name,
                 "Key": test["key"].lower(),
                 "Input": test["msg"].lower(),
             }
             | truncated
-            | {"Output": test["mac"].lower()[: 2 * macSize]},
+            | {"Output": test["mac"].lower()[: 2 * mac_size]},
         )
 
 
-def convertAcvpKeys(path, out):
-    for group, test in acvpTests(path):
+def convert_acvp_keys(path, out):
+    for group, test in acvp_tests(path):
         if group["safePrimeGroup"] != "MODP-2048":
             out.drop("safe-prime set for another group")
             continue
@@ -317,14 +309,14 @@ def convertAcvpKeys(path, out):
             {
                 "Source": f"NIST ACVP {path.name} tcId {test['tcId']}",
                 "Group": 14,
-                "Private": evenHex(test["x"]),
+                "Private": even_hex(test["x"]),
                 name: padded(test["y"], 256),
             },
         )
 
 
-def convertBoringHmac(path, out):
-    for _, block in readBlocks(path):
+def convert_boring_hmac(path, out):
+    for _, block in read_blocks(path):
         if block["HMAC"] not in HASHES:
             out.drop("HMAC set for another digest")
             continue
@@ -333,17 +325,17 @@ def convertBoringHmac(path, out):
             {
                 "Source": f"BoringSSL {path.name}",
                 "Hash": HASHES[block["HMAC"]],
-                "Key": hexOrQuoted(block["Key"]),
-                "Input": hexOrQuoted(block["Input"]),
+                "Key": hex_or_quoted(block["Key"]),
+                "Input": hex_or_quoted(block["Input"]),
                 "Output": block["Output"].lower(),
             },
         )
 
 
-def convertBoringDh(path, out):
-    groupOfPrime = {group.p: number for number, group in loadModpGroups().items()}
+def convert_boring_dh(path, out):
+    group_of_prime = {group.p: number for number, group in MODP_GROUPS.items()}
     keys = {}
-    for _, block in readBlocks(path):
+    for _, block in read_blocks(path):
         if "DHKey" in block:
             keys[block["DHKey"]] = block
         elif "DiffieHellmanPad" not in block:
@@ -355,7 +347,7 @@ def convertBoringDh(path, out):
                 {
                     "Source": f"BoringSSL {path.name}",
                     "Note": "leading zero byte in the secret",
-                    "Group": groupOfPrime[int(own["P"], 16)],
+                    "Group": group_of_prime[int(own["P"], 16)],
                     "Private": own["Private"].lower(),
                     "Public": own["Public"].lower(),
                     "Peer": peer["Public"].lower(),
@@ -364,7 +356,7 @@ def convertBoringDh(path, out):
             )
 
 
-def convertShared(folder, out):
+def convert_shared(folder, out):
     if not folder.is_dir():
         raise SystemExit(f"{folder}: no such folder")
     out.describe(
@@ -398,18 +390,18 @@ NIST ACVP tests of safe-prime key pairs: Public is the public value of Private, 
     out.describe("boringssl_hmac.txt", "BoringSSL's HMAC tests (Apache-2.0), in the form of tests/vectors/hmac.txt.")
     out.describe("boringssl_dh.txt", "BoringSSL's DH tests (Apache-2.0), in the form of tests/vectors/dh_modp.txt.")
     nist, boringssl = folder / "nist", folder / "boringssl"
-    convertCavsIke(nist / "cavs_ikev2.txt", "cavs_ikev2.txt", IKEV2_NAMES, out)
-    convertCavsIke(nist / "cavs_ikev1_psk.txt", "cavs_ikev1.txt", IKEV1_NAMES, out)
-    convertCavsIke(nist / "cavs_ikev1_dsa.txt", "cavs_ikev1.txt", IKEV1_NAMES, out)
-    convertEccCdh(nist / "ecc_cdh_p256_p384_p521.txt", out)
-    convertAcvpHmac(nist / "acvp_hmac_sha_1.json", "SHA-1", out)
-    convertAcvpHmac(nist / "acvp_hmac_sha2_256.json", "SHA-256", out)
-    convertAcvpHmac(nist / "acvp_hmac_sha2_384.json", "SHA-384", out)
-    convertAcvpHmac(nist / "acvp_hmac_sha2_512.json", "SHA-512", out)
-    convertAcvpKeys(nist / "acvp_safePrimes_keyGen_modp2048.json", out)
-    convertAcvpKeys(nist / "acvp_safePrimes_keyVer_modp2048.json", out)
-    convertBoringHmac(boringssl / "hmac_tests.txt", out)
-    convertBoringDh(boringssl / "dh_tests.txt", out)
+    convert_cavs_ike(nist / "cavs_ikev2.txt", "cavs_ikev2.txt", IKEV2_NAMES, out)
+    convert_cavs_ike(nist / "cavs_ikev1_psk.txt", "cavs_ikev1.txt", IKEV1_NAMES, out)
+    convert_cavs_ike(nist / "cavs_ikev1_dsa.txt", "cavs_ikev1.txt", IKEV1_NAMES, out)
+    convert_ecc_cdh(nist / "ecc_cdh_p256_p384_p521.txt", out)
+    convert_acvp_hmac(nist / "acvp_hmac_sha_1.json", "SHA-1", out)
+    convert_acvp_hmac(nist / "acvp_hmac_sha2_256.json", "SHA-256", out)
+    convert_acvp_hmac(nist / "acvp_hmac_sha2_384.json", "SHA-384", out)
+    convert_acvp_hmac(nist / "acvp_hmac_sha2_512.json", "SHA-512", out)
+    convert_acvp_keys(nist / "acvp_safePrimes_keyGen_modp2048.json", out)
+    convert_acvp_keys(nist / "acvp_safePrimes_keyVer_modp2048.json", out)
+    convert_boring_hmac(boringssl / "hmac_tests.txt", out)
+    convert_boring_dh(boringssl / "dh_tests.txt", out)
 
 
 def main():
@@ -428,9 +420,9 @@ def main():
     arguments = parser.parse_args()
     out = Output(arguments.out)
     if arguments.package:
-        convertPackage(arguments.package, out)
+        convert_package(arguments.package, out)
     else:
-        convertShared(arguments.shared, out)
+        convert_shared(arguments.shared, out)
     out.write()
 
 
