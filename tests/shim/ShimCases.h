@@ -1,6 +1,7 @@
 // What the tests of the crypto shim share: owning pointers, numbers and bytes, the groups as numbers.
 #pragma once
 
+#include "base/OpenSslPtr.h"
 #include "platform/CryptoShim.h"
 #include "tests/support/CryptoCases.h"
 
@@ -13,19 +14,11 @@
 
 namespace Ipsec::Testing {
 
-template <auto freeFunction>
-struct FreedBy {
-  template <class T>
-  void operator()(T* handle) const {
-    freeFunction(handle);
-  }
-};
-
-using Key = std::unique_ptr<EVP_PKEY, FreedBy<EVP_PKEY_free>>;
-using Number = std::unique_ptr<BIGNUM, FreedBy<BN_free>>;
-using NumberContext = std::unique_ptr<BN_CTX, FreedBy<BN_CTX_free>>;
-using Curve = std::unique_ptr<EC_GROUP, FreedBy<EC_GROUP_free>>;
-using Point = std::unique_ptr<EC_POINT, FreedBy<EC_POINT_free>>;
+using Key = Base::KeyPtr;
+using Number = Base::PublicBn;
+using NumberContext = Base::BnContextPtr;
+using Curve = Base::CurvePtr;
+using Point = Base::PointPtr;
 
 inline Number number(const ByteVector& bytes) {
   return Number(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));

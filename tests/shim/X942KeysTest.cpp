@@ -32,7 +32,7 @@ std::vector<X942> safePrimes() {
 }
 
 Key x942Key(const X942& group, const Number& pub, const Number& priv) {
-  const std::unique_ptr<OSSL_PARAM_BLD, FreedBy<OSSL_PARAM_BLD_free>> builder(OSSL_PARAM_BLD_new());
+  const Base::BuilderPtr builder(OSSL_PARAM_BLD_new());
   EXPECT_EQ(OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_P, group.group.p.get()), 1);
   EXPECT_EQ(OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_Q, group.q.get()), 1);
   EXPECT_EQ(OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_FFC_G, group.group.g.get()), 1);
@@ -40,9 +40,8 @@ Key x942Key(const X942& group, const Number& pub, const Number& priv) {
   if (priv) {
     EXPECT_EQ(OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, priv.get()), 1);
   }
-  const std::unique_ptr<OSSL_PARAM, FreedBy<OSSL_PARAM_free>> params(OSSL_PARAM_BLD_to_param(builder.get()));
-  const std::unique_ptr<EVP_PKEY_CTX, FreedBy<EVP_PKEY_CTX_free>> context(
-      EVP_PKEY_CTX_new_from_name(nullptr, "DHX", nullptr));
+  const Base::ParamsPtr params(OSSL_PARAM_BLD_to_param(builder.get()));
+  const Base::KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "DHX", nullptr));
   EVP_PKEY* key = nullptr;
   EXPECT_EQ(EVP_PKEY_fromdata_init(context.get()), 1);
   EXPECT_EQ(EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_KEYPAIR, params.get()), 1);

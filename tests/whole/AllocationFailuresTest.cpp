@@ -3,6 +3,7 @@
 //
 // OpenSSL's allocator can be replaced only before its first use, so this program has its own main.
 
+#include "base/OpenSslPtr.h"
 #include "platform/linux/TraceCapture.h"
 #include "tests/support/CryptoCases.h"
 
@@ -322,7 +323,7 @@ void judgeCrash(int) {
   if (child == 0) {
     (void)std::signal(SIGSEGV, SIG_DFL);
     (void)alarm(10);  // in case the crash left a lock behind
-    EVP_MD_free(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
+    (void)Base::DigestPtr(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
     std::_Exit(0);
   }
   int status = 0;
@@ -354,7 +355,7 @@ int attemptFromTheStart(char** arguments) {
   }
   (void)alarm(60);  // nobody else ends a process that waits for itself
   if (setUp) {
-    EVP_MD_free(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
+    (void)Base::DigestPtr(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
   } else {
     (void)std::signal(SIGSEGV, judgeCrash);
     judgesOnce = true;

@@ -1,13 +1,13 @@
 // Published test sets that are not part of the source tree: NIST's, as Debian packages them, and a folder with further
 // ones (see IPSEC_SHARED_VECTORS in the top CMakeLists.txt). Every case for our groups and digests is run and counted.
 
+#include "base/OpenSslPtr.h"
 #include "tests/support/CryptoCases.h"
 
 #include <openssl/bn.h>
 #include <openssl/evp.h>
 
 #include <map>
-#include <memory>
 
 namespace Ipsec::Testing {
 namespace {
@@ -93,13 +93,12 @@ void hmacBlock(Block& block) {
 // Expects generator^private modulo the block's prime for the public value of a private key: the library's own prime is
 // the published one.
 void expectPrime(DhGroupNum group, const ByteVector& prime, const ByteVector& generator) {
-  using Bn = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
   const auto number = [](const ByteVector& bytes) {
-    return Bn(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr), BN_free);
+    return Base::PublicBn(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
   };
   const ByteVector key(40, 0xC3);
-  const std::unique_ptr<BN_CTX, decltype(&BN_CTX_free)> context(BN_CTX_new(), BN_CTX_free);
-  const Bn expected(BN_new(), BN_free);
+  const Base::BnContextPtr context(BN_CTX_new());
+  const Base::PublicBn expected(BN_new());
   ASSERT_EQ(BN_mod_exp(expected.get(), number(generator).get(), number(key).get(), number(prime).get(), context.get()),
             1);
   IpsecDHGeneral dh(group);
