@@ -132,12 +132,13 @@ void compareRefusals(const Case& which, const std::vector<Contestant>& contestan
 }
 
 void time(const Case& which, const std::vector<Contestant>& contestants, unsigned slices) {
-  std::vector<Bytes> peers;
-  for (int i = 0; i < 8; ++i) {
-    peers.push_back(publicValueOf(*opensslEnd(which.group)));
+  std::vector<Bytes> peers(8);
+  for (Bytes& peer : peers) {
+    peer = publicValueOf(*opensslEnd(which.group));
   }
   Yield yield;
   std::vector<Side> sides;
+  sides.reserve(contestants.size());
   for (const Contestant& contestant : contestants) {
     sides.push_back({contestant.name, [&, turn = std::size_t{0}]() mutable {
                        exchange(contestant, which.group, peers[turn++ % peers.size()], yield);
@@ -180,7 +181,7 @@ int main(int argc, char** argv) {
       }
     }
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
+    (void)std::fprintf(stderr, "%s\n", error.what());
     return EXIT_FAILURE;
   }
   return EXIT_SUCCESS;

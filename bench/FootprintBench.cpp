@@ -152,7 +152,7 @@ void warmUp() {
 int main(int argc, char** argv) {
   // Before anything else: OpenSSL takes no hooks once it has allocated.
   if (CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree) != 1) {
-    std::fprintf(stderr, "OpenSSL has allocated already: its memory cannot be counted\n");
+    (void)std::fprintf(stderr, "OpenSSL has allocated already: its memory cannot be counted\n");
     return EXIT_FAILURE;
   }
   const Bench::Arguments arguments(argc, argv);
@@ -165,7 +165,7 @@ int main(int argc, char** argv) {
     Bench::printPrfHeap();
     Bench::printTraceCost(arguments.slices);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
+    (void)std::fprintf(stderr, "%s\n", error.what());
     return EXIT_FAILURE;
   }
   return EXIT_SUCCESS;

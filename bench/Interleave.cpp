@@ -49,6 +49,7 @@ double threadTime() {
 
 std::vector<double> interleave(const std::vector<Side>& sides, unsigned slices) {
   std::vector<unsigned> operations;
+  operations.reserve(sides.size());
   for (const Side& side : sides) {
     operations.push_back(operationsPerSlice(side));
   }
@@ -62,6 +63,7 @@ std::vector<double> interleave(const std::vector<Side>& sides, unsigned slices) 
     std::next_permutation(order.begin(), order.end());  // from the last order back to the first
   }
   std::vector<double> medians;
+  medians.reserve(sides.size());
   for (std::vector<double>& all : times) {
     medians.push_back(median(all));
   }
@@ -82,7 +84,7 @@ Arguments::Arguments(int count, char** values) {
     } else if (i + 1 < count && name == "--only") {
       only.emplace_back(values[i + 1]);
     } else {
-      std::fprintf(stderr, "Usage: %s [--slices N] [--only CASE]...\n", values[0]);
+      (void)std::fprintf(stderr, "Usage: %s [--slices N] [--only CASE]...\n", values[0]);
       std::exit(2);
     }
   }

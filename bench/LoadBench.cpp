@@ -13,21 +13,22 @@ namespace {
 // Returns the resident memory of the process in bytes.
 long residentBytes() {
   std::FILE* const file = std::fopen("/proc/self/statm", "r");
-  long total = 0;
-  long resident = 0;
-  if (file == nullptr || std::fscanf(file, "%ld %ld", &total, &resident) != 2) {
+  char line[128];
+  if (file == nullptr || std::fgets(line, sizeof line, file) == nullptr) {
     std::perror("/proc/self/statm");
     std::exit(EXIT_FAILURE);
   }
-  std::fclose(file);
-  return resident * sysconf(_SC_PAGESIZE);
+  (void)std::fclose(file);
+  char* resident = nullptr;
+  (void)std::strtol(line, &resident, 10);  // the first number is the size of the address space
+  return std::strtol(resident, nullptr, 10) * sysconf(_SC_PAGESIZE);
 }
 
 bool load(const char* library) {
   const long before = residentBytes();
   const auto start = std::chrono::steady_clock::now();
   if (dlopen(library, RTLD_NOW) == nullptr) {
-    std::fprintf(stderr, "%s\n", dlerror());
+    (void)std::fprintf(stderr, "%s\n", dlerror());
     return false;
   }
   const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - start;

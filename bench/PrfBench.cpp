@@ -86,7 +86,7 @@ int main(int argc, char** argv) {
       }
     }
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
+    (void)std::fprintf(stderr, "%s\n", error.what());
     return EXIT_FAILURE;
   }
   return EXIT_SUCCESS;

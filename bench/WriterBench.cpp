@@ -23,8 +23,6 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
-
 namespace Bench {
 namespace {
 
@@ -155,7 +153,7 @@ int main(int argc, char** argv) {
       }
     }
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "%s\n", error.what());
+    (void)std::fprintf(stderr, "%s\n", error.what());
     return EXIT_FAILURE;
   }
   return EXIT_SUCCESS;

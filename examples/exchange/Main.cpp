@@ -66,7 +66,7 @@ void runPublished(const Options& options, Results& results) {
       fail(results, side.source + ", " + side.side + ": " + result.problem);
     }
   }
-  if (results.published.empty() && !options.json) {
+  if (results.published.empty() && options.group != nullptr && !options.json) {
     printNothingPublished(*options.group);
   }
 }

@@ -2,13 +2,13 @@
 
 #include "Failure.h"
 
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -36,6 +36,7 @@ std::vector<std::string> responderArguments(const Options& options) {
 PeerProcess::PeerProcess(const Options& options, const Descriptor& listener) : timeout(options.timeout) {
   std::vector<std::string> arguments = responderArguments(options);
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) {
     argv.push_back(argument.data());
   }

@@ -16,13 +16,13 @@ int failures = 0;
 
 void check(const char* what, bool holds) {
   if (!holds) {
-    std::fprintf(stderr, "consumer: this does not hold: %s\n", what);
+    (void)std::fprintf(stderr, "consumer: this does not hold: %s\n", what);
     ++failures;
   }
 }
 
 ByteVector bytesOf(const std::string& text) {
-  return ByteVector(text.begin(), text.end());
+  return {text.begin(), text.end()};
 }
 
 // The consumer's own pseudo-random function, and a bad one: the sum of the key and all input, as one byte.

@@ -24,7 +24,7 @@ std::string takeString(const std::uint8_t*& data, std::size_t& size, std::size_t
   if (size == 0) {
     return {};
   }
-  const std::size_t length = std::min<std::size_t>({data[0], size - 1, longest});
+  const auto length = std::min<std::size_t>({data[0], size - 1, longest});
   std::string taken(reinterpret_cast<const char*>(data + 1), length);
   data += 1 + length;
   size -= 1 + length;
