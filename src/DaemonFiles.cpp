@@ -21,6 +21,7 @@ bool isDefaultSection(const stringmap& settings) {
   return hasValue(settings, "default", "%default");
 }
 
+// Kept (default-ignores-peer): the entry for any peer names none. Any other secret has no effect.
 bool isDefaultSecret(const stringmap& entry) {
   return hasValue(entry, "secret", "%default");
 }
@@ -84,13 +85,16 @@ constexpr Row ordinarySection[] = {
     {with("esp"),                       "\tesp=",                     verbatim("esp")},
     {with("tunnelMode").is("IpsecGre"), "\tleftprotoport=47",         nothing},
     {with("tunnelMode").is("IpsecGre"), "\trightprotoport=47",        nothing},
-    // Kept: there are two leftsubnet lines when the setting is present too. The daemon takes the last one.
+    // Kept (vti-leftsubnet): there are two leftsubnet lines when the setting is present too. The daemon takes the last
+    // one.
     {with("tunnelMode").is("IpsecVti"), "\tleftsubnet=0.0.0.0/0",     nothing},
     {with("tunnelMode").is("IpsecVti"), "\trightsubnet=0.0.0.0/0",    nothing},
     {with("mark"),                      "\tmark=",                    verbatim("mark")},
+    // Kept (dpd-with-action): without action the other two are left out, whatever they hold.
     {with("action"),                    "\tdpdaction=",               verbatim("action")},
     {with("action"),                    "\tdpddelay=",                verbatim("interval")},
     {with("action"),                    "\tdpdtimeout=",              verbatim("timeout")},
+    // Kept (presence-counts): any value of encap means yes.
     {with("encap"),                     "\tforceencaps=yes",          nothing},
     {with("type"),                      "\ttype=",                    verbatim("type")},
     {with("replayWindowSize"),          "\treplay_window=",           verbatim("replayWindowSize")},
@@ -104,7 +108,7 @@ constexpr Row ordinarySection[] = {
     {always,                            "",                           nothing},
 };
 
-// Kept: esp comes before ike here and after it above. The daemon takes them in any order.
+// Kept (esp-before-ike): esp comes before ike here and after it above. The daemon takes them in any order.
 constexpr Row defaultSection[] = {
     {always,                            "conn %default",              nothing},
     {always,                            "\tauthby=",                  authType("authby")},
@@ -143,6 +147,7 @@ Vello::String daemonAuthType(const Vello::String& text) {
 }
 
 Vello::String textOf(const Value& value, const stringmap& settings) {
+  // Kept (values-verbatim): newlines and quotes too. The caller checks them.
   Vello::String text = checkedAt(settings, value.setting);
   switch (value.form) {
     case Value::Form::Seconds:
@@ -180,6 +185,7 @@ bool isSectionHead(std::string_view line) {
 }
 
 // Returns the name of the section that is removed.
+// Kept (default-names-another): for a default other than "%default", config still names the section that is written.
 std::string replacedSection(const stringmap& settings) {
   for (const char* name : {"default", "config"}) {
     const auto found = settings.find(name);
@@ -187,35 +193,40 @@ std::string replacedSection(const stringmap& settings) {
       return found->second.str();
     }
   }
-  return {};
+  return {};  // Kept (empty-name): it is a name. The head is then "conn " alone.
 }
 
 // Returns what finds the line that is removed, or nothing when the entry names no line.
 std::optional<LineMatcher> replacedSecret(const stringmap& entry) {
   if (isDefaultSecret(entry)) {
+    // Kept (default-entry-blank): an entry without the blank in front is another line.
     return LineMatcher(" : PSK", LineMatcher::Covers::Start);
   }
   const auto peer = entry.find("peerIp");
   if (peer == entry.end()) {
     return std::nullopt;
   }
+  // Kept (address-unescaped): it stands in the expression as it is.
   return LineMatcher(peer->second.str() + " :", LineMatcher::Covers::Start);
 }
 
 }  // namespace
 
+// Kept (presence-counts): whatever the value is. "no" means yes.
 bool deletes(const stringmap& settings) {
   return has(settings, "delete");
 }
 
 // --- The connections file --------------------------------------------------------------------------------------------
 
+// Kept (name-unescaped): it stands in the expression as it is, and the first head that fits is removed.
 ConnectionLines::ConnectionLines(const stringmap& settings)
     : ownHead("conn " + replacedSection(settings), LineMatcher::Covers::WholeLine),
       global(has(settings, "uniqueids") ? Part::Ahead : Part::Behind) {}
 
 bool ConnectionLines::keeps(std::string_view line) {
-  // Kept: the words start the global section wherever they are in a line, even in a comment.
+  // Kept (config-setup-anywhere): the words start the global section wherever they are in a line, even in a comment.
+  // Kept (first-global-only): a second global section stays.
   if (global == Part::Ahead && line.find("config setup") != std::string_view::npos) {
     global = Part::Within;
     return false;
@@ -229,7 +240,8 @@ bool ConnectionLines::keeps(std::string_view line) {
   return keepsOutsideGlobal(line);
 }
 
-// Kept: only the first section of the name is removed. A second one stays.
+// Kept (first-section-only): only the first section of the name is removed. A second one stays.
+// Kept (body-to-next-head): comments and empty lines up to the next head are removed with the section.
 bool ConnectionLines::keepsOutsideGlobal(std::string_view line) {
   if (section == Part::Ahead && ownHead.matches(line)) {
     section = Part::Within;
@@ -244,6 +256,7 @@ bool ConnectionLines::keepsOutsideGlobal(std::string_view line) {
   return true;
 }
 
+// Kept (uniqueids-values): "add" writes the section anew. Any other value, an empty one too, only drops the file's own.
 std::string_view newGlobalSection(const stringmap& settings) {
   return hasValue(settings, "uniqueids", "add") ? "config setup\n\tuniqueids=no\n" : "";
 }
@@ -256,7 +269,8 @@ std::string newSection(stringmap settings) {
   settings.emplace("authby", Ike::stringValue(Ike::IpsecAuthType::PreSharedKey));
   settings.emplace("ikelifetime", "28800");
   settings.emplace("lifetime", "3600");
-  settings.emplace("ikeVersion", "2");  // Kept: this is not a version to the daemon. Each section has its own.
+  // Kept (default-keyexchange): this is not a version to the daemon. Each section has its own.
+  settings.emplace("ikeVersion", "2");
   return sectionText(defaultSection, settings);
 }
 
@@ -268,7 +282,7 @@ bool SecretLines::keeps(std::string_view line) {
   if (!replaced || !replaced->matches(line)) {
     return true;
   }
-  replaced.reset();  // a second entry of the peer stays
+  replaced.reset();  // Kept (first-entry-only): a second one stays; the first is removed whatever its kind.
   return false;
 }
 

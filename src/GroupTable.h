@@ -42,6 +42,7 @@ inline constexpr std::array<Group, 11> groups = {{
 // clang-format on
 
 // Returns the group's row, or null for a number that is not supported.
+// Kept (number-looked-up-whole): a number above 24 is not supported, even if its lowest bits are a group's.
 inline const Group* findGroup(DhGroupNum number) noexcept {
   const auto* row = std::find_if(groups.begin(), groups.end(), [number](const Group& g) { return g.number == number; });
   return row == groups.end() ? nullptr : row;
@@ -54,8 +55,8 @@ inline std::uint64_t dhGroupToSize(DhGroupNum number) noexcept {
 }
 
 // Returns the function that creates the group's prime. Throws std::out_of_range for a group that has none here.
-// Kept: the groups of the curves have a row too, and the exception still results when the MODP form asks for their
-// prime.
+// Kept (modp-throws-for-curves): the groups of the curves have a row too, and the exception still results when the MODP
+// form asks for their prime.
 inline PrimeGetter dhGroupToPrime(DhGroupNum number) {
   const Group* const group = findGroup(number);
   if (group == nullptr || group->prime == nullptr) {

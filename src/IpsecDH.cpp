@@ -38,7 +38,7 @@ constexpr unsigned entryLevel = 4;
 const Tracer trace("IpsecKeyGen", entryLevel);
 
 // Nothing in the library emits this message. It is registered so that it is listed wherever the library is loaded.
-// Kept: the blank at the end of the format and the missing one in "ofRelative". Operators' tools match these texts.
+// Kept (log-message-text): operators' tools match the format's last blank and the missing one in "ofRelative".
 const Cor::LogHandle invalidDistinguishedName(
     {"IPSEC_INVALID_DN_AS_REMOTE_ID", "Distinguished Name: %s configured for IKE Policy %s is invalid ",
      "Distinguished Name expects a Comma separated list ofRelative Distinguished Names (RDNs), "
@@ -46,7 +46,9 @@ const Cor::LogHandle invalidDistinguishedName(
      "Update Distinguished Name configured as part of remote-id to adhere to X.500 format", 4},
     Vello::Duration(0), 1.0, 0U, 0U);
 
-// Kept: only the length is checked here. Range, subgroup and curve membership are checked when the value is used.
+// Kept (peer-length-only): range, subgroup and curve membership are checked later, when the value is used.
+// Kept (refused-length-keeps-secret): nothing has been computed yet, and an earlier secret stays readable.
+// Kept (own-value-accepted): the own public value is like any other. The protocol must notice a reflected exchange.
 bool verifyDHValue(DhGroupNum group, const ByteVector* value) {
   trace.note(entryLevel, Cor::TraceSite::here(), "verifyDHValue: DH group: ", std::uint32_t{group});
   const std::uint64_t expected = dhGroupToSize(group);
@@ -86,7 +88,7 @@ bool IpsecDH::setDHGroup(DhGroupNum group) {
   if (initialized) {
     return trace.failed("IpsecDH::setDHGroup", "Cannot change DH group after initIpsecDH");
   }
-  dhGroup = group;
+  dhGroup = group;  // Kept (group-unchecked): any number is accepted, and initIpsecDH refuses it.
   return true;
 }
 
@@ -179,6 +181,7 @@ bool IpsecDHModp::getMyPrivateKey(ByteVector* out) {
   if (!priv || EVP_PKEY_DH_get_params(dhKey, nullptr, nullptr, nullptr, priv.get()) != 0 || BN_is_zero(priv.get())) {
     return trace.failed("IpsecDHModp::getMyPrivateKey", "Wrong private key size, privKeyLen is 0");
   }
+  // Kept (private-key-unpadded): the key is shorter than the group's size where its first bytes are zero.
   out->resize(static_cast<std::size_t>(BN_num_bytes(priv.get())));
   (void)BN_bn2bin(priv.get(), out->data());  // its result is the length just taken
   return true;
@@ -189,17 +192,20 @@ bool IpsecDHModp::setMyPrivateKey(const ByteVector* key) {
   if (!initialized) {
     return trace.failed("IpsecDHModp::setMyPrivateKey", "IpsecDHModp is not initialized");
   }
+  // Kept (private-key-unchecked): any number is accepted. Zero fails when the key is used.
   const SecretBn priv(toNumber(*key, nullptr));
   if (!priv) {
     return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to get or assign the private key");
   }
+  // Kept (secret-after-new-key): forgotten here. The ECP form keeps it.
   clear(sharedSecret);
   sharedSecretComputed = false;
   const ModpParameters own = parametersOf(dhKey);
   if (!own.p) {
+    // Kept (unreadable-parameters): the key stays, and the secret is gone already.
     return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
   }
-  // Kept: if the new key cannot be created, the object has no key, but is still initialised.
+  // Kept (modp-without-key): if the new key cannot be created, the object has no key, but is still initialised.
   adopt(dhKey, KeyPtr(EVP_PKEY_DH_from_params(own.p.get(), own.g.get(), nullptr, priv.get())));
   if (dhKey == nullptr) {
     return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
@@ -213,6 +219,7 @@ bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
     return trace.failed("IpsecDHModp::setPeerPublicKey", "IpsecDHModp is not initialized");
   }
   if (!verifyDHValue(dhGroup, peer)) {
+    // Kept (peer-messages-differ): by the word "the". Log readers match this form's message and the ECP form's.
     return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to verify the peer's public key");
   }
   BIGNUM* const decoded = toNumber(*peer, peerPublicValue);
@@ -228,8 +235,8 @@ bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
   if (!peerKey) {
     return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to generate the peer key");
   }
-  // Kept: a failure from here on leaves the filler in the buffer, and getSharedSecret hands it out if an earlier
-  // exchange succeeded. The ECP form leaves zeros.
+  // Kept (modp-filler): a failure from here on leaves the filler in the buffer, and getSharedSecret hands it out if an
+  // earlier exchange succeeded. The ECP form leaves zeros.
   sharedSecret.assign(static_cast<std::size_t>(dhSize), 0xFF);
   unsigned char* secret = sharedSecret.data();
   std::size_t secretLen = 0;
@@ -277,13 +284,14 @@ class Scratch {
 };
 
 // Writes two numbers into a zero-filled vector, each right-aligned in its half.
-// Kept: fails for a number that is zero, because BN_bn2bin writes nothing for it and returns 0.
+// Kept (zero-coordinate): fails for a number that is zero, because BN_bn2bin writes nothing for it and returns 0.
 bool bnCat(const BIGNUM* x, const BIGNUM* y, int half, ByteVector* out) {
   unsigned char* bytes = out->data();
   return BN_bn2bin(x, bytes + (half - BN_num_bytes(x))) != 0 && BN_bn2bin(y, bytes + (2 * half - BN_num_bytes(y))) != 0;
 }
 
 // Reads the two halves of a vector as numbers.
+// Kept (halves-of-any-length): the length was checked before, against the group's.
 bool bnSplit(const ByteVector& in, BIGNUM* x, BIGNUM* y) {
   if (in.size() % 2 != 0 || in.size() / 2 > INT_MAX) {
     return false;
@@ -326,8 +334,9 @@ bool isWireForm(const unsigned char* octets, std::size_t length, std::size_t fie
          std::any_of(y, y + fieldLen, nonZero);
 }
 
-// Reads x | y as a point and refuses one that is not on the curve. OpenSSL reduces coordinates that are equal to or
-// above the field's prime before the point is checked.
+// Reads x | y as a point and refuses one that is not on the curve.
+// Kept (coordinates-reduced): OpenSSL reduces coordinates that are equal to or above the field's prime before the point
+// is checked.
 bool vectorToEcp(const EC_GROUP* group, const ByteVector* in, EC_POINT* point) {
   const Scratch scratch;
   if (scratch.get() == nullptr) {
@@ -344,8 +353,8 @@ bool vectorToEcp(const EC_GROUP* group, const ByteVector* in, EC_POINT* point) {
   if (EC_POINT_set_affine_coordinates(group, point, x, y, scratch.get()) == 0) {
     return trace.failed("vectorToEcp", "EC_POINT_set_affine_coordinates_GFp failed");
   }
-  // Kept: an error of the check itself (-1) does not refuse the point. Setting the coordinates has already checked
-  // them.
+  // Kept (curve-check-error): an error of the check itself (-1) does not refuse the point. Setting the coordinates has
+  // already checked them.
   if (EC_POINT_is_on_curve(group, point, scratch.get()) == 0) {
     return trace.failed("vectorToEcp", "EC_POINT_is_on_curve failed");
   }
@@ -369,6 +378,7 @@ bool IpsecDHEcp::initIpsecDH() {
   }
   const Group* const group = findGroup(dhGroup);
   if (group == nullptr || group->isModp()) {
+    // Kept (unknown-curve-two-lines): this line, and below the one of the step that failed.
     trace.failed("IpsecDHEcp::initIpsecDH", "Unsupported ECDH group: ", std::uint32_t{dhGroup});
     adopt(ecKey, KeyPtr());
     return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
@@ -393,7 +403,8 @@ bool IpsecDHEcp::getMyPublicKey(ByteVector* out) {
     return trace.failed("IpsecDHEcp::getMyPublicKey", "IpsecDHEcp is not initialized");
   }
   // The longest encoding, that of group 21, fits. One read is then enough, instead of one for the length and one for
-  // the bytes. Failures of OpenSSL from here to ecpToVector have no message.
+  // the bytes.
+  // Kept (silent-curve-failures): failures of OpenSSL from here to ecpToVector have no message.
   std::array<unsigned char, 1 + 2 * 66> octets;
   std::size_t length = 0;
   if (ecKey == nullptr ||
@@ -420,18 +431,22 @@ bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
   }
   SecretBn priv;
   if (ecKey == nullptr || EVP_PKEY_get_bn_param(ecKey, OSSL_PKEY_PARAM_PRIV_KEY, into(priv)) == 0) {
-    return false;  // a key that cannot be read has no message
+    return false;  // Kept (silent-curve-failures): a key that cannot be read has no message
   }
   if (BN_is_zero(priv.get())) {
     return trace.failed("IpsecDHEcp::getMyPrivateKey", "Wrong privKeyLen size, privKeyLen is 0");
   }
+  // Kept (private-key-unpadded): the key is shorter than the group's size where its first bytes are zero.
   out->resize(static_cast<std::size_t>(BN_num_bytes(priv.get())));
   (void)BN_bn2bin(priv.get(), out->data());  // its result is the length just taken
   return true;
 }
 
-// Failures here have no message.
-// Kept: an earlier secret stays readable after a new private key is set. The MODP form discards it.
+// Kept (silent-curve-failures): failures here have no message.
+// Kept (private-key-unchecked): any number is accepted. A multiple of the curve's order fails when the key is used.
+// Kept (long-private-key): a number longer than the order is used whole, and cannot be read back.
+// Kept (secret-after-new-key): an earlier secret stays readable after a new private key is set. The MODP form discards
+// it.
 bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
   trace.entered();
   if (!initialized) {
@@ -442,7 +457,7 @@ bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
   if (!priv || !pub || EC_POINT_mul(ecGroup, pub.get(), priv.get(), nullptr, nullptr, nullptr) != 1) {
     return false;
   }
-  adopt(ecKey, KeyPtr());  // Kept: the old key is gone even if the new one cannot be created
+  adopt(ecKey, KeyPtr());  // Kept (ecp-without-key): the old key is gone even if the new one cannot be created
   adopt(ecKey, KeyPtr(EVP_PKEY_EC_from_params(ecGroup, pub.get(), priv.get())));
   return ecKey != nullptr;
 }
@@ -456,10 +471,11 @@ bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "Failed to verify peer's public key");
   }
   if (!vectorToEcp(ecGroup, peer, peerPoint)) {
+    // Kept (off-curve-keeps-secret): the buffer of an earlier secret has not been touched yet.
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "vectorToEcp failed");
   }
-  // Kept: a failure from here on leaves zeros in the buffer, and getSharedSecret hands them out if an earlier exchange
-  // succeeded. The MODP form leaves 0xFF.
+  // Kept (ecp-zeros): a failure from here on leaves zeros in the buffer, and getSharedSecret hands them out if an
+  // earlier exchange succeeded. The MODP form leaves 0xFF.
   const int ecdhSize = fieldLength(ecGroup);
   sharedSecret.assign(static_cast<std::size_t>(ecdhSize), 0);
   unsigned char* secret = sharedSecret.data();
@@ -503,7 +519,7 @@ bool IpsecDHGeneral::setDHGroup(DhGroupNum group) {
 bool IpsecDHGeneral::initIpsecDH() {
   trace.entered();
   if (initialized) {
-    // Kept: this is traced as an error, but the result is true. The key pair stays.
+    // Kept (second-init): this is traced as an error, but the result is true. The key pair stays.
     trace.failed("IpsecDHGeneral::initIpsecDH", "IpsecDHGeneral is already initialized");
     return true;
   }
@@ -514,6 +530,7 @@ bool IpsecDHGeneral::initIpsecDH() {
   if (group == nullptr) {
     return trace.failed("IpsecDHGeneral::initIpsecDH", "Unsupported DH group: ", std::uint32_t{dhGroup});
   }
+  // Kept (form-stays-chosen): also if its init fails below. A retry chooses again by the group.
   isModp = group->isModp();
   ipsecDH = isModp ? static_cast<IpsecDH*>(&modpDH) : &ecpDH;
   if (!ipsecDH->setDHGroup(dhGroup) || !ipsecDH->initIpsecDH()) {

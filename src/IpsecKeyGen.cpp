@@ -35,13 +35,13 @@ HmacPRFunc::~HmacPRFunc() {
 bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {
   trace.entered();
   if (initialized) {
-    return true;
+    return true;  // Kept (second-hmac-init): the digest stays, whatever hashAlgo is.
   }
   md = EVP_get_digestbyname(checkedAt(hashAlgoToName, hashAlgo));
   if (md == nullptr) {
     return trace.failed("HmacPRFunc::initHmacPRFunc", "Failed to get the hash function by hashAlgo's name");
   }
-  (void)hmac_create(&hmacCtx);  // without a context, setKey fails
+  (void)hmac_create(&hmacCtx);  // Kept (hmac-context-unchecked): without a context, setKey fails
   initialized = true;
   return true;
 }
@@ -52,7 +52,7 @@ bool HmacPRFunc::setKey(const ByteVector* newKey) {
     return trace.failed("HmacPRFunc::setKey", "HmacPRFunc is not initialized");
   }
   if (newKey != nullptr) {
-    key = newKey;
+    key = newKey;  // Kept (refused-key-remembered): also if it is refused below. A keyed object then stays keyed.
   }
   if (hmac_init(&hmacCtx, md, key->data(), key->size()) != 0) {
     return trace.failed("HmacPRFunc::setKey", "HMAC_Init_ex failed");
@@ -72,7 +72,7 @@ std::size_t HmacPRFunc::getOutputSize() {
 
 std::size_t HmacPRFunc::getKeySize() {
   trace.entered();
-  return getOutputSize();
+  return getOutputSize();  // Kept (key-size-by-slot): through the virtual slot, so that an override changes both.
 }
 
 bool HmacPRFunc::generatePRStream(const ByteVector* input, ByteVector* output) {
@@ -91,10 +91,12 @@ bool HmacPRFunc::generatePRStream(const ByteVector* input, ByteVector* output) {
   }
   output->resize(getOutputSize());
   std::size_t written = 0;
-  (void)hmac_final(&hmacCtx, output->data(), output->size(), &written);  // written shows whether it succeeded
+  // Kept (written-output-counts): written shows whether it succeeded, and the result is not looked at.
+  (void)hmac_final(&hmacCtx, output->data(), output->size(), &written);
   if (written == 0) {
     return trace.failed("HmacPRFunc::generatePRStream", "HMAC_Final failed");
   }
+  // Kept (key-read-again): the caller's bytes are read after every output. A change counts from the next output on.
   if (!setKey(nullptr)) {
     return trace.failed("HmacPRFunc::generatePRStream", "Set key to original failed");
   }
@@ -129,7 +131,7 @@ PRFuncPlus::~PRFuncPlus() {
 bool PRFuncPlus::initPRFuncPlus(const ByteVector* newSeed) {
   trace.entered();
   if (initialized) {
-    return true;
+    return true;  // Kept (second-stream-init): seed and position stay.
   }
   seed = *newSeed;
   ByteVector number;
@@ -155,8 +157,8 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
   if (!initialized) {
     return trace.failed("PRFuncPlus::generatePRStream", "PRFuncPlus is not initialized");
   }
-  out->resize(length);
-  ByteVector number;  // allocated once per call, if at all
+  out->resize(length);  // Kept (failed-draw): after a failure out has this size and is filled up to the failure.
+  ByteVector number;    // allocated once per call, if at all
   for (std::size_t written = 0; written < length;) {
     // The position is past the end only if a failed block came out shorter than the one drawn from before.
     if (bufferPos >= buffer.size()) {
@@ -170,7 +172,7 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
                                                                 : "Non-counter based generatePRStream failed");
       }
       if (counterEnabled) {
-        // Kept: the counter wraps to 0 after block 255. The limit of RFC 7296 section 2.13 is not enforced here.
+        // Kept (counter-wraps): to 0 after block 255. The limit of RFC 7296 section 2.13 is not enforced here.
         ++counter;
       }
       bufferPos = 0;
@@ -192,7 +194,8 @@ NonceGenerator::NonceGenerator(unsigned long length) : nonceLen(length) {}
 bool NonceGenerator::generateNonce(ByteVector* out) {
   trace.entered();
   out->resize(nonceLen);
-  // Kept: only -1 is a failure. OpenSSL 3 returns 0 when its generator fails, and the bytes are then not random.
+  // Kept (nonce-only-minus-one): only -1 is a failure. OpenSSL 3 returns 0 when its generator fails, and the bytes are
+  // then not random.
   if (RAND_bytes(out->data(), static_cast<int>(nonceLen)) == -1) {
     return trace.failed("NonceGenerator::generateNonce", "Failed to generate random number");
   }
@@ -215,12 +218,13 @@ bool NonceGenerator::generateFullNonce(ByteVector* out, const ByteVector* nonce1
 
 std::size_t getEncryptKeyLen(EncryptAlgoWithKeyLen algo) {
   constexpr std::size_t gcmSaltBytes = 4;  // RFC 4106 section 8.1
+  // Kept (given-length-wins): for 3DES too, whose length is fixed. ENCR_NULL needs no key, whatever is given.
   if (algo.algo == ENCR_NULL) {
     return 0;
   }
   const std::uint64_t bits =
       algo.keyLen != 0 ? algo.keyLen : static_cast<std::uint64_t>(checkedAt(encryptAlgoToKeyBits, algo.algo));
-  // Kept: no salt for AES-GCM with a 12-byte ICV. Callers that negotiate it add the 4 bytes themselves.
+  // Kept (gcm-12-unsalted): AES-GCM with a 12-byte ICV. Callers that negotiate it add the 4 bytes themselves.
   const bool salted = algo.algo == ENCR_AES_GCM_8 || algo.algo == ENCR_AES_GCM_16;
   return bits / 8 + (salted ? gcmSaltBytes : 0);
 }
@@ -238,12 +242,12 @@ int initKeyGenLib() {
 void cleanupKeyGenLib() {}
 
 void printVector(const char* label, const ByteVector* vec) {
-  std::cout << label;  // a null label puts the stream into its bad state
+  std::cout << label;  // Kept (null-label): it puts the stream into its bad state.
   std::cout << " is\nlen is: " << std::dec << vec->size() << '\n';
   for (const int byte : *vec) {
     std::cout << std::setw(2) << std::setfill('0') << std::hex << byte;
   }
-  // Kept: only the base is restored. The fill character stays '0'.
+  // Kept (fill-character): only the base is restored. The fill character stays '0'.
   std::cout << std::dec << "\nend\n";
 }
 

@@ -1,7 +1,8 @@
 // What an agent does on its host: connection names, the IKE daemon's two files, kernel modules, the replay window,
 // whether the daemon runs, and small formatting functions.
 
-// The assertions below are part of the contract and not debugging aids: they stop the process in release builds too.
+// Kept (assertions-in-release): the assertions below are part of the contract and not debugging aids: they stop the
+// process in release builds too.
 #undef NDEBUG
 #include "DaemonFiles.h"
 #include "Ipsec.h"
@@ -51,20 +52,22 @@ constexpr ModuleCommand loadCryptoModules[] = {
     {loader, "crypto_null", "Failed to load crypto_null, rc ", infoLevel},
 };
 
-// Kept: this is not the reverse of the loading order. A module that another one still uses stays loaded.
+// Kept (unload-order): this is not the reverse of the loading order. A module that another one still uses stays loaded.
 constexpr ModuleCommand unloadCryptoModules[] = {
     {unloader, "aesni_intel", "Failed to unload aesni_intel, rc ", infoLevel},
     {unloader, "aes-x86_64", "Failed to unload aes-x86_64, rc ", infoLevel},
-    // Kept: the message says cryptd_null, but the module that is removed is crypto_null.
+    // Kept (cryptd-null-message): the message says cryptd_null, but the module that is removed is crypto_null.
     {unloader, "crypto_null", "Failed to unload cryptd_null, rc ", infoLevel},
 };
 
 constexpr ModuleCommand loadFlowModule[] = {
-    // Kept: the message calls the module ipsec_flow_encap, and the return code follows it without a blank.
+    // Kept (flow-message): the message calls the module ipsec_flow_encap, and the return code follows it without a
+    // blank.
     {loader, "ipsec_flow_parallelization", "Failed to load ipsec_flow_encap netfilter module", Tracer::errorLevel},
 };
 
-// Kept: a tool that ran and failed is not reported. A kernel may have the module built in, or may not have it at all.
+// Kept (failed-module-tool): a tool that ran and failed is not reported. A kernel may have the module built in, or may
+// not have it at all.
 void runModuleCommand(const Where& where, const ModuleCommand& command) {
   const char* argv[] = {command.tool, command.module, nullptr};
   const int status = _execCommand(argv);
@@ -89,6 +92,7 @@ void runModuleCommands(const Where& where, const ModuleCommand (&commands)[comma
 // --- Connection names ------------------------------------------------------------------------------------------------
 
 Vello::String getConnNameFromKey(const ConnectionKey& key) {
+  // Kept (default-vrf-only): the names know no VRF, and two connections would share one.
   assert(key.vrfId() == Vrf::VrfIdMap::VrfId::defaultVrf());
   const L3::VrfName vrfName("default");
   Vello::OStringStream name;
@@ -105,6 +109,7 @@ void writeConnections(stringmap settings) {
   ConnectionLines lines(settings);
   file.append(newGlobalSection(settings));
   copyLines(oldText, lines, file);
+  // Kept (missing-setting-late): a required one throws here, after the copy, and the temporary file stays.
   if (!deletes(settings)) {
     file.append(newSection(std::move(settings)));
   }
@@ -119,7 +124,7 @@ void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-pa
   Replacement file(secretsPath);
   SecretLines lines(entry);
   copyLines(oldText, lines, file);
-  if (!deletes(entry)) {
+  if (!deletes(entry)) {  // Kept (missing-setting-late): as above.
     file.append(newSecret(entry));
   }
   if (!file.moveIntoPlace()) {
@@ -132,12 +137,12 @@ void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-pa
 int _execCommand(const char** argv) {
   int status = -1;
   Vello::Ptr<Cor::Process> child = Cor::run(argv, -1, -1, -1, -1);
-  // Kept: a wait that fails leaves the status at -1, also when a signal handler interrupts it.
+  // Kept (failed-wait): a wait that fails leaves the status at -1, also when a signal handler interrupts it.
   (void)waitpid(child->pid(), &status, 0);
   const int waitError = errno;
   child.reset();
   errno = waitError;
-  return status;
+  return status;  // Kept (raw-wait-status): as waitpid gives it.
 }
 
 void enableCryptoModules() {
@@ -158,7 +163,7 @@ void enableFlowEncapModule() {
 
 void setMaxReplayWindow() {
   constexpr char path[] = "/proc/sys/net/core/xfrm_replay_esn_max";
-  constexpr char where[] = "setMaxReplayWindow()";
+  constexpr char where[] = "setMaxReplayWindow()";  // Kept (replay-messages): with parentheses, and all at level 1.
   constexpr int packets = 65536;
   trace.entered();
   (void)trace.failedAt(infoLevel, where, "Setting xfrm_replay_esn_max to ", packets);
@@ -172,7 +177,7 @@ void setMaxReplayWindow() {
     (void)trace.failedAt(infoLevel, where, "Failed to set max replay window size");
     return;
   }
-  // Kept: a value that the kernel refuses is not reported.
+  // Kept (refused-replay-window): a value that the kernel refuses is not reported.
   setting << std::to_string(packets) << "\n";
 }
 
@@ -186,8 +191,9 @@ bool isSswanRunning() {
   if (!std::getline(file, line) || line.empty()) {
     return false;
   }
-  // Kept: a daemon of another user that the caller may not signal counts as not running. A number of 0 or below is
-  // passed on too, and kill then addresses process groups.
+  // Kept (pid-like-stoi): letters after the number are ignored. No number, and one beyond an int, throw.
+  // Kept (pid-of-groups): a number of 0 or below is passed on too, and kill then addresses process groups.
+  // Kept (other-users-daemon): one that the caller may not signal counts as not running.
   return kill(std::stoi(line), 0) == 0;
 }
 
@@ -199,6 +205,7 @@ L3::VrfName vrfIdToName(Vrf::VrfIdMap::VrfId vrfId, const Vello::Ptr<const Vrf::
     try {
       return status->vrfEntry(vrfId);
     } catch (const Vello::CorruptionDetectedException& corruption) {
+      // Kept (damaged-vrf-entry): the table's handler gets the message, and the assertion below then stops the process.
       status->corruptionHandler()(corruption.what());
       return status->defaultEntry();
     }
@@ -215,14 +222,14 @@ std::string fillSpace(unsigned int count) {
   return blanks;
 }
 
-// Kept: 0 and values above 4294967264 wrap around to 0.
+// Kept (round-up-wraps): 0 and values above 4294967264 wrap around to 0.
 unsigned int roundUp(unsigned int value) {
   return ((value - 1) | 31) + 1;
 }
 
 Cor::String secondsToTimestamp(Vello::Duration time) {
-  const double wholeSeconds = std::trunc(time.seconds());
-  constexpr double beyondTime = 9223372036854775808.0;  // 2^63
+  const double wholeSeconds = std::trunc(time.seconds());  // Kept (cut-toward-zero): before the epoch too.
+  constexpr double beyondTime = 9223372036854775808.0;     // 2^63
   if (!(std::abs(wholeSeconds) < beyondTime)) {
     return {};  // This also covers an infinite time and one that is not a number.
   }

@@ -10,7 +10,7 @@ namespace Ipsec {
 
 namespace {
 
-constexpr std::size_t longestPlain = 99996;  // libstdc++ refuses a longer expression of plain characters.
+constexpr std::size_t longestPlain = 99996;  // Kept (plain-name-length): libstdc++ refuses a longer one.
 
 // Returns whether a character stands for itself in an expression, or is the "." that matches all but a line's end.
 bool isPlain(char character) noexcept {
@@ -28,6 +28,7 @@ LineMatcher::LineMatcher(std::string text, Covers extent)
     : start(std::move(text)), covers(extent), plain(std::all_of(start.begin(), start.end(), isPlain)) {
   const std::string searched = "^" + start + (covers == Covers::WholeLine ? "$" : "");
   if (!plain) {
+    // Kept (name-is-expression): what does not compile throws.
     expression = Vello::Regex::compile(searched, std::regex_constants::ECMAScript);
   } else if (searched.size() > longestPlain) {
     throw std::regex_error(std::regex_constants::error_space);

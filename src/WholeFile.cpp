@@ -26,6 +26,7 @@ ssize_t readSome(const Descriptor& file, char* bytes, std::size_t size) noexcept
 
 std::string readLines(const char* path) {
   constexpr std::size_t roomAtLeast = 4096;
+  // Kept (unread-is-empty): a file that cannot be opened has no lines, and one that fails midway the whole ones so far.
   const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC));
   if (!file.isOpen()) {
     return {};
@@ -48,6 +49,8 @@ std::string readLines(const char* path) {
   return text;
 }
 
+// Kept (mode-from-umask): the old file's mode is not looked at.
+// Kept (stale-file-mode): a temporary file that a failed call left is emptied, and keeps its mode.
 Replacement::Replacement(const char* replaced)
     : path(replaced),
       temporaryPath(path + ".tmp"),
@@ -65,6 +68,8 @@ void Replacement::append(std::string_view text) noexcept {
   }
 }
 
+// Kept (one-line-for-unwritten): whatever failed since the opening, the caller reports it as a failed rename.
+// Kept (stale-file-stays): a temporary file that is not moved is not removed either.
 bool Replacement::moveIntoPlace() noexcept {
   return file.close() && whole && std::rename(temporaryPath.c_str(), path.c_str()) == 0;
 }
