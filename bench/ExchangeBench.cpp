@@ -1,5 +1,6 @@
-// A whole IKE SA set-up for each group: own key pair and public value, the peer's value, the secret, nonces, seven keys.
-// The library, bare OpenSSL and Botan are compared by output first, then timed with fresh keys for every exchange.
+// A whole IKE SA set-up for each group: own key pair and public value, the peer's value, the secret, nonces, seven
+// keys. The library, bare OpenSSL and Botan are compared by output first, then timed with fresh keys for every
+// exchange.
 
 #include "End.h"
 #include "Interleave.h"

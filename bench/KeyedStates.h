@@ -1,5 +1,5 @@
-// HMAC and prf+ over bare OpenSSL, the fastest way its interface offers: two digest states that have absorbed the padded
-// key, copied for each output.
+// HMAC and prf+ over bare OpenSSL, the fastest way its interface offers: two digest states that have absorbed the
+// padded key, copied for each output.
 #pragma once
 
 #include "Interleave.h"

@@ -35,7 +35,7 @@ ByteVector exchangeNoncePayloads(const ByteVector& mine) {
   return theirs;
 }
 
-// --- The examples as functions, and their table -----------------------------------------------------------------------
+// --- The examples as functions, and their table ----------------------------------------------------------------------
 
 #include "examples.inc"
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs a build into a folder of its own and builds a program against what is there: run.sh BUILD.
-# C++17 and C++20, g++ and clang++, CMake and pkg-config. Every warning counts, including those in the installed headers.
-# The examples in the comments of Ipsec.h are compiled and run too.
+# C++17 and C++20, g++ and clang++, CMake and pkg-config. Every warning counts, including those in the installed
+# headers. The examples in the comments of Ipsec.h are compiled and run too.
 set -uo pipefail
 cd "$(dirname "$(readlink -f "$0")")" || exit 1
 
@@ -43,7 +43,8 @@ with_cmake() {
 with_pkg_config() {
   local flags
   flags=$(pkg-config --cflags --libs ipsechelpers) || return 1
-  [[ $flags == *"-I$prefix/"* && $flags == *"-L$prefix/"* ]] || { echo "flags of another installation: $flags"; return 1; }
+  [[ $flags == *"-I$prefix/"* && $flags == *"-L$prefix/"* ]] ||
+    { echo "flags of another installation: $flags"; return 1; }
   # shellcheck disable=SC2086  # the flags are words
   "$1" -std=c++"$2" -pedantic-errors "${warnings[@]}" main.cpp -o "$work/consumer" $flags &&
     LD_LIBRARY_PATH=$libraries "$work/consumer"
@@ -65,8 +66,8 @@ header_examples() {
     LD_LIBRARY_PATH=$libraries "$work/examples"
 }
 
-# broken_example COMPILER EDIT MESSAGE: with a header that is broken by the edit, the check of the examples must fail with
-# the message, or its success proves nothing.
+# broken_example COMPILER EDIT MESSAGE: with a header that is broken by the edit, the check of the examples must fail
+# with the message, or its success proves nothing.
 broken_example() {
   sed "$2" "$include/Ipsec.h" >"$work/broken.h"
   ! header_examples "$1" 17 "$work/broken.h" && grep -q "$3" "$work/log"

@@ -1,4 +1,4 @@
-// IpsecDHModp, where it differs from the curves: groups, known answers, refusals with their trace lines, kept behaviour.
+// IpsecDHModp, where it differs from the curves: groups, known answers, refusals with their trace lines, what is kept.
 
 #include "tests/support/CryptoCases.h"
 

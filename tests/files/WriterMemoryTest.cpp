@@ -1,5 +1,5 @@
-// Memory runs out in the writers, at every allocation of a call: nothing but std::bad_alloc leaves it, the old file stays
-// unless the call returned, and neither memory nor a descriptor is lost.
+// Memory runs out in the writers, at every allocation of a call: nothing but std::bad_alloc leaves it, the old file
+// stays unless the call returned, and neither memory nor a descriptor is lost.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"

@@ -1,4 +1,4 @@
-"""Rows on the life of the configuration: what the library writes, the daemon rereads, and the agent sees on the wire."""
+"""Rows on the life of the configuration: what the library writes, the daemon reads, the agent sees on the wire."""
 
 import re
 import socket
@@ -250,7 +250,7 @@ def protocol_rows(bench):
 
 
 def ike_packet(frame):
-    """Returns type of service, destination and IKE header of an IKE packet from the daemon; None for any other frame."""
+    """Returns type of service, destination and IKE header of an IKE packet from the daemon, None of other frames."""
     kind = int.from_bytes(frame[12:14], "big")
     packet = frame[14:]
     if kind == ETH_P_IP:

@@ -39,8 +39,8 @@ bool fails(std::string_view function, const void* caller) {
   return order.function == function && isTheLibrary(caller) && ++order.calls == order.nth;
 }
 
-// Returns the next definition of a function after this program's own. The program exports its own under the same symbol,
-// which for a C++ function is not its bare name.
+// Returns the next definition of a function after this program's own. The program exports its own under the same
+// symbol, which for a C++ function is not its bare name.
 template <class Function>
 Function* real(Function* own, const char* name) {
   Dl_info info = {};

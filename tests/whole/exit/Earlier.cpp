@@ -1,5 +1,6 @@
-// A library that is loaded before ipsechelpers and knows nothing of it. It sets OpenSSL up when it is loaded, and has one
-// last thing to do when the process ends: after the destructors of what was loaded later, and before OpenSSL's clean-up.
+// A library that is loaded before ipsechelpers and knows nothing of it. It sets OpenSSL up when it is loaded, and has
+// one last thing to do when the process ends: after the destructors of what was loaded later, and before OpenSSL's
+// clean-up.
 
 #include <openssl/crypto.h>
 

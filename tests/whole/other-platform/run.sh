@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Puts other platforms behind the library than the stand-in: run.sh BUILD, a folder in which the libraries have been built.
+# Puts other platforms behind the library than the stand-in: run.sh BUILD, a folder in which the libraries have been
+# built.
 set -uo pipefail
 
 if [ $# -ne 1 ] || [ ! -e "$1/libipsecplatform.so.1" ]; then
@@ -35,7 +36,8 @@ outside_target() {
 
 folder() {
   cmake -G Ninja -S "$source" -B "$work/folder" -DIPSEC_TESTS=OFF -DIPSEC_EXAMPLES=OFF -DIPSEC_PLATFORM="$PWD/folder" &&
-    grep -q "$PWD/folder/Platform.cpp" "$work/folder/build.ninja" && ! grep -q 'platform/linux' "$work/folder/build.ninja"
+    grep -q "$PWD/folder/Platform.cpp" "$work/folder/build.ninja" &&
+      ! grep -q 'platform/linux' "$work/folder/build.ninja"
 }
 
 unknown() {
