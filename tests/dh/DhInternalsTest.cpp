@@ -1,7 +1,7 @@
 // The group tables and the file-local helpers of the Diffie-Hellman source, which is part of this program.
 
 #include "src/AlgorithmTables.h"
-#include "src/IpsecDH.cpp"
+#include "src/IpsecDH.cpp"  // NOLINT(bugprone-suspicious-include): for its file-local functions
 #include "tests/support/TraceRecorder.h"
 
 #include <gtest/gtest.h>

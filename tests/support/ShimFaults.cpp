@@ -108,7 +108,7 @@ CompressedPoints::~CompressedPoints() {
 
 // One definition per function: its failure, or the real one. The address must be taken in the function itself.
 #define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
-#define REAL(function) real(&function, #function)
+#define REAL(function) real(&(function), #function)
 
 // --- The crypto shim -------------------------------------------------------------------------------------------------
 

@@ -32,7 +32,7 @@ inline void onASmallStack(const std::function<void()>& work) {
   pthread_attr_t attributes;
   pthread_t thread;
   check(pthread_attr_init(&attributes));
-  check(pthread_attr_setstacksize(&attributes, 128 * 1024));
+  check(pthread_attr_setstacksize(&attributes, std::size_t{128} * 1024));
   check(pthread_create(&thread, &attributes, body, &job));
   check(pthread_join(thread, nullptr));
   check(pthread_attr_destroy(&attributes));

@@ -28,8 +28,6 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 // Allocations of one kind, counted while armed; the one that is ordered fails, or all from it on.

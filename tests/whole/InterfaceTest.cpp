@@ -166,7 +166,7 @@ TEST(Interface, FieldsOfTheFacade) {
 TEST(Interface, FieldsOfTheHmacStartZeroed) {
   alignas(HmacPRFunc) unsigned char storage[sizeof(HmacPRFunc)];
   std::memset(storage, 0xEE, sizeof storage);
-  HmacPRFunc* const prf = new (storage) HmacPRFunc;
+  auto* const prf = new (storage) HmacPRFunc;
   EXPECT_EQ(field<void*>(prf, 8), nullptr);   // md
   EXPECT_EQ(field<void*>(prf, 16), nullptr);  // the shim's context
   EXPECT_FALSE(field<bool>(prf, 24));         // keySet
