@@ -1,6 +1,6 @@
-// The contract of IpsecDH, once for all that keep it: both forms, and the facade in front of them.
+// The contract of IpsecDH, tested for everything that must keep it: both forms, and the facade.
 //
-// What differs between the forms, known answers above all, is in a file for each.
+// What differs between the forms, above all their known answers, is in one file for each form.
 
 #include "tests/support/CryptoCases.h"
 
@@ -49,7 +49,7 @@ class DhContract : public testing::Test {};
 using Forms = testing::Types<Modp, Ecp, General>;
 TYPED_TEST_SUITE(DhContract, Forms, Names);
 
-// The form that speaks for a group: the facade's lines about values are its form's.
+// The form that traces for a group: the facade's lines about values are those of its form.
 std::string formOf(DhGroupNum group) {
   return isCurve(group) ? "IpsecDHEcp" : "IpsecDHModp";
 }

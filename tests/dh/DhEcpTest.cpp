@@ -14,7 +14,7 @@ Lines derivationFailed(std::size_t size) {
 
 const Lines noSecret = {"IpsecDHEcp::getSharedSecret Shared secret has not been computed"};
 
-// A value that names no point is refused by one of two checks of OpenSSL, depending on its version.
+// Depending on OpenSSL's version, one of two checks refuses a value that is not a point.
 void expectPointRefused(TraceRecorder& traces) {
   const Lines lines = traces.errors();
   ASSERT_EQ(lines.size(), 2U);
@@ -88,7 +88,7 @@ void expectEcpBlock(Block& block) {
     return;
   }
   EXPECT_EQ(block.text("PrivateReadable"), "no");
-  // A private number longer than the order can be used, but OpenSSL does not hand it out. There is no message for that.
+  // A private number longer than the order can be used, but OpenSSL does not return it. There is no message for that.
   TraceRecorder traces("IpsecKeyGen=0");
   expectUntouched(traces, {}, [&dh](ByteVector* out) { return dh.getMyPrivateKey(out); });
 }
@@ -225,7 +225,7 @@ TEST(DhEcp, LongPrivateKeysAreUsedWhole) {
 
 // --- Hostile peers ---------------------------------------------------------------------------------------------------
 
-// Coordinates at or above the field's prime are reduced, and the point that they then name is judged.
+// Coordinates equal to or above the field's prime are reduced, and the resulting point is checked.
 TEST(DhEcp, RefusesValuesThatNameNoPointAndKeepsTheSecret) {
   std::size_t accepted = 0;
   const std::size_t blocks = forEachBlock(vectors("dh_ecp_invalid.txt"), [&accepted](Block& block) {

@@ -96,7 +96,7 @@ TEST_F(ModpFailures, FacadeMayChooseTheOtherFormAfterAFailure) {
   expectExchange(facade, two, padded({4}, 256), three, nine);
 }
 
-// The number for the peer's value is made at init, and made up for later if that failed.
+// The number for the peer's value is created at init, or later if that failed.
 TEST_F(ModpFailures, MissingNumberAtInitIsMadeLater) {
   IpsecDHModp fresh(MODP_2048);
   {
@@ -233,7 +233,7 @@ TEST_F(ModpFailures, FirstDerivationFailingGivesNoSecret) {
                   [&fresh](ByteVector* out) { return fresh.getSharedSecret(out); });
 }
 
-// Another shim may strip the zero bytes in front.
+// Another shim may remove leading zero bytes.
 TEST_F(ModpFailures, ShortSecretIsPaddedWhenItIsRead) {
   ASSERT_TRUE(dh.setPeerPublicKey(&three));
   {
@@ -267,7 +267,7 @@ void expectInitFailsOnce(const Case& each) {
   expectNotInitialized(fresh, "IpsecDHEcp");
 }
 
-// The calls that are made once in a process, for the first object of a curve. This must be a process of its own.
+// These calls are made only once in a process, for the first object of a curve, so this must be a separate process.
 TEST(EcpFailuresDeathTest, FirstUseOfACurveFailsAndMayBeRetried) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_EXIT(
@@ -322,7 +322,7 @@ TEST_F(EcpFailures, InitFailsAndMayBeRetried) {
     expectErrors(traces, each.lines);
     expectNotInitialized(fresh, "IpsecDHEcp");
     traces.clear();
-    EXPECT_TRUE(fresh.setDHGroup(ECP_256));  // what the failed attempt left belongs to another curve
+    EXPECT_TRUE(fresh.setDHGroup(ECP_256));  // what the failed attempt has left belongs to another curve
     EXPECT_TRUE(fresh.initIpsecDH());
     expectExchange(fresh, two, own, peer, agreed);
   }
@@ -402,7 +402,7 @@ TEST_F(EcpFailures, KeyThatCannotBeMadeLeavesTheObjectWithoutOne) {
   EXPECT_FALSE(dh.setPeerPublicKey(&peer));
   expectErrors(traces, {"IpsecDHEcp::setPeerPublicKey ECDH_compute_key failed on shared secret with ecdhSize 32"});
   EXPECT_EQ(secret(dh), ByteVector(32, 0));
-  expectExchange(dh, two, own, peer, agreed);  // a new key makes it whole again
+  expectExchange(dh, two, own, peer, agreed);  // with a new key the object works again
 }
 
 TEST_F(EcpFailures, PeerThatCannotBeReadKeepsTheSecret) {

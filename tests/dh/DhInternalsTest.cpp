@@ -1,4 +1,4 @@
-// The group tables and the file-local helpers of the Diffie-Hellman source, which is part of this program.
+// The group tables and the file-local functions of the Diffie-Hellman source, which is part of this program.
 
 #include "src/AlgorithmTables.h"
 #include "src/IpsecDH.cpp"  // NOLINT(bugprone-suspicious-include): for its file-local functions
@@ -152,7 +152,7 @@ TEST(DhInternals, OtherLengthsAreRefusedWithBothLengths) {
   }
 }
 
-// A number counts whole: one whose lowest bits are a supported group's is not that group.
+// The whole number counts: one whose lowest bits are those of a supported group is not that group.
 TEST(DhInternals, ExactlyTheGroupsOfTheTableAreSupported) {
   TraceRecorder traces("IpsecKeyGen=0");
   std::vector<std::uint32_t> numbers = {65550, 0x80000000U, 0xFFFFFFFFU};
@@ -260,7 +260,7 @@ TEST(DhInternals, OddLengthIsNotSplit) {
   }
 }
 
-// The length is the caller's business: halves of any length are read as numbers.
+// The caller checks the length: halves of any length are read as numbers.
 TEST(DhInternals, HalvesOfAnotherLengthAreReadAsNumbers) {
   const Curve curve(NID_X9_62_prime256v1);
   ByteVector value;

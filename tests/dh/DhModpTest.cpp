@@ -1,4 +1,5 @@
-// IpsecDHModp, where it differs from the curves: groups, known answers, refusals with their trace lines, what is kept.
+// IpsecDHModp, where it differs from the curves: groups, known answers, refusals with their trace lines, kept
+// behaviour.
 
 #include "tests/support/CryptoCases.h"
 
@@ -88,7 +89,7 @@ TEST(DhModp, AnswersTheExchangeOfRfc5114) {
 TEST(DhModp, SecretIsLeftPaddedToThePrime) {
   for (const GroupCase& each : modpGroups) {
     if (each.group == MODP_2048_256) {
-      continue;  // 3 is not in the subgroup, and the generator is no small number
+      continue;  // 3 is not in the subgroup, and the generator is not a small number
     }
     SCOPED_TRACE(each.group);
     IpsecDHModp dh(each.group);
@@ -165,7 +166,8 @@ TEST(DhModp, PrivateKeyOneGivesTheGeneratorAndThePeersValue) {
   }
 }
 
-// The order of group 24's subgroup as a private key makes the public value and every secret 1; one more acts as 1.
+// With the order of group 24's subgroup as the private key, the public value and every secret are 1. The order plus 1
+// gives the same as 1.
 TEST(DhModp, PrivateKeysAtTheOrderOfTheSubgroup) {
   const ByteVector order = fromHex("8cf83642a709a097b447997640129da299b1a47d1eb3750ba308b0fe64f5fbd3");
   IpsecDHModp peer(MODP_2048_256);
@@ -187,7 +189,7 @@ TEST(DhModp, PrivateKeysAtTheOrderOfTheSubgroup) {
   EXPECT_EQ(secret(dh), peerValue);
 }
 
-// A private key may be longer than the group: here 8 bits for each bit of the exponent modulo the order would do.
+// A private key may be longer than the group. The exponent modulo the order would give the same.
 TEST(DhModp, LongPrivateKeysAreUsedWhole) {
   for (const GroupCase& each : modpGroups) {
     for (const std::size_t length : {each.publicSize, each.publicSize + 1, std::size_t{1000}}) {

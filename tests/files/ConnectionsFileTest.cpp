@@ -1,5 +1,6 @@
-// What the golden folders do not show of the connections file: refusals, odd bytes, sizes and traces. Damaged disks and
-// dying processes are in FileReplacementTest, the same rules over random files in WriterDifferentialTest.
+// Tests of the connections file that the golden folders do not have: refusals, unusual bytes, sizes and traces. Full
+// disks and dying processes are tested in FileReplacementTest, and the same rules with random files in
+// WriterDifferentialTest.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
@@ -110,7 +111,7 @@ TEST_F(ConnectionsFile, RefusesANameThatIsNoExpressionBeforeItWritesAnything) {
   }
 }
 
-// The name that is compiled is the one that is taken out, not the one that is written.
+// The name that is compiled is that of the section that is removed, not of the one that is written.
 TEST_F(ConnectionsFile, TakesANameThatIsNoExpressionFromConfigBesideADefault) {
   writeConnections(ordinary({{"default", "b"}, {"config", "("}}));
   EXPECT_EQ(readFile(connectionsFile).substr(0, 7), "conn (\n");

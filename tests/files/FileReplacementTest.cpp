@@ -1,4 +1,4 @@
-// What both writers owe the daemon whatever happens to the disk or to the process: the old file or the new one, whole.
+// Whatever happens to the disk or to the process, the daemon finds the complete old file or the complete new one.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
@@ -29,8 +29,8 @@
 #include <thread>
 #include <vector>
 
-// The program's own read, write and close stand before the C library's for every library in the process. They forward,
-// unless a test wants a fault at the file whose name ends in faultyName.
+// Every library in the process calls the program's own read, write and close instead of those of the C library. They
+// call the real ones, unless a test wants a fault at the file whose name ends in faultyName.
 namespace {
 
 enum class Fault { None, ReadFailsAtOffset, WriteIsInterrupted, WriteIsShort, CloseFails };
@@ -115,7 +115,7 @@ class FaultsNow {
   FaultsNow& operator=(const FaultsNow&) = delete;
 };
 
-// One writer with a file of a hundred entries of its own; number tells versions of the same entry apart.
+// One writer with its own file of a hundred entries. The number distinguishes versions of the same entry.
 struct Writer {
   const char* name;
   const char* file;
@@ -177,7 +177,7 @@ class FileReplacement : public testing::TestWithParam<const Writer*> {
 
   std::string whole(int number) const { return others + writer.entry(number); }
 
-  // Returns which of the first thousand versions a whole file is; -1 if it is none.
+  // Returns which of the first thousand versions a file is, or -1 if it is not one of them.
   int versionOf(const std::string& text) const {
     for (int number = 0; number <= 1000 && text.rfind(others, 0) == 0; ++number) {
       if (std::string_view(text).substr(others.size()) == writer.entry(number)) {
@@ -299,7 +299,7 @@ TEST_P(FileReplacement, EmptiesAStaleTemporaryFile) {
   expectTaken(2);
 }
 
-// Runs the check in a process that has a superuser's number but not his right to pass over file modes.
+// Runs the check in a process that has the superuser's number but not the right to ignore file modes.
 void withoutTheRightToPassOverModes(const std::function<bool()>& check) {
   const pid_t child = fork();
   if (child == 0) {
@@ -313,7 +313,7 @@ void withoutTheRightToPassOverModes(const std::function<bool()>& check) {
   EXPECT_EQ(status, 0);
 }
 
-// A file that an earlier process left, not to be opened by this one, must not be taken for the new file.
+// A file that an earlier process left, and that this one may not open, must not be mistaken for the new file.
 TEST_P(FileReplacement, NeverMovesAStaleTemporaryFileThatCannotBeOpened) {
   startWith(1);
   writeFile(temporary, "stale\n");
@@ -383,7 +383,7 @@ TEST_P(FileReplacement, TakesAFileWhoseFirstLineCannotBeReadForEmpty) {
   EXPECT_EQ(readFile(writer.file), writer.entry(2));
 }
 
-// A pipe has no size to go by.
+// A pipe has no size.
 TEST_P(FileReplacement, ReadsAFileWithoutASize) {
   ASSERT_EQ(mkfifo(writer.file, 0600), 0);
   std::string lines;
@@ -487,7 +487,7 @@ pid_t startUpdate(const Writer& writer, int number, bool stays) {
   return child;
 }
 
-// Returns how long such a process takes here and now: the slowest of a few.
+// Returns how long such a process takes on this machine now: the time of the slowest of a few.
 std::chrono::microseconds timeOfUpdate(const Writer& writer, int number) {
   std::chrono::microseconds slowest{0};
   for (int run = 0; run < 5; ++run) {
@@ -500,7 +500,7 @@ std::chrono::microseconds timeOfUpdate(const Writer& writer, int number) {
   return slowest;
 }
 
-// Processes are killed before, within and after their update: at any moment of three times what one takes.
+// Processes are killed before, during and after their update: at any moment within three times the time of one update.
 TEST_P(FileReplacement, OfAKilledProcessIsDoneOrNotBegun) {
   constexpr int rewrites = 500;
   constexpr std::chrono::seconds longEnough(8);

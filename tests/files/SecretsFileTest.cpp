@@ -1,5 +1,6 @@
-// What the golden folders do not show of the secrets file: refusals, odd bytes, sizes and traces. Damaged disks and
-// dying processes are in FileReplacementTest, the same rules over random files in WriterDifferentialTest.
+// Tests of the secrets file that the golden folders do not have: refusals, unusual bytes, sizes and traces. Full disks
+// and dying processes are tested in FileReplacementTest, and the same rules with random files in
+// WriterDifferentialTest.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"

@@ -1,5 +1,5 @@
-// The two writers against two other implementations of theirs, over random files: a plain one that searches each line
-// with std::regex, for what is taken out under any name, and tools/reference-writers.py, for whole files.
+// Compares the two writers with two other implementations, with random files. A simple one searches each line with
+// std::regex and shows what is removed for any name. tools/reference-writers.py shows whole files.
 //
 // IPSEC_TEST_SEED in the environment changes the seed.
 #include "Ipsec.h"
@@ -148,7 +148,7 @@ class Generator {
     }
   }
 
-  // Returns the text with some bytes changed: what a dot may match, or something else.
+  // Returns the text with some bytes changed: to what a dot may match, or to something else.
   std::string altered(std::string text) {
     for (char& character : text) {
       if (oneIn(6)) {
@@ -162,7 +162,7 @@ class Generator {
   std::mt19937 random;
 };
 
-// What the lines are about: the words in front of a name, and behind it.
+// The words before and after a name in the lines.
 struct Kind {
   std::string front;
   std::string behind;
@@ -191,7 +191,7 @@ std::string line(Generator& generate, const Kind& kind, const std::string& name)
   }
 }
 
-// A long line is safe under any name that repeats nothing over it.
+// A long line is safe with any name that does not repeat anything over it.
 std::string longLine(Generator& generate, const Kind& kind, const std::string& name) {
   const std::string filler(generate.below(20000), generate.oneIn(2) ? 'a' : '\xff');
   return generate.oneIn(2) ? kind.front + name + filler : filler + "config setup" + filler;
@@ -213,7 +213,7 @@ std::string oldFile(Generator& generate, const Kind& kind, const std::string& na
   return text;
 }
 
-// Returns the file that a call leaves, or the error of an expression that it refuses.
+// Returns the file after a call, or the error of an expression that the call refuses.
 template <class Call>
 std::string outcome(const Call& call) {
   try {
@@ -223,7 +223,7 @@ std::string outcome(const Call& call) {
   }
 }
 
-// Counts how often a run met each kind of case, so that it cannot pass by meeting none.
+// Counts how often each kind of case occurred in a run, so that the run cannot pass without any.
 struct Tally {
   int refused = 0;
   int changed = 0;

@@ -1,5 +1,5 @@
-// One folder a rule under golden/: the settings of a call, the file before it (none: no such file) and after it. The
-// folder's name says which file; the first line of "settings" is the rule.
+// Each folder below golden/ is one rule: the settings of a call, the file before it (if there is one) and the file
+// after it. The folder's name says which file is written, and the first line of "settings" is the rule.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// As text: GoogleTest cannot print a path.
+// These are texts, because GoogleTest cannot print a path.
 std::vector<std::string> folders() {
   std::vector<std::string> found;
   for (const fs::directory_entry& entry : fs::directory_iterator(IPSEC_TEST_GOLDEN)) {

@@ -1,5 +1,5 @@
-// Memory runs out in the writers, at every allocation of a call: nothing but std::bad_alloc leaves it, the old file
-// stays unless the call returned, and neither memory nor a descriptor is lost.
+// Memory runs out in the writers, at every allocation of a call in turn. Only std::bad_alloc leaves the call, the old
+// file stays unless the call returned, and neither memory nor a descriptor is leaked.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
@@ -16,12 +16,12 @@
 #include <string>
 #include <utility>
 
-// The program's own operator new stands before the C++ runtime's for every library in the process.
+// Every library in the process uses the program's operator new instead of that of the C++ runtime.
 namespace {
 
 std::atomic<long> live = 0;
-std::atomic<unsigned long> allocations = 0;  // since failing was ordered
-std::atomic<unsigned long> failing = 0;      // which of them fails; 0: none
+std::atomic<unsigned long> allocations = 0;  // since a failure was requested
+std::atomic<unsigned long> failing = 0;      // which of them fails; 0 means none
 std::atomic<bool> failingOnwards = false;    // and all later ones
 
 bool refuses() {
@@ -33,7 +33,7 @@ bool refuses() {
   return number == wanted || (failingOnwards && number > wanted);
 }
 
-// Out of line, or the compiler sees free() on what operator new gave, and warns.
+// Out of line: otherwise the compiler sees free() for memory from operator new, and warns.
 [[gnu::noinline]] void* take(std::size_t size) {
   void* const memory = refuses() ? nullptr : std::malloc(size == 0 ? 1 : size);
   live += memory != nullptr;
@@ -160,7 +160,7 @@ class WriterMemory : public testing::TestWithParam<Writer> {
 
 TEST_P(WriterMemory, ThatRunsOutLeavesTheOldFile) {
   writeFile(writer.file, writer.before);
-  writer.write(writer.settings);  // What is kept for good is made now.
+  writer.write(writer.settings);  // What is kept permanently is created now.
   ASSERT_EQ(readFile(writer.file), writer.after);
   const unsigned long count = sweep(false);
   EXPECT_EQ(sweep(true), count);

@@ -1,5 +1,5 @@
-// Feeds peers' public values and private keys to every group. What the library accepts must give a secret of the
-// group's length; nothing may crash or leak.
+// Gives peers' public values and private keys to every group. What the library accepts must give a secret of the
+// group's length, and nothing may crash or leak.
 #include "Ipsec.h"
 
 #include <array>

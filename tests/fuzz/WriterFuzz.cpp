@@ -1,5 +1,5 @@
-// Feeds old files, names and values to both writers, inside a private mount namespace. After a call that returns, the
-// file holds whole lines only; nothing may crash or leak.
+// Gives old files, names and values to both writers, in a private mount namespace. After a call that returns, the file
+// must hold only whole lines. Nothing may crash or leak.
 #include "Ipsec.h"
 
 #include <sched.h>
@@ -17,7 +17,8 @@
 
 namespace {
 
-// Names whose expressions can exhaust the stack of the standard library's matcher are the caller's affair.
+// Names whose expressions can exhaust the stack in the standard library's matcher are left out: the caller must avoid
+// them.
 constexpr std::size_t longestLine = 256;
 
 std::string takeString(const std::uint8_t*& data, std::size_t& size, std::size_t longest) {

@@ -113,7 +113,7 @@ TEST(Timestamp, IsEmptyForATimeWithoutAYear) {
 
 // --- vrfIdToName -----------------------------------------------------------------------------------------------------
 
-// A VRF status table of the test's own.
+// The test's own VRF status table.
 class VrfName : public testing::Test {
  protected:
   VrfName() : segment("/ipsec-formatting-test-" + std::to_string(getpid())) {
@@ -123,7 +123,7 @@ class VrfName : public testing::Test {
 
   std::string name(std::uint32_t vrf) const { return vrfIdToName(VrfIdMap::VrfId(vrf), table).string().str(); }
 
-  // Changes a byte of a stored name behind the table's back.
+  // Changes a byte of a stored name without the table's knowledge.
   void damage(const std::string& stored) const {
     std::fstream memory("/dev/shm" + segment, std::ios::in | std::ios::out | std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(memory), {}};
@@ -135,7 +135,7 @@ class VrfName : public testing::Test {
     ASSERT_TRUE(memory.flush());
   }
 
-  // Gives the first entry another length, with a checksum that fits: as a faulty writer would.
+  // Gives the first entry another length and a matching checksum, as a faulty writer would.
   void setStoredLength(std::uint32_t length) const {
     const int file = shm_open(segment.c_str(), O_RDWR, 0);
     ASSERT_GE(file, 0);

@@ -62,7 +62,7 @@ TEST_F(ReplayWindow, ThatCannotBeOpenedIsTraced) {
   EXPECT_EQ(traces.errors(), traces.text(1));
 }
 
-// The file takes no byte, and the stream tells only when it is closed.
+// The file accepts no byte, and the stream reports that only when it is closed.
 TEST_F(ReplayWindow, ThatTheKernelRefusesIsNotReported) {
   std::filesystem::create_symlink("/dev/full", replayWindowSetting);
   const TraceRecorder traces("IpsecUtils=0-8");
@@ -88,7 +88,7 @@ class Liveness : public Host {
   }
 };
 
-// A process that does nothing until the object goes.
+// A process that does nothing until the object is destroyed.
 class Sleeper {
  public:
   Sleeper() : child(fork()) {
@@ -186,8 +186,8 @@ TEST_F(Liveness, IsFalseWhereTheFileCannotBeRead) {
   EXPECT_FALSE(isSswanRunning());
 }
 
-// The right to signal anybody goes with the change of user. In a user namespace there is no other user to change to,
-// but process 1 is another user's.
+// A process that changes its user loses the right to signal any process. In a user namespace there is no other user to
+// change to, but process 1 belongs to another user.
 TEST_F(Liveness, IsFalseForAProcessThatMayNotBeSignalled) {
   const Sleeper daemon;
   (void)with(std::to_string(daemon.pid()) + "\n");

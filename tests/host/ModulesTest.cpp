@@ -29,7 +29,7 @@ Lines joined(Lines left, const Lines& right) {
   return left;
 }
 
-// Ignores SIGCHLD as long as it lives: the kernel then reaps children by itself, and a wait for one fails.
+// Ignores SIGCHLD as long as the object lives: the kernel then reaps children itself, and a wait for one fails.
 class ChildrenReapedByTheKernel {
  public:
   ChildrenReapedByTheKernel() : before(std::signal(SIGCHLD, SIG_IGN)) {}

@@ -1,12 +1,12 @@
-// The library's side of the daemon's configuration, for the interop runner: reads commands from standard input, one per
-// line with fields between TABs, calls the library, and answers each with one line.
+// Configures the daemon through the library, for the interop runner. Reads commands from standard input, one per line
+// with its fields separated by TABs, calls the library, and answers each command with one line.
 //
 //   connection KEY=VALUE ...                  writeConnections          -> ok
 //   secret KEY=VALUE ...                      writeSecrets              -> ok
 //   name FIRST SECOND local|remote NUMBER     getConnNameFromKey        -> ok NAME
 //   running                                   isSswanRunning            -> ok true|false
 //
-// What goes wrong is answered with "error TEXT".
+// The answer to a command that fails is "error TEXT".
 
 #include "Ipsec.h"
 
@@ -53,7 +53,7 @@ std::string connectionName(const std::vector<std::string>& fields) {
 }
 
 void writeSecret(const std::vector<std::string>& fields) {
-  // The writer leaves the new file's mode to the umask.
+  // The umask decides the mode of the new file.
   const mode_t before = umask(077);
   Ipsec::writeSecrets(settingsOf(fields));
   (void)umask(before);

@@ -1,4 +1,4 @@
-"""Reads the keys that charon writes to its log at ike = 4 and chd = 4, and names them as the agent's key log does."""
+"""Reads the keys that charon writes to its log at ike = 4 and chd = 4, and names them as in the agent's key log."""
 
 import re
 
@@ -28,7 +28,7 @@ CHILD_LABELS = {
     "integrity responder key": "integ_r",
 }
 
-# Releases differ in what they call it.
+# Its name differs between releases.
 SECRETS = ("shared Diffie Hellman secret", "key exchange secret", "DH secret")
 CHILD_SEEDS = ("seed", "initiator SA seed")
 
@@ -72,6 +72,6 @@ def keys(text):
 
 
 def agent_keys(text):
-    """Reads the agent's key log; of a name that comes twice, the last one."""
+    """Reads the agent's key log. If a name occurs twice, the last one counts."""
     found = dict(line.partition(" ")[::2] for line in text.splitlines())
     return {name: digits for name, digits in found.items() if digits}

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Sets the agent of examples/agent against an unmodified strongSwan daemon that the library configures.
+"""Runs the agent of examples/agent against an unmodified strongSwan daemon that the library configures.
 
 Every row is one negotiation: the keys that the agent derived are compared byte for byte with those that the daemon
 logs, and an echo passes the tunnel. Then come rows on the life of the configuration. Needs root, TUN, namespaces and
@@ -22,13 +22,13 @@ import sandbox
 
 SKIPPED = 77
 
-# Long for a veth pair, short enough for a run in which nothing works.
+# This is long for a veth pair, but short enough for a run in which nothing works.
 PATIENCE = ("--timeout", "400", "--tries", "3")
 ECHO = re.compile(r"^echo through \S+ in ([0-9.]+) ms$", re.MULTILINE)
 
 
 class Library:
-    """The helper program that calls the library's side of the configuration."""
+    """The program that configures the daemon through the library."""
 
     def __init__(self, program):
         self.process = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
@@ -219,7 +219,7 @@ def run_demo(bench):
 
 
 def run_by_hand(bench, arguments):
-    """Runs the agent once, as the user says, against a connection that takes every suite."""
+    """Runs the agent once with the user's arguments, against a connection that accepts every suite."""
     address, psk = "10.51.0.1", "by hand"
     bench.library.connection(default="%default", uniqueids="add")
     bench.library.connection(

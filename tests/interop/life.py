@@ -1,4 +1,4 @@
-"""Rows on the life of the configuration: what the library writes, the daemon reads, the agent sees on the wire."""
+"""Rows about changes of the configuration, from the library through the daemon to the agent."""
 
 import re
 import socket
@@ -35,7 +35,7 @@ def last_line(result):
 
 
 def expect(bench, text, address, suite, psk, code, message="", extra=()):
-    """One negotiation with a foreseen exit code and, on failure, a foreseen word in the message."""
+    """One negotiation with an expected exit code and, on failure, an expected word in the message."""
     result = bench.negotiate(address, [*suite.arguments(), *extra], psk)
     trouble = None
     if result.returncode != code:
@@ -47,7 +47,7 @@ def expect(bench, text, address, suite, psk, code, message="", extra=()):
 
 
 def reread(bench, *expected):
-    """Has the daemon reread the connections, and waits until its log says each of the expected texts."""
+    """Makes the daemon reread the connections, and waits until its log has each of the expected texts."""
     offset = bench.log_size()
     bench.place.reread_connections()
     sandbox.wait_until(lambda: all(text in bench.log_since(offset) for text in expected), f"the log's {expected[0]}")
@@ -62,7 +62,7 @@ def deleted(name):
 
 
 def connection_rows(bench):
-    """A connection comes, changes and goes; its neighbour stays, whose name begins with the connection's."""
+    """A connection is added, changed and removed. Another one, whose name begins with the same name, stays."""
     old, new = Suite(group=20, encr="aes128"), Suite(group=21, encr="aes256", prf="sha512")
     beside_suite = Suite(group=14)
     address, psk = "10.51.200.1", "of the changing connection"
@@ -88,7 +88,7 @@ def connection_rows(bench):
 
 
 def file_rows(bench):
-    """The daemon takes a section's lines in any order, so their order is read from the file."""
+    """The daemon accepts a section's lines in any order, so their order is read from the file."""
     suite, address, number = Suite(), "10.51.205.1", FIRST_NUMBER + 8
     name = bench.configure(
         address,
@@ -158,7 +158,7 @@ def file_rows(bench):
 
 
 def secret_rows(bench):
-    """A secret comes, changes and goes."""
+    """A secret is added, changed and removed."""
     suite = Suite()
     address, neighbour = "10.51.201.1", "10.51.201.11"
     first, second, other, anybody = "the first", "the second", "the neighbour's", "anybody's"
@@ -176,7 +176,7 @@ def secret_rows(bench):
 
     bench.library.secret(secret="%default", key=f'"{anybody}"')
     bench.place.stroke("rereadsecrets")
-    # The daemon checks a peer against every secret that fits it, but signs with the best one.
+    # The daemon checks a peer against every secret that matches it, but signs with the best one.
     expect(bench, "a peer that signs with another secret is not trusted", address, suite, anybody, NOT_TRUSTED, "AUTH")
 
     bench.library.secret(peerIp=address, delete="")
@@ -207,7 +207,7 @@ def protocol_rows(bench):
         "asks for a cookie",
         extra=("--half-open", "3", "-v"),
     )
-    # The half-open exchanges count until they time out: the next ones come from other addresses.
+    # The half-open exchanges count until they time out, so the next ones come from other addresses.
     address = "10.51.202.2"
     name = bench.configure(address, FIRST_NUMBER + 5, suite, psk)
     reread(bench, added(name))
@@ -307,7 +307,7 @@ def dscp_row(bench, address, number, psk):
 
 
 def bulk_row(bench):
-    """Many connections, each a call of its own, and all of them in the daemon."""
+    """Many connections, each written by a separate call, and all of them are in the daemon."""
     suite, psk = Suite(), "of the many"
     began = time.monotonic()
     names = []
@@ -325,7 +325,7 @@ def bulk_row(bench):
 
 
 def silent_row(bench):
-    """Nobody answers at an address where nobody is."""
+    """Nobody answers at an address that nobody has."""
     expect(
         bench,
         "silence is reported",

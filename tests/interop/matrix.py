@@ -1,4 +1,4 @@
-"""The rows of the matrix: what the agent is told, and how the daemon is configured for it."""
+"""The rows of the matrix: the agent's arguments, and how the daemon is configured for them."""
 
 import dataclasses
 
@@ -19,12 +19,12 @@ HASHES = ("sha1", "sha256", "sha384", "sha512")
 BLOCK_CIPHERS = ("3des", "aes128", "aes192", "aes256")
 GCM_CIPHERS = tuple(f"aes{size}gcm{icv}" for icv in (8, 12, 16) for size in (128, 192, 256))
 
-# A secret begins with a zero byte once in 256 exchanges; so many miss it with a probability of 1 in 120,000.
+# A secret begins with a zero byte once in 256 exchanges. That many have none with a probability of 1 in 120,000.
 ZERO_SECRET_TRIES = 3000
 
 
 def every_ike_proposal():
-    """Returns proposals that take every suite of both versions."""
+    """Returns proposals that accept every suite of both versions."""
     prfs = "-".join(f"prf{name}" for name in HASHES)
     tail = "-".join(GROUPS.values())
     return (
@@ -34,7 +34,7 @@ def every_ike_proposal():
 
 
 def every_esp_proposal():
-    """Returns proposals that take every tunnel, with an exchange of its own or without."""
+    """Returns proposals that accept every tunnel, with its own exchange or without one."""
     blocks, gcm = f"{'-'.join(BLOCK_CIPHERS)}-null-{'-'.join(HASHES)}", "-".join(GCM_CIPHERS)
     tail = "-".join(GROUPS.values())
     return f"{blocks},{gcm},{blocks}-{tail},{gcm}-{tail}!"

@@ -1,4 +1,4 @@
-"""A private place for the daemon: mount, network and pid namespaces of its own, a veth pair, and the daemon itself.
+"""A private place for the daemon: its own mount, network and pid namespaces, a veth pair, and the daemon itself.
 
 Everything here happens inside namespaces that the runner has entered; nothing of the host is changed, and no packet
 leaves them.
@@ -103,7 +103,7 @@ def namespace_command():
 
 
 def namespaces_missing():
-    """Says why namespaces or a veth pair cannot be made, or returns None."""
+    """Says why namespaces or a veth pair cannot be created, or returns None."""
     trial = namespace_command() + ["ip", "link", "add", "trial0", "type", "veth", "peer", "name", "trial1"]
     result = subprocess.run(trial, capture_output=True, text=True, check=False)
     if result.returncode == 0:
@@ -170,7 +170,7 @@ class Sandbox:
         (CONF_DIR / "ipsec.secrets").write_text("")
 
     def connect(self):
-        """Makes the daemon's network namespace and the veth pair into it."""
+        """Creates the daemon's network namespace and the veth pair into it."""
         self.holder = subprocess.Popen(["unshare", "-n", "sleep", "infinity"])
         own = os.readlink("/proc/self/ns/net")
         wait_until(lambda: os.readlink(f"/proc/{self.holder.pid}/ns/net") != own, "a network namespace")

@@ -28,7 +28,7 @@ TEST(HmacPrf, RefusesEverythingBeforeInit) {
   expectErrors(traces, {"HmacPRFunc::setKey HmacPRFunc is not initialized"});
   EXPECT_EQ(prf.getOutputSize(), 0U);
   expectErrors(traces, {"HmacPRFunc::getOutputSize HmacPRFunc is not initialized"});
-  EXPECT_EQ(prf.getKeySize(), 0U);  // asks for the output size, which then reports
+  EXPECT_EQ(prf.getKeySize(), 0U);  // asks for the output size, which reports the failure
   expectErrors(traces, {"HmacPRFunc::getOutputSize HmacPRFunc is not initialized"});
   expectUntouched(traces, {"HmacPRFunc::generatePRStream HmacPRFunc is not initialized"},
                   [&prf](ByteVector* out) { return prf.generatePRStream(&data, out); });
@@ -249,7 +249,7 @@ TEST(HmacPrf, EveryByteOfABorrowedKeyCounts) {
   }
 }
 
-// Short pieces are collected before they are absorbed: nothing may get lost where that ends.
+// Short pieces are collected before they are absorbed. Nothing may be lost at the limit of the collection.
 TEST(HmacPrf, PiecesOfAnyLengthsAreTheInputJoined) {
   const std::array<std::size_t, 9> lengths = {0, 1, 127, 128, 255, 256, 257, 512, 1000};
   for (const std::size_t first : lengths) {
@@ -270,7 +270,7 @@ TEST(HmacPrf, PiecesOfAnyLengthsAreTheInputJoined) {
   }
 }
 
-// An empty key is a key: OpenSSL's own interface takes a null pointer for "the key given last".
+// An empty key is a valid key, although a null pointer means "the key given last" in OpenSSL's own interface.
 TEST(HmacPrf, EmptyKeyReplacesTheKeyBefore) {
   HmacPRFunc prf;
   ASSERT_TRUE(prf.initHmacPRFunc(HASH_SHA1));

@@ -38,7 +38,7 @@ void expectUnknownDigest() {
   EXPECT_EQ(fresh.getOutputSize(), 32U);
 }
 
-// A digest is looked up once in a process, so this must be a process of its own.
+// A digest is looked up only once in a process, so this must be a separate process.
 TEST(HmacFailuresDeathTest, UnknownDigestMayBeRetried) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_EXIT((expectUnknownDigest(), std::exit(testing::Test::HasFailure() ? 1 : 0)), testing::ExitedWithCode(0), "");
@@ -82,7 +82,7 @@ TEST_F(HmacFailures, RefusedKeyLeavesAKeyedObjectKeyed) {
   }
   traces.clear();
   ByteVector out;
-  (void)prf.generatePRStream(&input, &out);  // runs on what the shim has: not refused for want of a key
+  (void)prf.generatePRStream(&input, &out);  // continues with what the shim has: it is not refused for lack of a key
   for (const std::string& line : traces.errors()) {
     EXPECT_NE(line, "HmacPRFunc::generatePRStream Has not set the key");
   }

@@ -75,7 +75,7 @@ TEST(KeyLength, NothingIsTraced) {
 
 // --- Dumps -----------------------------------------------------------------------------------------------------------
 
-// Takes what std::cout is given while it lives, and puts the stream back as it was.
+// Collects what is written to std::cout while the object lives, and restores the stream afterwards.
 class CoutCapture {
  public:
   CoutCapture() : kept(std::cout.rdbuf(captured.rdbuf())), fill(std::cout.fill()), flags(std::cout.flags()) {}
@@ -148,7 +148,7 @@ TEST(KeyLength, NullLabelPutsTheStreamIntoItsBadState) {
   printVector("x", &bytes);
   EXPECT_EQ(output.text(), "");
   std::cout.clear();
-  (void)std::cout.width(0);  // the digits that were not written have left theirs
+  (void)std::cout.width(0);  // the digits that were not written have left their width
   printVector("x", &bytes);
   EXPECT_EQ(output.text(), "x is\nlen is: 1\n01\nend\n");
 }

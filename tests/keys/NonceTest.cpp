@@ -1,4 +1,4 @@
-// NonceGenerator: lengths, randomness in the plainest sense, joining.
+// NonceGenerator: lengths, a simple check of randomness, joining.
 
 #include "tests/support/CryptoCases.h"
 

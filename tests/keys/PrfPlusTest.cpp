@@ -1,4 +1,4 @@
-// PRFuncPlus: known answers, pieces, any PRF below it, each refusal with its trace lines, kept behaviour.
+// PRFuncPlus: known answers, pieces, any kind of PRF, each refusal with its trace lines, kept behaviour.
 
 #include "tests/support/CryptoCases.h"
 
@@ -96,7 +96,7 @@ TEST(PrfPlus, PiecesJoinToTheStream) {
     PRFuncPlus whole(&wholePrf, counter);
     ASSERT_TRUE(whole.initPRFuncPlus(&seed));
     const ByteVector expected = draw(whole, 2000);
-    // Single bytes; pieces that end at, before and behind block boundaries; whole blocks; with empty ones between.
+    // Single bytes; pieces that end at, before and after block boundaries; whole blocks; with empty pieces in between.
     for (const std::vector<std::size_t>& pattern : std::vector<std::vector<std::size_t>>{
              {1}, {10, 22}, {31, 1}, {31, 2}, {32}, {33}, {64, 0}, {0, 5, 0}, {100, 1, 27}, {2000}}) {
       KeyedPrf prf;
@@ -124,7 +124,7 @@ TEST(PrfPlus, OutputIsResizedAndOverwritten) {
 
 // --- Any PRF below ---------------------------------------------------------------------------------------------------
 
-// A PRF that notes what it is given, answers blocks of chosen sizes and fails where it is told to.
+// A PRF that records its input, returns blocks of chosen sizes, and fails where a test wants it.
 class ScriptedPrf : public PRFunc {
  public:
   bool generatePRStream(const ByteVector* input, ByteVector* output) override {
@@ -179,7 +179,8 @@ TEST(PrfPlus, ComputesABlockOnlyWhenItsFirstByteIsDrawn) {
   EXPECT_EQ(prf.computations.size(), 2U);
 }
 
-// A stream is not to be used after a failure. Whoever does gets no bytes from behind the block that the failure left.
+// A stream must not be used after a failure. A caller that does so gets no bytes from beyond the block that the failure
+// left.
 TEST(PrfPlus, DrawAfterAFailedBlockStaysInsideTheBuffer) {
   ScriptedPrf prf;
   PRFuncPlus plus(&prf, true);

@@ -1,4 +1,4 @@
-// Programs that the platform's tests start: this one again, in a role, and others.
+// Programs that the platform's tests start: this one again in a role, and others.
 #pragma once
 
 #include "platform/Process.h"
@@ -15,7 +15,7 @@ namespace Ipsec::Testing {
 
 using Strings = std::vector<std::string>;
 
-// A file in memory, to be a child's standard stream.
+// A file in memory that serves as a child's standard stream.
 class MemoryFile {
  public:
   MemoryFile() : number(memfd_create("platform-test", MFD_CLOEXEC)) {}
@@ -42,7 +42,7 @@ class MemoryFile {
   int number;
 };
 
-// Arguments as Cor::run takes them.
+// Arguments in the form that Cor::run needs.
 class ArgumentVector {
  public:
   explicit ArgumentVector(Strings arguments) : texts(std::move(arguments)) {

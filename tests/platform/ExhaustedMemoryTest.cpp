@@ -22,7 +22,8 @@ thread_local bool memoryIsExhausted = false;
 
 #ifndef WITH_THREAD_SANITIZER
 
-// The whole program's allocation, so that it can be made to fail. Not inlined: g++ would see new paired with free.
+// Replaces the whole program's allocation, so that it can be made to fail. Not inlined, because g++ would see new
+// paired with free.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   void* const memory = memoryIsExhausted ? nullptr : std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) {

@@ -27,8 +27,8 @@ void keepSyslogText(int priority, const char* format, std::va_list values) {
 
 }  // namespace
 
-// The platform's calls of syslog end here instead of in the C library; the second name is the one that a build with
-// _FORTIFY_SOURCE calls.
+// The platform's calls of syslog come here instead of to the C library. A build with _FORTIFY_SOURCE calls the second
+// name.
 extern "C" [[gnu::visibility("default")]] void syslog(int priority, const char* format, ...) {
   std::va_list values;
   va_start(values, format);

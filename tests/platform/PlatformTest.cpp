@@ -1,4 +1,4 @@
-// The stand-in platform's own promises: what the library and its other tests take for granted. One file a subject.
+// The promises of the stand-in platform, on which the library and the other tests rely. There is one file per subject.
 
 #include "tests/platform/Roles.h"
 

@@ -1,6 +1,7 @@
-// What this program does instead of testing when it starts itself with the name of a role as its first argument: some
-// promises show only in a process of its own (the environment, the end of the process, another process's memory).
-// Each role is given the arguments after its name, and returns the exit code; it stands beside the tests that run it.
+// What this program does instead of testing when it starts itself with the name of a role as its first argument. Some
+// promises can be tested only in a separate process (the environment, the end of the process, another process's
+// memory). Each role is given the arguments after its name and returns the exit code. It is in the file of the tests
+// that run it.
 #pragma once
 
 #include "tests/platform/Children.h"

@@ -18,7 +18,7 @@
 namespace Ipsec::Testing {
 namespace {
 
-// Made before any handle and so destroyed after all of them.
+// Created before any handle, and therefore destroyed after all of them.
 struct LastWords {
   bool wanted = false;
   const Cor::TraceHandle* handle = nullptr;

@@ -38,7 +38,7 @@ using VrfEntry = VrfIdMap::VrfEntry;
 
 constexpr std::uint32_t busyVrfs = 5;
 
-// The entries that the busy writer writes: the letter tells the length, so that a mixture of two is seen.
+// The entries that the busy writer writes. The letter determines the length, so that a mixture of two is noticed.
 VrfEntry busyEntry(unsigned count) {
   const unsigned kind = count % 26;
   return {VrfId(count % busyVrfs), std::string(kind * 4 + 1, static_cast<char>('a' + kind))};
@@ -325,9 +325,9 @@ TEST_F(VrfStatus, ReadersSeeOnlyWholeEntriesWhileAThreadWrites) {
   EXPECT_EQ(wrong, 0);
 }
 
-#ifndef WITH_THREAD_SANITIZER  // its runtime cannot be stepped through
+#ifndef WITH_THREAD_SANITIZER  // its runtime cannot be single-stepped
 
-// Where the process is single-stepped and killed: at the given step of those that run while the counter is odd.
+// The step at which the single-stepped process is killed. Only the steps while the counter is odd are counted.
 const std::atomic<std::uint32_t>* steppedCounter = nullptr;
 int stepsToLive = 0;
 
@@ -337,13 +337,13 @@ void onStep(int) {
   }
 }
 
-// Sets the processor's trap flag: every instruction from here on ends in SIGTRAP. The stack's red zone is stepped over.
+// Sets the processor's trap flag: every instruction from here on ends in SIGTRAP. The stack's red zone is left alone.
 void stepFromHere() {
   asm volatile("lea -128(%%rsp), %%rsp; pushfq; orq $0x100, (%%rsp); popfq; lea 128(%%rsp), %%rsp" ::: "cc", "memory");
 }
 
-// Makes the change in a child that dies at the given step in the middle of it. Returns whether it died: false when the
-// change was finished first.
+// Makes the change in a child that dies at the given step of it. Returns whether the child died, or false if the change
+// was finished first.
 bool diesInTheMiddle(const std::atomic<std::uint32_t>& counter, int step, const std::function<void()>& change) {
   const pid_t child = fork();
   if (child == 0) {
@@ -372,7 +372,7 @@ TEST_F(VrfStatus, AWriterThatDiesInTheMiddleOfAnEntryLeavesItReported) {
   for (const auto& [kind, change] : changes) {
     const VrfId changed(kind == "add" ? 9 : 7);
     int deaths = 0;
-    // Adding looks through the whole table first, step by step: it is tried less often.
+    // Adding first looks through the whole table, step by step, so it is tried less often.
     for (int step = 0;; step += 1 + (kind == "add" ? step * 2 : step / 2), ++deaths) {
       writer->erase(VrfId(9));
       writer->set(VrfEntry(VrfId(7), "red"));
@@ -392,9 +392,9 @@ TEST_F(VrfStatus, AWriterThatDiesInTheMiddleOfAnEntryLeavesItReported) {
 
 #endif
 
-// Kills a writer at any moment, time and again, while this process reads, and then takes the table over.
+// Kills a writer at random moments, again and again, while this process reads, and then takes over the table.
 TEST_F(VrfStatus, AKilledWriterLeavesWholeEntriesOrReportedOnes) {
-  std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): which moments does not matter, but that they can be repeated
+  std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): any moments will do, but they must be repeatable
   std::uniform_int_distribution<int> micros(0, 3000);
   int whole = 0;
   int damaged = 0;

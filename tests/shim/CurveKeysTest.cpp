@@ -21,7 +21,7 @@ ByteVector pointOf(const Key& key) {
 
 Number numberOf(const Key& key) {
   BIGNUM* priv = nullptr;
-  (void)EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_PRIV_KEY, &priv);  // null where there is none
+  (void)EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_PRIV_KEY, &priv);  // null if there is none
   return Number(priv);
 }
 
@@ -43,7 +43,7 @@ TEST(CurveShim, KeysHoldWhatTheyAreMadeFrom) {
       const Key pair = curveKey(group, coordinates, number(bytes));
       ASSERT_TRUE(pair);
       EXPECT_EQ(pointOf(pair), coordinates);
-      if (bytes.size() <= coordinates.size() / 2) {  // OpenSSL does not hand a longer one out
+      if (bytes.size() <= coordinates.size() / 2) {  // OpenSSL does not return a longer one
         ASSERT_TRUE(numberOf(pair));
         expectNumber(numberOf(pair).get(), number(bytes).get());
       }

@@ -1,4 +1,5 @@
-// HMAC contexts: call order, keys, pieces, truncation, and what a failure leaves. OpenSSL's own HMAC is the other side.
+// HMAC contexts: call order, keys, pieces, truncation, and what a failure leaves. They are compared with OpenSSL's
+// HMAC.
 
 #include "tests/shim/ShimCases.h"
 
@@ -45,7 +46,8 @@ int update(hmac_ctx* context, const ByteVector& input) {
   return hmac_update(context, input.data(), input.size());
 }
 
-// Finishes into a buffer of that size; the test fails if a byte behind it, or behind what was written, was touched.
+// Finishes into a buffer of this size. The test fails if a byte after the buffer, or after what was written, was
+// changed.
 ByteVector final(hmac_ctx* context, std::size_t size = EVP_MAX_MD_SIZE) {
   ByteVector out(size + guardBytes, guard);
   std::size_t written = 12345;
@@ -186,7 +188,7 @@ TEST(HmacShim, LongKeysAreHashedFirst) {
   }
 }
 
-// The bytes count, not the place that they stand in, at every call.
+// At every call the bytes count, and not their address.
 TEST(HmacShim, KeyIsReadAtEachInit) {
   HmacContext context;
   for (const std::size_t length : {1U, 7U, 8U, 20U, 64U, 65U, 512U, 513U}) {
@@ -311,7 +313,7 @@ TEST(HmacShim, ContextMayBeCreatedAgainAfterCleanup) {
   }
 }
 
-// Nothing is lost either: the sanitizers look for leaks.
+// Nothing is leaked either: the sanitizers look for leaks.
 TEST(HmacShim, SecondCreateLeavesAContextThatComputes) {
   hmac_ctx context = {};
   ASSERT_EQ(hmac_create(&context), 0);

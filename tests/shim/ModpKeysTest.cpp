@@ -9,7 +9,7 @@
 namespace Ipsec::Testing {
 namespace {
 
-// The numbers that a key object gives back; null for one that it does not have.
+// The numbers that a key object returns, or null for one that it does not have.
 struct Held {
   Number p;
   Number g;
@@ -71,7 +71,7 @@ TEST(ModpShim, ParametersOfGroup24AreThoseOfRfc5114) {
   EXPECT_TRUE(BN_is_one(power(group.g, orderOfGroup24(), group.p).get()));
 }
 
-// Callers may be handed the same object: what one of them frees, the others still have.
+// Callers may get the same object: what one of them frees, the others still have.
 TEST(ModpShim, ParametersSurviveTheirOtherOwners) {
   const Modp group = modp(MODP_2048_256);
   Key first(EVP_PKEY_DH_params_2048_256());

@@ -130,8 +130,8 @@ TEST(SecretShim, RefusesTheEndsOfTheRangeInEveryGroup) {
   }
 }
 
-// For a safe prime the range is the whole check (RFC 6989 section 2.1): any other value generates the whole group or
-// the half of it.
+// For a safe prime the range is the complete check (RFC 6989 section 2.1): every value within it generates the whole
+// group or half of it.
 TEST(SecretShim, TakesTheEndsOfTheRangeOfASafePrime) {
   for (const GroupCase& each : modpGroups) {
     if (each.group == MODP_2048_256) {
@@ -147,7 +147,8 @@ TEST(SecretShim, TakesTheEndsOfTheRangeOfASafePrime) {
   }
 }
 
-// An element of group 24 outside the prime-order subgroup would tell the private value's remainder by its own order.
+// An element of group 24 outside the prime-order subgroup would reveal the remainder of the private value modulo the
+// element's order.
 TEST(SecretShim, RefusesSmallOrdersInGroup24) {
   const Modp group = modp(MODP_2048_256);
   const Key own(EVP_PKEY_DH_generate_keys(Key(EVP_PKEY_DH_params_2048_256()).get()));
@@ -171,13 +172,13 @@ TEST(SecretShim, RefusesSmallOrdersInGroup24) {
   }
 }
 
-// A prime that is none of IKE's gets the full check: y^q = 1 refuses half of the values in range.
+// A prime that is not one of IKE's gets the full check: y^q = 1 refuses half of the values in range.
 TEST(SecretShim, ChecksTheSubgroupForOtherPrimes) {
   for (const Modp& group : {group18(), ffdhe2048()}) {
     SCOPED_TRACE(BN_num_bits(group.p.get()));
     const NumberContext context(BN_CTX_new());
     const Key own = modpKey(group, nullptr, number(2));
-    const Number minusTwo = minus(group.p, number(2));  // -1 is no square modulo a safe prime above 3
+    const Number minusTwo = minus(group.p, number(2));  // -1 is not a square modulo a safe prime above 3
     ASSERT_EQ(BN_kronecker(minusTwo.get(), group.p.get(), context.get()), -1);
     expectNoSecret(own.get(), modpKey(group, minusTwo, nullptr).get());
     const Number minusFour = minus(group.p, number(4));

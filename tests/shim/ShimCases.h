@@ -56,7 +56,7 @@ inline void expectNumber(const BIGNUM* value, const BIGNUM* expected) {
   EXPECT_EQ(BN_cmp(value, expected), 0) << textOf(value) << " instead of " << textOf(expected);
 }
 
-// Computes base^exponent mod modulus by squaring and multiplying, bit by bit: none of the shim's arithmetic.
+// Computes base^exponent mod modulus by squaring and multiplying, bit by bit, without the shim's arithmetic.
 inline Number power(const Number& base, const Number& exponent, const Number& modulus) {
   const NumberContext context(BN_CTX_new());
   Number result = number(1);
@@ -100,7 +100,7 @@ inline Number orderOfGroup24() {
   return number(fromHex("8cf83642a709a097b447997640129da299b1a47d1eb3750ba308b0fe64f5fbd3"));
 }
 
-// Primes of groups that IKE's eight are not among, and their generator 2.
+// Primes of groups that are not among IKE's eight, with the generator 2.
 inline Modp group18() {
   return {Number(BN_get_rfc3526_prime_8192(nullptr)), number(2)};
 }
@@ -152,8 +152,8 @@ inline Key curveKey(DhGroupNum group, const ByteVector& coordinates, const Numbe
 constexpr std::size_t guardBytes = 64;
 constexpr unsigned char guard = 0xEE;
 
-// Computes a secret into a buffer with guard bytes behind the size that the caller would give it. Returns the secret;
-// the test fails if it has another length, or if the buffer was touched behind it.
+// Computes a secret into a buffer with guard bytes after the size that the caller would give it. Returns the secret.
+// The test fails if the secret has another length or if the guard bytes were changed.
 inline ByteVector sharedSecret(EVP_PKEY* own, EVP_PKEY* peer, std::size_t size) {
   ByteVector buffer(size + guardBytes, guard);
   unsigned char* at = buffer.data();
@@ -166,7 +166,7 @@ inline ByteVector sharedSecret(EVP_PKEY* own, EVP_PKEY* peer, std::size_t size) 
   return buffer;
 }
 
-// Expects no secret, and buffer and length as they were.
+// Expects no secret, and unchanged buffer and length.
 inline void expectNoSecret(EVP_PKEY* own, EVP_PKEY* peer) {
   const ByteVector before(2000, guard);
   ByteVector buffer = before;

@@ -68,7 +68,7 @@ inline ByteVector operator+(ByteVector left, const ByteVector& right) {
   return left;
 }
 
-// The bytes at the end of that many zero bytes.
+// Returns the bytes after that many zero bytes.
 inline ByteVector padded(const ByteVector& bytes, std::size_t size) {
   return ByteVector(size - bytes.size(), 0) + bytes;
 }
@@ -143,7 +143,7 @@ void expectUntouched(TraceRecorder& traces, const Lines& lines, const Operation&
   expectErrors(traces, lines);
 }
 
-// Expects an initialised object to give the exchange of a block: Private, Public, Peer, Secret.
+// Expects an initialised object to compute the exchange of a block: Private, Public, Peer, Secret.
 template <class Dh>
 void expectExchange(Dh& dh, const ByteVector& ownPrivate, const ByteVector& ownPublic, const ByteVector& peer,
                     const ByteVector& expected) {
@@ -181,7 +181,7 @@ void expectOutOfRange(const Operation& operation) {
   }
 }
 
-// Says loudly why a test does not run. A run that decides something must not skip: it fails where CI is set.
+// Says loudly why a test does not run. Where CI is set, the test fails instead.
 #define IPSEC_SKIP(reason)                                   \
   do {                                                       \
     std::cerr << "*** NOT RUN: " << (reason) << " ***\n";    \

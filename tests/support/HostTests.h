@@ -5,9 +5,9 @@
 
 namespace Ipsec::Testing {
 
-// Runs all tests behind private mounts (see PrivateMounts.h), and fails if a file of the machine's own differs from
-// what it was before. Where the machine allows no such mounts, says so in one line and runs nothing: returns 77 then,
-// and 1 when the environment variable CI is set.
+// Runs all tests behind private mounts (see PrivateMounts.h), and fails if a file of the machine itself was changed. If
+// the machine does not allow such mounts, says so in one line and runs nothing. Returns 77 then, or 1 if the
+// environment variable CI is set.
 int runInPrivateMounts(int argc, char** argv);
 
 }  // namespace Ipsec::Testing

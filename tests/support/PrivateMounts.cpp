@@ -22,10 +22,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A folder of procfs is there on every machine, and nothing here needs what is below it.
+// Every machine has this folder of procfs, and nothing here needs what is below it.
 const fs::path scratch = "/proc/fs";
 
-// Where the stand-ins write, and the folder of the program's own over the daemon's.
+// The folder into which the stand-ins write, and the program's own folder over the daemon's.
 const fs::path commandLog = scratch / "commands";
 const fs::path tools = scratch / "tools";
 
@@ -42,7 +42,7 @@ void mountOrThrow(const char* source, const fs::path& target, const char* type, 
 
 // --- The machine's own files -----------------------------------------------------------------------------------------
 
-// An open folder is looked up in the mounts that it was opened in: this one stays the machine's own.
+// An open folder keeps the mounts in which it was opened, so this one remains the machine's.
 int machinesRoot = -1;
 
 std::string readAll(int file) {
@@ -62,7 +62,7 @@ void describe(const std::string& path, std::ostream& out) {
     return;
   }
   out << path << ": mode " << std::oct << status.st_mode << std::dec << " size " << status.st_size;
-  if (path.rfind("proc/", 0) != 0) {  // In procfs both come and go with the look.
+  if (path.rfind("proc/", 0) != 0) {  // In procfs both change with every look.
     out << " inode " << status.st_ino << " time " << status.st_mtim.tv_sec << "." << status.st_mtim.tv_nsec;
   }
   const int file = openat(machinesRoot, path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -96,11 +96,11 @@ void enterNamespaces() {
   writeText("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
 }
 
-// Keeps all later mounts from reaching the machine's own namespace, and mounts the scratch folder.
+// Keeps all later mounts from becoming visible in the machine's namespace, and mounts the scratch folder.
 void mountScratch() {
   const bool rootIsMount = mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
   if (!rootIsMount) {
-    // In a chroot the root is a mere folder. /proc is a mount there too.
+    // In a chroot the root is a folder and not a mount. /proc is a mount there too.
     mountOrThrow(nullptr, "/proc", nullptr, MS_REC | MS_PRIVATE);
   }
   mountOrThrow("tests", scratch, "tmpfs", 0, "mode=755");
@@ -115,7 +115,7 @@ void mountScratch() {
   }
 }
 
-// Puts a folder in place of another that shows the same entries, as links into the old one, and may be changed.
+// Replaces a folder with one that has the same entries, as links into the old one, and that may be changed.
 void coverFolder(const fs::path& folder) {
   const fs::path target = fs::canonical(folder);
   const fs::path old = scratch / "covered" / target.filename();
@@ -132,7 +132,7 @@ void mountHost() {
   mountScratch();
   if (!fs::is_directory(daemonFolder)) {
     coverFolder("/etc");
-    fs::remove(daemonFolder);  // A link that leads nowhere.
+    fs::remove(daemonFolder);  // It is a link without a target.
     fs::create_directory(daemonFolder);
   }
   mountOrThrow("tests", daemonFolder, "tmpfs", 0, "mode=755");
@@ -215,7 +215,7 @@ Mount::Mount(Mount&& other) noexcept : target(std::exchange(other.target, {})) {
 
 Mount::~Mount() {
   if (!target.empty()) {
-    (void)umount2(target.c_str(), MNT_DETACH);  // Goes with the namespace at the latest.
+    (void)umount2(target.c_str(), MNT_DETACH);  // The end of the namespace unmounts it at the latest.
   }
 }
 

@@ -16,7 +16,7 @@
 
 namespace {
 
-// What is on order. The tests that order failures have one thread.
+// The failure that is requested. The tests that request failures have only one thread.
 struct Order {
   std::string_view function;  // empty: nothing
   unsigned nth = 0;           // 0: only count
@@ -34,12 +34,12 @@ bool isTheLibrary(const void* address) {
          std::string_view(info.dli_fname).find("libipsechelpers") != std::string_view::npos;
 }
 
-// Tells whether this call is the one to fail. The address is the one that the function returns to.
+// Returns whether this call is the one that must fail. The address is the one to which the function returns.
 bool fails(std::string_view function, const void* caller) {
   return order.function == function && isTheLibrary(caller) && ++order.calls == order.nth;
 }
 
-// Returns the next definition of a function after this program's own. The program exports its own under the same
+// Returns the next definition of a function after this program's. The program exports its own definition under the same
 // symbol, which for a C++ function is not its bare name.
 template <class Function>
 Function* real(Function* own, const char* name) {
@@ -53,7 +53,7 @@ Function* real(Function* own, const char* name) {
   return reinterpret_cast<Function*>(found);
 }
 
-// Turns 04 | x | y into 02 | x or 03 | x, by whether y is even (SEC 1 section 2.3.3).
+// Converts 04 | x | y into 02 | x if y is even, and into 03 | x if it is odd (SEC 1 section 2.3.3).
 int compress(unsigned char* point, std::size_t* length) {
   if (point != nullptr && *length > 1 && point[0] == 0x04) {
     point[0] = static_cast<unsigned char>(0x02 | (point[*length - 1] & 1));
@@ -106,7 +106,8 @@ CompressedPoints::~CompressedPoints() {
 
 }  // namespace Ipsec::Testing
 
-// One definition per function: its failure, or the real one. The address must be taken in the function itself.
+// One definition per function, which fails or calls the real one. The return address must be read in the function
+// itself.
 #define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
 #define REAL(function) real(&(function), #function)
 

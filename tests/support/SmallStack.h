@@ -1,4 +1,4 @@
-// A thread with as little stack as an embedded agent gives its workers.
+// A thread with as small a stack as an embedded agent gives its workers.
 #pragma once
 
 #include <pthread.h>
@@ -9,7 +9,7 @@
 
 namespace Ipsec::Testing {
 
-// Runs the work to its end in a thread with a stack of 128 KB, and throws what the work throws.
+// Runs the work in a thread with a stack of 128 KB, waits for its end, and throws what the work throws.
 inline void onASmallStack(const std::function<void()>& work) {
   struct Job {
     const std::function<void()>& work;

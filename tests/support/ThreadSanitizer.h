@@ -1,5 +1,5 @@
-// Says whether this is a build with ThreadSanitizer. It brings an allocation of its own, which cannot be replaced, and
-// cannot be single-stepped: the tests that need either are left out of its builds.
+// Says whether this is a build with ThreadSanitizer. ThreadSanitizer has its own allocation, which cannot be replaced,
+// and cannot be single-stepped. Tests that need either are left out of its builds.
 #pragma once
 
 #ifdef __SANITIZE_THREAD__

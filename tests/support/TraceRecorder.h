@@ -16,21 +16,21 @@ namespace Ipsec::Testing {
 
 class TraceRecorder {
  public:
-  // Switches levels on by handle name ("IpsecUtils=0-8,IpsecKeyGen=0"); they are not switched back. An empty text
-  // leaves the levels alone. Fails the running test for a malformed text.
+  // Switches levels on by handle name ("IpsecUtils=0-8,IpsecKeyGen=0"). They are not switched back. An empty text
+  // changes no levels. A malformed text fails the running test.
   explicit TraceRecorder(std::string_view levels = {});
 
   // Returns every line so far, of both sinks, in order.
   std::vector<Cor::TraceLine> lines() const;
 
-  // Returns the messages of the ring buffer: what went through DualTrace, whatever the levels are.
+  // Returns the messages of the ring buffer: those that went through DualTrace, whatever the levels are.
   std::vector<std::string> errors() const;
 
   // Returns the messages of the text traces, of one level or of all.
   std::vector<std::string> text() const;
   std::vector<std::string> text(unsigned level) const;
 
-  // Tells whether any line holds these bytes, in the message or in any other field.
+  // Returns whether any line contains these bytes, in the message or in any other field.
   bool mentions(std::string_view bytes) const;
 
   void clear();
@@ -38,7 +38,7 @@ class TraceRecorder {
  private:
   mutable std::mutex guard;
   std::vector<Cor::TraceLine> recorded;
-  Cor::TraceCapture capture;  // Last, so that no line arrives before the rest is there or after it is gone.
+  Cor::TraceCapture capture;  // Last, so that no line comes before the other members exist or after they end.
 };
 
 }  // namespace Ipsec::Testing

@@ -1,10 +1,10 @@
 // Reader for the known-answer files of the tests.
 //
 // A file is a list of blocks separated by blank lines. A block is a list of lines "Name = value"; "#" starts a comment
-// line. A value is what the accessor makes of it: bytes in hex (or ASCII text in double quotes), a decimal number, or
-// text. An empty value ("Key =") is an empty byte string. Names are case-sensitive and occur once in a block.
+// line. The accessor decides how a value is read: as bytes in hex (or ASCII text in double quotes), a decimal number,
+// or text. An empty value ("Key =") is an empty byte string. Names are case-sensitive and occur once in a block.
 //
-// Nothing is skipped in silence: a malformed line, a repeated name, a file without blocks, a missing attribute and a
+// Nothing is skipped silently. A malformed line, a repeated name, a file without blocks, a missing attribute and a
 // value of the wrong kind throw VectorFileError, whose text starts with file:line; an attribute that the test has not
 // read fails the test in finish(). "Note" and "Source" (in any case) are for people and need not be read.
 //
@@ -38,10 +38,10 @@ class Block {
   std::uint64_t number(const std::string& name);
   std::vector<unsigned char> bytes(const std::string& name);
 
-  // Tells whether the block has the attribute, without marking it as read.
+  // Returns whether the block has the attribute, without marking it as read.
   bool has(const std::string& name) const;
 
-  // Marks an attribute that this test has no use for as read, whether or not the block has it.
+  // Marks an attribute that this test does not need as read, whether or not the block has it.
   void ignore(const std::string& name);
 
   // Returns "file:line", the place of the block's first line, with the note when there is one: for SCOPED_TRACE.
@@ -84,7 +84,7 @@ class VectorFile {
 };
 
 // Runs check on every block of the file, with the block's place in the trace of each failure, and finishes the block.
-// A VectorFileError or other exception fails the test and the next block is taken. Returns the number of blocks.
+// A VectorFileError or another exception fails the test, and the next block follows. Returns the number of blocks.
 std::size_t forEachBlock(const std::string& path, const std::function<void(Block&)>& check);
 
 }  // namespace Ipsec::Testing

@@ -1,4 +1,4 @@
-// The reader of known answers must not let a case slip: what it cannot read, or what a test does not read, is an error.
+// The reader of known answers must not miss a case: what it cannot read, or what a test does not read, is an error.
 
 #include "tests/support/VectorFile.h"
 

@@ -1,5 +1,5 @@
 // Memory runs out: inside OpenSSL, at every allocation of a whole exchange and of a derivation, and at every operator
-// new. Nothing crashes, nothing leaks, and what claims success is right.
+// new. Nothing crashes, nothing leaks, and every result that claims success is right.
 //
 // OpenSSL's allocator can be replaced only before its first use, so this program has its own main.
 
@@ -30,7 +30,7 @@
 
 namespace {
 
-// Allocations of one kind, counted while armed; the one that is ordered fails, or all from it on.
+// Allocations of one kind, counted while armed. The requested one fails, or all from it on.
 struct Allocator {
   std::atomic<long> live = 0;
   std::atomic<unsigned long> count = 0;
@@ -52,13 +52,13 @@ struct Allocator {
     failFrom = from;
   }
 
-  // Returns whether a failure came.
+  // Returns whether an allocation failed.
   bool disarm() {
     const unsigned long from = failFrom.exchange(0);
     return count >= from;
   }
 
-  // Out of line, or the compiler sees free() on what operator new gave, and warns.
+  // Out of line: otherwise the compiler sees free() for memory from operator new, and warns.
   [[gnu::noinline]] void* take(std::size_t size) {
     void* const memory = refuses() ? nullptr : std::malloc(size == 0 ? 1 : size);
     live += memory != nullptr;
@@ -140,7 +140,8 @@ namespace {
 
 // --- The work --------------------------------------------------------------------------------------------------------
 
-// What an attempt at the work came to. Outputs of calls that succeeded are kept, to be judged when memory is back.
+// The results of an attempt at the work. Outputs of calls that succeeded are kept, and checked when there is memory
+// again.
 struct Attempt {
   bool importedRight = true;  // everything that claimed success about the known key was right
   bool finished = false;      // every call succeeded
@@ -217,7 +218,7 @@ void derivation(Attempt& attempt) {
   attempt.finished = true;
 }
 
-// Judges, with memory back, what an attempt with a generated key claimed.
+// Checks, when there is memory again, what an attempt with a generated key claimed.
 bool isRight(const Known& known, const Attempt& attempt) {
   if (!attempt.importedRight || attempt.generatedSecret.empty()) {
     return attempt.importedRight;
@@ -243,7 +244,7 @@ class AllocationFailures : public testing::Test {
 
 // --- Inside OpenSSL --------------------------------------------------------------------------------------------------
 
-// Runs the work in a thread of its own, so that OpenSSL's state of a thread is made and freed with it.
+// Runs the work in a separate thread, so that OpenSSL's state of the thread is created and freed with it.
 void inThread(const std::function<void()>& work) {
   std::thread(work).join();
 }
@@ -253,10 +254,10 @@ struct Sweep {
   unsigned long failedAttempts = 0;
 };
 
-// Fails the nth allocation alone, then all from the nth on, for every n that the work has.
+// Fails only the nth allocation, then all from the nth on, for every n that the work has.
 Sweep sweepOpenSsl(const std::function<void(Attempt&)>& work, const std::function<bool(const Attempt&)>& right) {
   Sweep sweep;
-  for (int i = 0; i < 3; ++i) {  // what OpenSSL keeps for good is made now
+  for (int i = 0; i < 3; ++i) {  // what OpenSSL keeps permanently is created now
     Attempt attempt;
     inThread([&] { work(attempt); });
     EXPECT_TRUE(attempt.finished && right(attempt));
@@ -313,9 +314,8 @@ constexpr int falseSuccess = 3;
 constexpr int openSslsOwnFault = 4;
 constexpr int crash = 5;
 
-// OpenSSL 3.0 crashes by itself when its default library context could not be made, at the next look-up of any
-// algorithm. A crash is OpenSSL's own when the barest of look-ups, in the same state, crashes too; any other is the
-// library's.
+// If its default library context could not be created, OpenSSL 3.0 crashes at the next look-up of any algorithm. A
+// crash is OpenSSL's own if the simplest look-up crashes in the same state too. Any other crash is the library's.
 void judgeCrash(int) {
   const pid_t child = fork();
   if (child == 0) {
@@ -333,7 +333,7 @@ void judgeCrash(int) {
 const char* const setUpBefore = "set-up";
 const char* const nothingBefore = "bare";
 
-// Set in a process that judges, by pthread_once below.
+// Set by pthread_once below, in a process that checks results.
 bool judgesOnce = false;
 
 // Does the work in this fresh process. Known answers come from the parent: nothing may be computed before.
@@ -351,7 +351,7 @@ int attemptFromTheStart(char** arguments) {
   if (!Cor::setTraceLevels("IpsecKeyGen=31")) {
     return crash;
   }
-  (void)alarm(60);  // nobody else ends a process that waits for itself
+  (void)alarm(60);  // nothing else ends a process that waits for itself
   if (setUp) {
     (void)Base::DigestPtr(EVP_MD_fetch(nullptr, "SHA2-256", nullptr));
   } else {
@@ -369,7 +369,7 @@ int attemptFromTheStart(char** arguments) {
   if (!attempt.importedRight || (!failed && !attempt.finished)) {
     return falseSuccess;
   }
-  // With memory back a generated key can be judged; unless OpenSSL's own set-up failed, which is for good.
+  // When there is memory again, a generated key can be checked, unless OpenSSL's own set-up failed, which is permanent.
   IpsecDHGeneral judge(known.group);
   if (!attempt.generatedSecret.empty() && judge.initIpsecDH() && !isRight(known, attempt)) {
     return falseSuccess;
@@ -416,7 +416,7 @@ int run(const Known& known, const char* begin, unsigned long from, unsigned long
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// The early allocations one by one, then at growing distances: a first use has thousands.
+// The early allocations fail one by one, later ones at growing distances, because a first use has thousands.
 std::vector<unsigned long> sampled(unsigned long last) {
   std::vector<unsigned long> numbers;
   for (unsigned long n = 1; n <= last; n += 1 + n / 10) {
@@ -453,7 +453,7 @@ TEST_F(AllocationFailures, InsideOpenSslAtFirstUseOfADerivation) {
 
 // --- operator new ----------------------------------------------------------------------------------------------------
 
-// Fails each operator new of the work in turn: only std::bad_alloc leaves, or a failure is answered.
+// Fails each operator new of the work in turn. Only std::bad_alloc may leave a call, or the call returns a failure.
 void sweepOperatorNew(const std::function<void(Attempt&)>& work, const std::function<bool(const Attempt&)>& right) {
   for (int i = 0; i < 600; ++i) {  // fill the ring of the last lines
     IpsecDHGeneral dh(MODP_NONE);
@@ -520,8 +520,9 @@ INSTANTIATE_TEST_SUITE_P(Groups, AllocationFailuresOfGroup,
 }  // namespace Ipsec::Testing
 
 #ifndef __SANITIZE_THREAD__
-// OpenSSL 3.5 waits for ever when an allocation of its set-up fails: to report that, it starts the set-up again that it
-// is in. Such a call would never return. It is OpenSSL's own fault when the set-up is one of OpenSSL's.
+// OpenSSL 3.5 waits for ever when an allocation of its set-up fails: to report the failure, it starts the same set-up
+// again while it is still in it. Such a call would never return. It is OpenSSL's fault if the set-up is one of
+// OpenSSL's.
 extern "C" int pthread_once(pthread_once_t* control, void (*routine)()) {
   static const auto real = reinterpret_cast<decltype(&pthread_once)>(dlsym(RTLD_NEXT, "pthread_once"));
   static thread_local std::vector<const pthread_once_t*> running;
@@ -546,7 +547,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (argc == 8 && std::strcmp(argv[1], Ipsec::Testing::coldOption) == 0) {
-    // Without the sanitizers' look for leaks: OpenSSL 3.0 itself loses a name when its table of names cannot grow.
+    // The sanitizers must not look for leaks here: OpenSSL 3.0 itself loses a name when its table of names cannot grow.
     std::_Exit(Ipsec::Testing::attemptFromTheStart(argv + 2));
   }
   testing::InitGoogleTest(&argc, argv);

@@ -68,7 +68,7 @@ static_assert(std::is_abstract_v<PRFunc> && std::has_virtual_destructor_v<PRFunc
 static_assert(!std::is_polymorphic_v<IpsecDHGeneral> && !std::is_base_of_v<IpsecDH, IpsecDHGeneral>);
 static_assert(!std::is_polymorphic_v<PRFuncPlus> && !std::is_polymorphic_v<NonceGenerator>);
 
-// A group's number must not turn into an object by accident.
+// A group's number must not be converted into an object by accident.
 static_assert(!std::is_convertible_v<DhGroupNum, IpsecDHGeneral>);
 
 // --- Fields ----------------------------------------------------------------------------------------------------------
@@ -279,7 +279,7 @@ TEST(Interface, SlotsOfThePrf) {
                                      "Ipsec::HmacPRFunc::~HmacPRFunc()", "Ipsec::HmacPRFunc::~HmacPRFunc()"}));
 }
 
-// An object is destroyed whole through its base.
+// An object is destroyed completely through its base class.
 TEST(Interface, DeletingThroughTheBaseDestroysTheForm) {
   TraceRecorder traces("IpsecKeyGen=4");
   IpsecDH* const dh = new IpsecDHModp(MODP_768);

@@ -21,13 +21,13 @@ std::uint64_t wordAt(const unsigned char* bytes) {
   return word;
 }
 
-// Secrets remembers every run of eight bytes of what it is given, and finds them in text: as raw bytes, and as hex
-// digits of either case, in one word or with separators.
+// Secrets remembers every eight consecutive bytes of what it is given, and finds them in a text: as raw bytes, and as
+// hex digits of either case, together or with separators.
 class Secrets {
  public:
   void add(const std::string& name, const ByteVector& bytes) {
     for (std::size_t i = 0; i + window <= bytes.size(); ++i) {
-      // A run of few different bytes says nothing: what a failed call left of a vector is full of zeros.
+      // Eight bytes with few different values prove nothing: a vector after a failed call is full of zeros.
       if (std::set<unsigned char>(&bytes[i], &bytes[i] + window).size() > window / 2) {
         windows.emplace(wordAt(&bytes[i]), name);
       }

@@ -21,7 +21,7 @@ struct Counted {
   std::map<std::string, std::size_t> counts;
 };
 
-// Runs the check on every block of a file below a folder and keeps count; a file without blocks fails.
+// Runs the check on every block of a file below a folder and counts the blocks. A file without blocks fails.
 void run(const std::string& folder, const std::string& file, const std::function<void(Block&)>& check) {
   static Counted counted;
   const std::size_t blocks = forEachBlock(folder + "/" + file, check);

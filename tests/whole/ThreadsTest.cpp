@@ -1,4 +1,5 @@
-// Different objects on many threads at once, the shared caches' first use included. Run under ThreadSanitizer too.
+// Different objects on many threads at once, including the first use of the shared objects. Also run under
+// ThreadSanitizer.
 
 #include "tests/support/CryptoCases.h"
 
@@ -58,7 +59,7 @@ ByteVector stream(HashAlgorithm hash) {
   return drawn ? out : ByteVector();
 }
 
-// Must be a process of its own: the first use happens once.
+// This must be a separate process, because the first use happens only once.
 void expectFirstUseToSucceed(const std::vector<DhGroupNum>& groups) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_EXIT(
