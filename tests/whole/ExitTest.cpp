@@ -3,6 +3,8 @@
 //
 // This program is not linked with the library, so that it can load another one first.
 
+#include "tests/support/ThreadSanitizer.h"
+
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -18,6 +20,12 @@
 namespace {
 
 using namespace std::chrono_literals;
+
+#ifdef WITH_THREAD_SANITIZER
+constexpr int exits = 10;  // it waits a second at each
+#else
+constexpr int exits = 500;
+#endif
 
 class Exit : public testing::Test {
  protected:
@@ -65,7 +73,6 @@ class Exit : public testing::Test {
 };
 
 TEST_F(Exit, MayComeWhileOtherThreadsStillLookLengthsUp) {
-  constexpr int exits = 500;
   int abnormal = 0;
   (void)std::fflush(nullptr);  // or every child would write what is buffered
   for (int i = 0; i < exits; ++i) {
