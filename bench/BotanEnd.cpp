@@ -1,4 +1,4 @@
-// Botan 2 or 3, with its own key generation, key agreement and HMAC. Groups are made once per process.
+// Botan 2 or 3, with its own key generation, key agreement and HMAC. Groups are created once per process.
 
 #include "End.h"
 #include "base/OpenSslPtr.h"
@@ -162,7 +162,7 @@ class BotanModp : public BotanEnd {
   }
 
   bool agree(const Bytes& peer, Bytes& secret) override {
-    // Botan's agreement checks the range; the subgroup of group 24 is the caller's.
+    // Botan's agreement checks the range. The caller must check the subgroup of group 24.
     const Botan::BigInt y(peer.data(), peer.size());
     if (group == 24 && !modpGroup(group).verify_public_element(y)) {
       return false;

@@ -1,4 +1,4 @@
-// One end of an IKE SA set-up, as each contestant does it: this library, bare OpenSSL called the best way, Botan.
+// One end of an IKE SA set-up. The implementations are this library, bare OpenSSL called in the best way, and Botan.
 #pragma once
 
 #include "Interleave.h"
@@ -15,21 +15,21 @@ constexpr std::size_t keyCount = 7;
 extern const Bytes spis;
 
 // Call order: generate or import; publicValue; agree; nonces; keys. Each function returns false on failure. Outputs are
-// resized, so that a caller that reuses its vectors spares every contestant the allocation.
+// resized, so that a caller that reuses its vectors saves every implementation the allocation.
 class End {
  public:
   virtual ~End();
 
-  // Makes a fresh key pair.
+  // Creates a fresh key pair.
   virtual bool generate() = 0;
 
-  // Makes the key pair of a private key.
+  // Creates the key pair of a private key.
   virtual bool import(const Bytes& privateKey) = 0;
 
-  // Writes the own public value in IKE's wire form.
+  // Writes this side's public value in IKE's wire form.
   virtual bool publicValue(Bytes& out) = 0;
 
-  // Takes the peer's public value in the wire form, refuses a bad one (RFC 6989), and writes the shared secret.
+  // Reads the peer's public value in the wire form, refuses a bad one (RFC 6989), and writes the shared secret.
   virtual bool agree(const Bytes& peer, Bytes& secret) = 0;
 
   // Draws two nonces and writes Ni | Nr.
@@ -42,7 +42,7 @@ class End {
 std::unique_ptr<End> libraryEnd(unsigned group);
 std::unique_ptr<End> opensslEnd(unsigned group);
 
-// Null where the benchmark was built without Botan.
+// Null if the benchmark was built without Botan.
 std::unique_ptr<End> botanEnd(unsigned group);
 
 }  // namespace Bench

@@ -1,5 +1,5 @@
-// A whole IKE SA set-up for each group: own key pair and public value, the peer's value, the secret, nonces, seven
-// keys. The library, bare OpenSSL and Botan are compared by output first, then timed with fresh keys for every
+// A whole IKE SA set-up for each group: a key pair and its public value, the peer's value, the secret, nonces,
+// seven keys. The library, bare OpenSSL and Botan are compared by output first, then timed with fresh keys for every
 // exchange.
 
 #include "End.h"
@@ -37,7 +37,7 @@ struct Contestant {
   Maker make;
 };
 
-// What an exchange yields, in vectors that all contestants reuse.
+// The results of an exchange, in vectors that all implementations reuse.
 struct Yield {
   Bytes publicValue;
   Bytes secret;
@@ -100,7 +100,7 @@ void compareImported(const Case& which, const std::vector<Contestant>& contestan
   }
 }
 
-// Two ends of different making, with fresh keys, come to the same secret.
+// Two ends of different implementations, with fresh keys, compute the same secret.
 void compareFresh(const Case& which, const std::vector<Contestant>& contestants) {
   for (const Contestant& other : contestants) {
     const std::unique_ptr<End> ours = contestants.front().make(which.group);
@@ -114,7 +114,7 @@ void compareFresh(const Case& which, const std::vector<Contestant>& contestants)
   }
 }
 
-// Refusals cost what acceptances cost: all contestants must make them.
+// A refusal costs as much as an acceptance, so all implementations must refuse.
 void compareRefusals(const Case& which, const std::vector<Contestant>& contestants) {
   for (const Contestant& contestant : contestants) {
     const std::unique_ptr<End> end = contestant.make(which.group);
@@ -126,7 +126,7 @@ void compareRefusals(const Case& which, const std::vector<Contestant>& contestan
       Bytes secret;
       refused = !end->agree(bad, secret);
     } catch (const std::exception&) {
-      refused = true;  // Botan's way
+      refused = true;  // Botan throws
     }
     require(refused, named(which, contestant.name) + " takes a bad peer value");
   }
@@ -151,7 +151,7 @@ void time(const Case& which, const std::vector<Contestant>& contestants, unsigne
   }
 }
 
-// The ratio to bare OpenSSL is what counts, so that pair is alone. Botan follows with fewer slices.
+// The ratio to bare OpenSSL is what counts, so these two run by themselves. Botan follows with fewer slices.
 void run(const Case& which, unsigned slices) {
   const std::vector<Contestant> pair = {{"library", libraryEnd}, {"openssl", opensslEnd}};
   std::vector<Contestant> all = pair;

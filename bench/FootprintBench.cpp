@@ -1,7 +1,7 @@
 // What an exchange keeps in memory, and what a trace call costs whose level is off.
 //
-// Heap is counted where it is asked for: OpenSSL's allocations through its hooks, C++'s through operator new. A block
-// counts with the bytes it really takes.
+// Heap is counted where it is allocated: OpenSSL's allocations through its hooks, those of C++ through operator new. A
+// block counts with the bytes that it really takes.
 
 #include "Interleave.h"
 #include "Ipsec.h"
@@ -81,7 +81,8 @@ void require(bool held, const std::string& what) {
   }
 }
 
-// The first exchange of a process with a group also makes what all later ones share. It is told apart by a second one.
+// The first exchange of a process with a group also creates what all later ones share. A second exchange shows how much
+// that is.
 void printHeap(DhGroupNum group) {
   const std::string name = std::to_string(group);
   const auto exchange = [&](IpsecDHGeneral& dh, double* initialised, double* agreed) {
@@ -138,7 +139,7 @@ void printTraceCost(unsigned slices) {
   print("trace", "level off", "library", "ns", (times[0] - times[1]) / calls);
 }
 
-// OpenSSL's providers and both random generators are not the first group's cost.
+// OpenSSL's providers and both random generators must not count as a cost of the first group.
 void warmUp() {
   std::array<unsigned char, 32> bytes;
   require(Ipsec::initKeyGenLib() == 1 && RAND_bytes(bytes.data(), bytes.size()) == 1 &&
@@ -150,7 +151,7 @@ void warmUp() {
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  // Before anything else: OpenSSL takes no hooks once it has allocated.
+  // Before anything else, because OpenSSL accepts no hooks after its first allocation.
   if (CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree) != 1) {
     (void)std::fprintf(stderr, "OpenSSL has allocated already: its memory cannot be counted\n");
     return EXIT_FAILURE;

@@ -73,7 +73,7 @@ std::vector<double> interleave(const std::vector<Side>& sides, unsigned slices) 
 void print(const std::string& subject, const std::string& name, const std::string& side, const std::string& unit,
            double value) {
   std::printf("%s,%s,%s,%s,%.6g\n", subject.c_str(), name.c_str(), side.c_str(), unit.c_str(), value);
-  (void)std::fflush(stdout);  // a reader that is gone shows in the exit of the driver
+  (void)std::fflush(stdout);  // if the reader has ended, the driver's exit status shows it
 }
 
 Arguments::Arguments(int count, char** values) {

@@ -1,7 +1,7 @@
 // Compares implementations of one operation on a machine that does other work at the same time.
 //
-// Each side runs in short slices that alternate with the other sides' slices, so that whatever the machine does besides
-// falls on all of them alike. Time is the thread's CPU time; the result is a median over all slices.
+// Each side runs in short slices that alternate with those of the other sides, so that whatever else the machine does
+// affects all of them alike. Time is the thread's CPU time, and the result is a median over all slices.
 #pragma once
 
 #include <functional>
@@ -22,7 +22,7 @@ struct Side {
 double threadTime();
 
 // Returns the median time of one operation in nanoseconds for each side, in their order. Every side gets the given
-// number of slices, in all orders of the sides by turns.
+// number of slices, and all orders of the sides take turns.
 std::vector<double> interleave(const std::vector<Side>& sides, unsigned slices);
 
 // Prints "subject,case,side,unit,value", the line that run.py reads.
@@ -36,7 +36,7 @@ struct Arguments {
 
   Arguments(int count, char** values);
 
-  // Tells whether the case is to be run: named, or nothing is.
+  // Returns whether the case is to be run: if it is named, or if no case is.
   bool wants(const std::string& name) const;
 };
 

@@ -1,5 +1,5 @@
-// HMAC and prf+ over bare OpenSSL, the fastest way its interface offers: two digest states that have absorbed the
-// padded key, copied for each output.
+// HMAC and prf+ over bare OpenSSL, in the fastest way that its interface offers: two digest states that have absorbed
+// the padded key are copied for each output.
 #pragma once
 
 #include "Interleave.h"
@@ -40,7 +40,7 @@ class KeyedStates {
   Base::DigestContextPtr running;
 };
 
-// Computes an HMAC whose key is used once: no state is worth keeping.
+// Computes an HMAC whose key is used only once, so that no state is kept.
 bool hmacOnce(const EVP_MD* md, const Bytes& key, const Bytes& input, unsigned char* output);
 
 }  // namespace Bench

@@ -1,5 +1,5 @@
-// What loading the libraries costs a fresh process: LoadBench LIBRARY... loads each in turn, so that a later one is
-// charged only for what the earlier ones have not brought. Linked with none of them.
+// What loading the libraries costs a fresh process. LoadBench LIBRARY... loads one after the other, so that a later one
+// counts only with what the earlier ones have not loaded. This program is linked with none of them.
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -44,7 +44,7 @@ bool load(const char* library) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  (void)residentBytes();  // brings in what reading itself needs
+  (void)residentBytes();  // loads what reading itself needs
   for (int i = 1; i < argc; ++i) {
     if (!load(argv[i])) {
       return EXIT_FAILURE;

@@ -1,4 +1,4 @@
-// Stands in for Botan where it is not installed.
+// Replaces Botan if it is not installed.
 
 #include "End.h"
 

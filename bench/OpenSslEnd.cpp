@@ -1,7 +1,7 @@
-// Bare OpenSSL 3, called the fastest way that its interface offers without giving up a check: what the library's shape
-// is measured against. Parameters are loaded once per process. Private exponents have twice the group's strength. A
-// peer's value gets the range check (safe primes), the subgroup check (group 24) or the curve check that comes with
-// decoding, and no check twice. Values are written straight into their places.
+// Bare OpenSSL 3, called in the fastest way that its interface offers without giving up a check. The library is
+// measured against this. Parameters are loaded once per process. Private exponents have twice the bits of the group's
+// strength. A peer's value gets the range check (safe primes), the subgroup check (group 24) or the curve check that is
+// part of decoding, and no check twice. Values are written directly into their places.
 
 #include "End.h"
 #include "KeyedStates.h"
@@ -24,7 +24,7 @@ enum class Kind { SafePrime, Subgroup, Curve };
 struct Group {
   unsigned number;
   Kind kind;
-  const char* name;              // null: OpenSSL knows no such group
+  const char* name;              // null: OpenSSL has no name for the group
   BIGNUM* (*prime)(BIGNUM*);     // of groups without a name
   std::size_t publicValueBytes;  // on the wire
   std::size_t secretBytes;
@@ -113,10 +113,10 @@ class OpenSslEnd : public End {
     return made;
   }
 
-  // Not timed: for the comparison of outputs.
+  // This is not timed: it serves the comparison of outputs.
   bool import(const Bytes& privateKey) override {
     const Base::SecretBn priv(BN_bin2bn(privateKey.data(), static_cast<int>(privateKey.size()), nullptr));
-    // The builder borrows what it is given until it is done.
+    // The builder borrows its arguments until it is done.
     Bytes point;
     Base::PublicBn p;
     Base::PublicBn g;

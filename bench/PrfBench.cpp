@@ -1,6 +1,6 @@
-// prf+ with the counter, from key and seed to 224 and 4096 bytes, for each hash: the library's objects against digest
-// states copied by hand. By hand twice: absorbing T(n-1), S and n as they stand, as a PRF that is fed in pieces does,
-// and joined beforehand, which only a caller who knows all of the input can do.
+// prf+ with the counter, from key and seed to 224 and 4096 bytes, for each hash. Compares the library's objects with
+// digest states that are copied by hand, in two ways: absorbing T(n-1), S and n one after the other, as a PRF does that
+// is given its input in pieces, and joined beforehand, which only a caller can do who has all of the input.
 
 #include "Interleave.h"
 #include "Ipsec.h"

@@ -1,8 +1,8 @@
-// Replacing one entry of a large file of the daemon's: the library, a copy of the same file by hand in this process,
-// and the cp command. In a mount namespace of its own, on a tmpfs.
+// Replacing one entry of a large file of the daemon. Compares the library with a copy of the same file by hand in this
+// process, and with the cp command. Runs in its own mount namespace, on a tmpfs.
 //
-// All are CPU times: of this thread, and of cp's process from its start to its end, so that cp's ratio is the milder
-// one.
+// All times are CPU times: of this thread, and of cp's process from its start to its end. The ratio to cp is therefore
+// the milder one.
 
 #include "Interleave.h"
 #include "Ipsec.h"
@@ -112,7 +112,7 @@ double median(std::vector<double>& values) {
 void run(const Case& measured, unsigned rounds) {
   writeFile(measured.file, measured.text);
   const std::string copy = measured.file + ".copy";
-  measured.edit();  // The entry now stands at the end, where it is found last: the longest search.
+  measured.edit();  // The entry is now at the end, which takes the longest search.
   const std::string edited = readFile(measured.file);
   measured.edit();
   require(readFile(measured.file) == edited && edited != measured.text, "the library does not edit as expected");

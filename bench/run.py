@@ -30,7 +30,7 @@ GROUPS = {
     "24": "MODP 2048/256",
 }
 
-# What the library may take at most, as a multiple of bare OpenSSL called the best way.
+# What the library may take at most, as a multiple of bare OpenSSL called in the best way.
 EXCHANGE_GOALS = {
     "1": 1.08,
     "2": 1.08,

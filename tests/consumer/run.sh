@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs a build into a folder of its own and builds a program against what is there: run.sh BUILD.
+# Installs a build into a separate folder and builds a program against what is installed there: run.sh BUILD.
 # C++17 and C++20, g++ and clang++, CMake and pkg-config. Every warning counts, including those in the installed
 # headers. The examples in the comments of Ipsec.h are compiled and run too.
 set -uo pipefail

@@ -45,7 +45,7 @@ class ConnectionsFile : public testing::Test {
     const TraceRecorder traces("IpsecUtils=0-31");
     try {
       writeConnections(settings);
-      ADD_FAILURE() << "The settings were taken.";
+      ADD_FAILURE() << "The settings were accepted.";
     } catch (const std::out_of_range& refusal) {
       EXPECT_STREQ(refusal.what(), "_Map_base::at");
     }
@@ -155,7 +155,7 @@ TEST_F(ConnectionsFile, RefusesANameThatIsTooLongForAnExpression) {
     writeFile(connectionsFile, before);
     try {
       writeConnections({{"config", std::string(length, 'n')}, {"delete", ""}});
-      ADD_FAILURE() << "A name of " << length << " characters was taken.";
+      ADD_FAILURE() << "A name of " << length << " characters was accepted.";
     } catch (const std::regex_error& refusal) {
       EXPECT_EQ(refusal.code(), std::regex_constants::error_space);
     }

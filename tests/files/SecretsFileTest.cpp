@@ -30,7 +30,7 @@ class SecretsFile : public testing::Test {
     const TraceRecorder traces("IpsecUtils=0-31");
     try {
       writeSecrets(entry);
-      ADD_FAILURE() << "The entry was taken.";
+      ADD_FAILURE() << "The entry was accepted.";
     } catch (const std::out_of_range& refusal) {
       EXPECT_STREQ(refusal.what(), "_Map_base::at");
     }

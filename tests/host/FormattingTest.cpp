@@ -174,7 +174,7 @@ TEST_F(VrfName, MayHave100BytesAndNoMore) {
   EXPECT_EQ(name(1), std::string(100, 'a'));
   try {
     (void)name(2);
-    ADD_FAILURE() << "A name of 101 bytes was taken.";
+    ADD_FAILURE() << "A name of 101 bytes was accepted.";
   } catch (const Vello::RangeException& refusal) {
     EXPECT_STREQ(refusal.what(), "Cor::String::bytes > maxLength() not allowed");
   }
@@ -186,7 +186,7 @@ TEST_F(VrfName, OfALengthThatNoEntryHoldsIsRefused) {
     setStoredLength(length);
     try {
       (void)name(7);
-      ADD_FAILURE() << "A name of " << length << " bytes was taken.";
+      ADD_FAILURE() << "A name of " << length << " bytes was accepted.";
     } catch (const Vello::RangeException& refusal) {
       EXPECT_EQ(refusal.what(),
                 "VRF status table: stored name of " + std::to_string(length) + " bytes > maxNameLength not allowed");

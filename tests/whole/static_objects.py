@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Checks that nothing but handles is constructed when a library is loaded, or destroyed when the process ends.
+"""Checks that only handles are constructed when a library is loaded and destroyed when the process ends.
 
 Usage: static_objects.py OBJECT_FILE...
 
-A table that is built at load is taken away at exit, while other threads and other libraries' destructors may still look
-things up in it. The object files tell: what their static initialisation refers to and may write is what it constructs.
+A table that is built at load is destroyed at exit, while other threads and the destructors of other libraries may still
+look things up in it. The object files show this: what their static initialisation refers to and may write is what it
+constructs.
 """
 
 import re

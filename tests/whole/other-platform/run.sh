@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Puts other platforms behind the library than the stand-in: run.sh BUILD, a folder in which the libraries have been
-# built.
+# Builds the library with other platforms than the stand-in: run.sh BUILD, a folder with the libraries already built.
 set -uo pipefail
 
 if [ $# -ne 1 ] || [ ! -e "$1/libipsecplatform.so.1" ]; then
