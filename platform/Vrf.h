@@ -16,7 +16,7 @@ namespace L3 {
 // A VRF's name: at most 100 bytes.
 class VrfName {
  public:
-  // Kept (vrf-name-length): one byte fewer than an entry of the status table holds.
+  // Kept (vrf-name-length): one byte less than an entry of the status table can hold.
   static constexpr std::size_t maxLength() noexcept { return 100; }
 
   VrfName() = default;

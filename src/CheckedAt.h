@@ -10,7 +10,7 @@
 
 namespace Ipsec {
 
-// Kept (missing-key-text): callers log it.
+// Kept (missing-key-text): callers log this text.
 inline constexpr char missingKey[] = "_Map_base::at";
 
 // One row of a constant table.

@@ -21,7 +21,7 @@ bool isDefaultSection(const stringmap& settings) {
   return hasValue(settings, "default", "%default");
 }
 
-// Kept (default-ignores-peer): the entry for any peer names none. Any other secret has no effect.
+// Kept (default-ignores-peer): the entry for any peer names no peer. Any other value of secret has no effect.
 bool isDefaultSecret(const stringmap& entry) {
   return hasValue(entry, "secret", "%default");
 }
@@ -90,7 +90,7 @@ constexpr Row ordinarySection[] = {
     {with("tunnelMode").is("IpsecVti"), "\tleftsubnet=0.0.0.0/0",     nothing},
     {with("tunnelMode").is("IpsecVti"), "\trightsubnet=0.0.0.0/0",    nothing},
     {with("mark"),                      "\tmark=",                    verbatim("mark")},
-    // Kept (dpd-with-action): without action the other two are left out, whatever they hold.
+    // Kept (dpd-with-action): without action the other two are left out, whatever their value.
     {with("action"),                    "\tdpdaction=",               verbatim("action")},
     {with("action"),                    "\tdpddelay=",                verbatim("interval")},
     {with("action"),                    "\tdpdtimeout=",              verbatim("timeout")},
@@ -147,7 +147,7 @@ Vello::String daemonAuthType(const Vello::String& text) {
 }
 
 Vello::String textOf(const Value& value, const stringmap& settings) {
-  // Kept (values-verbatim): newlines and quotes too. The caller checks them.
+  // Kept (values-verbatim): newlines and quotes are written too. The caller must check them.
   Vello::String text = checkedAt(settings, value.setting);
   switch (value.form) {
     case Value::Form::Seconds:
@@ -199,27 +199,27 @@ std::string replacedSection(const stringmap& settings) {
 // Returns what finds the line that is removed, or nothing when the entry names no line.
 std::optional<LineMatcher> replacedSecret(const stringmap& entry) {
   if (isDefaultSecret(entry)) {
-    // Kept (default-entry-blank): an entry without the blank in front is another line.
+    // Kept (default-entry-blank): an entry without the leading blank is a different line.
     return LineMatcher(" : PSK", LineMatcher::Covers::Start);
   }
   const auto peer = entry.find("peerIp");
   if (peer == entry.end()) {
     return std::nullopt;
   }
-  // Kept (address-unescaped): it stands in the expression as it is.
+  // Kept (address-unescaped): the address is put into the expression as it is.
   return LineMatcher(peer->second.str() + " :", LineMatcher::Covers::Start);
 }
 
 }  // namespace
 
-// Kept (presence-counts): whatever the value is. "no" means yes.
+// Kept (presence-counts): the value does not count. "no" means yes.
 bool deletes(const stringmap& settings) {
   return has(settings, "delete");
 }
 
 // --- The connections file --------------------------------------------------------------------------------------------
 
-// Kept (name-unescaped): it stands in the expression as it is, and the first head that fits is removed.
+// Kept (name-unescaped): the name is put into the expression as it is, and the first head that matches is removed.
 ConnectionLines::ConnectionLines(const stringmap& settings)
     : ownHead("conn " + replacedSection(settings), LineMatcher::Covers::WholeLine),
       global(has(settings, "uniqueids") ? Part::Ahead : Part::Behind) {}
@@ -256,7 +256,7 @@ bool ConnectionLines::keepsOutsideGlobal(std::string_view line) {
   return true;
 }
 
-// Kept (uniqueids-values): "add" writes the section anew. Any other value, an empty one too, only drops the file's own.
+// Kept (uniqueids-values): "add" writes a new section. Any other value, even an empty one, only drops the file's own.
 std::string_view newGlobalSection(const stringmap& settings) {
   return hasValue(settings, "uniqueids", "add") ? "config setup\n\tuniqueids=no\n" : "";
 }

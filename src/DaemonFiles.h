@@ -27,7 +27,7 @@ void copyLines(std::string_view text, Rule& rule, Copy& copy) {
     start = next;
   }
   copy.append(text.substr(keptFrom));
-  // Kept (final-newline): without it, what is appended next would run on in the last line.
+  // Kept (final-newline): without it, what is appended next would continue the last line.
   if (keptFrom < text.size() && text.back() != '\n') {
     copy.append("\n");
   }

@@ -42,7 +42,7 @@ inline constexpr std::array<Group, 11> groups = {{
 // clang-format on
 
 // Returns the group's row, or null for a number that is not supported.
-// Kept (number-looked-up-whole): a number above 24 is not supported, even if its lowest bits are a group's.
+// Kept (number-looked-up-whole): a number above 24 is not supported, even if its lowest bits are those of a group.
 inline const Group* findGroup(DhGroupNum number) noexcept {
   const auto* row = std::find_if(groups.begin(), groups.end(), [number](const Group& g) { return g.number == number; });
   return row == groups.end() ? nullptr : row;

@@ -48,7 +48,7 @@ const Cor::LogHandle invalidDistinguishedName(
 
 // Kept (peer-length-only): range, subgroup and curve membership are checked later, when the value is used.
 // Kept (refused-length-keeps-secret): nothing has been computed yet, and an earlier secret stays readable.
-// Kept (own-value-accepted): the own public value is like any other. The protocol must notice a reflected exchange.
+// Kept (own-value-accepted): this side's own value is like any other. The protocol must notice a reflected exchange.
 bool verifyDHValue(DhGroupNum group, const ByteVector* value) {
   trace.note(entryLevel, Cor::TraceSite::here(), "verifyDHValue: DH group: ", std::uint32_t{group});
   const std::uint64_t expected = dhGroupToSize(group);
@@ -197,12 +197,12 @@ bool IpsecDHModp::setMyPrivateKey(const ByteVector* key) {
   if (!priv) {
     return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to get or assign the private key");
   }
-  // Kept (secret-after-new-key): forgotten here. The ECP form keeps it.
+  // Kept (secret-after-new-key): the secret is discarded here. The ECP form keeps it.
   clear(sharedSecret);
   sharedSecretComputed = false;
   const ModpParameters own = parametersOf(dhKey);
   if (!own.p) {
-    // Kept (unreadable-parameters): the key stays, and the secret is gone already.
+    // Kept (unreadable-parameters): the key stays, but the secret has already been discarded.
     return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to generate the public key");
   }
   // Kept (modp-without-key): if the new key cannot be created, the object has no key, but is still initialised.
@@ -219,7 +219,7 @@ bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
     return trace.failed("IpsecDHModp::setPeerPublicKey", "IpsecDHModp is not initialized");
   }
   if (!verifyDHValue(dhGroup, peer)) {
-    // Kept (peer-messages-differ): by the word "the". Log readers match this form's message and the ECP form's.
+    // Kept (peer-messages-differ): the ECP form's message has no "the". Tools that read logs match both.
     return trace.failed("IpsecDHModp::setPeerPublicKey", "Failed to verify the peer's public key");
   }
   BIGNUM* const decoded = toNumber(*peer, peerPublicValue);
@@ -291,7 +291,7 @@ bool bnCat(const BIGNUM* x, const BIGNUM* y, int half, ByteVector* out) {
 }
 
 // Reads the two halves of a vector as numbers.
-// Kept (halves-of-any-length): the length was checked before, against the group's.
+// Kept (halves-of-any-length): the length has been checked before, against that of the group.
 bool bnSplit(const ByteVector& in, BIGNUM* x, BIGNUM* y) {
   if (in.size() % 2 != 0 || in.size() / 2 > INT_MAX) {
     return false;
@@ -378,7 +378,7 @@ bool IpsecDHEcp::initIpsecDH() {
   }
   const Group* const group = findGroup(dhGroup);
   if (group == nullptr || group->isModp()) {
-    // Kept (unknown-curve-two-lines): this line, and below the one of the step that failed.
+    // Kept (unknown-curve-two-lines): this line, and below that of the step that failed.
     trace.failed("IpsecDHEcp::initIpsecDH", "Unsupported ECDH group: ", std::uint32_t{dhGroup});
     adopt(ecKey, KeyPtr());
     return trace.failed("IpsecDHEcp::initIpsecDH", "Failed to initialize its own private and public EC keys");
@@ -444,7 +444,7 @@ bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
 
 // Kept (silent-curve-failures): failures here have no message.
 // Kept (private-key-unchecked): any number is accepted. A multiple of the curve's order fails when the key is used.
-// Kept (long-private-key): a number longer than the order is used whole, and cannot be read back.
+// Kept (long-private-key): a number longer than the order is used completely, and cannot be read back.
 // Kept (secret-after-new-key): an earlier secret stays readable after a new private key is set. The MODP form discards
 // it.
 bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
@@ -471,7 +471,7 @@ bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "Failed to verify peer's public key");
   }
   if (!vectorToEcp(ecGroup, peer, peerPoint)) {
-    // Kept (off-curve-keeps-secret): the buffer of an earlier secret has not been touched yet.
+    // Kept (off-curve-keeps-secret): the buffer of an earlier secret has not been changed yet.
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "vectorToEcp failed");
   }
   // Kept (ecp-zeros): a failure from here on leaves zeros in the buffer, and getSharedSecret hands them out if an
@@ -530,7 +530,7 @@ bool IpsecDHGeneral::initIpsecDH() {
   if (group == nullptr) {
     return trace.failed("IpsecDHGeneral::initIpsecDH", "Unsupported DH group: ", std::uint32_t{dhGroup});
   }
-  // Kept (form-stays-chosen): also if its init fails below. A retry chooses again by the group.
+  // Kept (form-stays-chosen): even if its init fails below. The next attempt chooses again by the group.
   isModp = group->isModp();
   ipsecDH = isModp ? static_cast<IpsecDH*>(&modpDH) : &ecpDH;
   if (!ipsecDH->setDHGroup(dhGroup) || !ipsecDH->initIpsecDH()) {

@@ -92,7 +92,7 @@ void runModuleCommands(const Where& where, const ModuleCommand (&commands)[comma
 // --- Connection names ------------------------------------------------------------------------------------------------
 
 Vello::String getConnNameFromKey(const ConnectionKey& key) {
-  // Kept (default-vrf-only): the names know no VRF, and two connections would share one.
+  // Kept (default-vrf-only): the names do not contain the VRF, so two connections would share one.
   assert(key.vrfId() == Vrf::VrfIdMap::VrfId::defaultVrf());
   const L3::VrfName vrfName("default");
   Vello::OStringStream name;
@@ -109,7 +109,7 @@ void writeConnections(stringmap settings) {
   ConnectionLines lines(settings);
   file.append(newGlobalSection(settings));
   copyLines(oldText, lines, file);
-  // Kept (missing-setting-late): a required one throws here, after the copy, and the temporary file stays.
+  // Kept (missing-setting-late): a missing one throws here, after the copy, and the temporary file stays.
   if (!deletes(settings)) {
     file.append(newSection(std::move(settings)));
   }
@@ -191,9 +191,9 @@ bool isSswanRunning() {
   if (!std::getline(file, line) || line.empty()) {
     return false;
   }
-  // Kept (pid-like-stoi): letters after the number are ignored. No number, and one beyond an int, throw.
+  // Kept (pid-like-stoi): letters after the number are ignored. No number, or one beyond an int, throws.
   // Kept (pid-of-groups): a number of 0 or below is passed on too, and kill then addresses process groups.
-  // Kept (other-users-daemon): one that the caller may not signal counts as not running.
+  // Kept (other-users-daemon): a daemon that the caller may not signal counts as not running.
   return kill(std::stoi(line), 0) == 0;
 }
 

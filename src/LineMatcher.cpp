@@ -28,7 +28,7 @@ LineMatcher::LineMatcher(std::string text, Covers extent)
     : start(std::move(text)), covers(extent), plain(std::all_of(start.begin(), start.end(), isPlain)) {
   const std::string searched = "^" + start + (covers == Covers::WholeLine ? "$" : "");
   if (!plain) {
-    // Kept (name-is-expression): what does not compile throws.
+    // Kept (name-is-expression): a text that does not compile throws.
     expression = Vello::Regex::compile(searched, std::regex_constants::ECMAScript);
   } else if (searched.size() > longestPlain) {
     throw std::regex_error(std::regex_constants::error_space);

@@ -26,7 +26,7 @@ ssize_t readSome(const Descriptor& file, char* bytes, std::size_t size) noexcept
 
 std::string readLines(const char* path) {
   constexpr std::size_t roomAtLeast = 4096;
-  // Kept (unread-is-empty): a file that cannot be opened has no lines, and one that fails midway the whole ones so far.
+  // Kept (unread-is-empty): a file that cannot be opened has no lines. If reading fails, those before that count.
   const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC));
   if (!file.isOpen()) {
     return {};
@@ -49,7 +49,7 @@ std::string readLines(const char* path) {
   return text;
 }
 
-// Kept (mode-from-umask): the old file's mode is not looked at.
+// Kept (mode-from-umask): the old file's mode is ignored.
 // Kept (stale-file-mode): a temporary file that a failed call left is emptied, and keeps its mode.
 Replacement::Replacement(const char* replaced)
     : path(replaced),
