@@ -33,9 +33,7 @@ using Base::SecretPointPtr;
 
 namespace {
 
-constexpr unsigned entryLevel = 4;
-
-const Tracer trace("IpsecKeyGen", entryLevel);
+const Tracer<4> trace("IpsecKeyGen");
 
 // Nothing in the library emits this message. It is registered so that it is listed wherever the library is loaded.
 // Kept (log-message-text): operators' tools match the format's last blank and the missing one in "ofRelative".
@@ -50,7 +48,7 @@ const Cor::LogHandle invalidDistinguishedName(
 // Kept (refused-length-keeps-secret): nothing has been computed yet, and an earlier secret stays readable.
 // Kept (own-value-accepted): this side's own value is like any other. The protocol must notice a reflected exchange.
 bool verifyDHValue(DhGroupNum group, const ByteVector* value) {
-  trace.note(entryLevel, Cor::TraceSite::here(), "verifyDHValue: DH group: ", std::uint32_t{group});
+  trace.note(trace.entryLevel, Cor::TraceSite::here(), "verifyDHValue: DH group: ", std::uint32_t{group});
   const std::uint64_t expected = dhGroupToSize(group);
   if (expected == 0) {
     return trace.failed("verifyDHValue", "Unsupported group number");

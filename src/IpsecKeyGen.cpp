@@ -17,7 +17,7 @@
 namespace Ipsec {
 namespace {
 
-const Tracer trace("IpsecKeyGen", 4);
+const Tracer<4> trace("IpsecKeyGen");
 
 }  // namespace
 
@@ -162,10 +162,13 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
   for (std::size_t written = 0; written < length;) {
     // The position is past the end only if a failed block came out shorter than the one drawn from before.
     if (bufferPos >= buffer.size()) {
+      if (counterEnabled) {
+        number.resize(1);
+        number.front() = counter;
+      }
       if (!prf->generatePRStream(&buffer, nullptr)) {
         return trace.failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
       }
-      number.assign(counterEnabled ? 1 : 0, counter);
       if (!finishBlock(*prf, seed, number, &buffer)) {
         return trace.failed("PRFuncPlus::generatePRStream", counterEnabled
                                                                 ? "Counter based generatePRStream failed"

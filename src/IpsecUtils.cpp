@@ -32,7 +32,7 @@ namespace {
 constexpr unsigned infoLevel = 1;
 constexpr unsigned commandLevel = 8;
 
-const Tracer trace("IpsecUtils", commandLevel);
+const Tracer<commandLevel> trace("IpsecUtils");
 
 // --- Kernel modules --------------------------------------------------------------------------------------------------
 
@@ -63,7 +63,7 @@ constexpr ModuleCommand unloadCryptoModules[] = {
 constexpr ModuleCommand loadFlowModule[] = {
     // Kept (flow-message): the message calls the module ipsec_flow_encap, and the return code follows it without a
     // blank.
-    {loader, "ipsec_flow_parallelization", "Failed to load ipsec_flow_encap netfilter module", Tracer::errorLevel},
+    {loader, "ipsec_flow_parallelization", "Failed to load ipsec_flow_encap netfilter module", trace.errorLevel},
 };
 
 // Kept (failed-module-tool): a tool that ran and failed is not reported. A kernel may have the module built in, or may

@@ -52,13 +52,15 @@ struct Where {
 };
 
 // Tracer writes the lines of a source file under one handle. The functions that put a line together are out of line:
-// callers then reserve no stack for a line's 512 bytes, and a level that is off costs one test.
+// callers then reserve no stack for a line's 512 bytes, and a level that is off costs one test. The level of entry lines
+// is a constant, because a block of prf+ enters a dozen functions.
+template <unsigned levelOfEntries>
 class Tracer {
  public:
   static constexpr unsigned errorLevel = 0;
+  static constexpr unsigned entryLevel = levelOfEntries;
 
-  // Entry lines are written at the given level of the handle's text trace.
-  Tracer(const char* handleName, unsigned levelOfEntries) noexcept : handle(handleName), entryLevel(levelOfEntries) {}
+  explicit Tracer(const char* handleName) noexcept : handle(handleName) {}
 
   // Traces the entry into the calling function: its bare name, a colon and a blank.
   void entered(const char* file = __builtin_FILE(), int line = __builtin_LINE(),
@@ -104,7 +106,6 @@ class Tracer {
   }
 
   Cor::TraceHandle handle;
-  unsigned entryLevel;
 };
 
 }  // namespace Ipsec
