@@ -502,9 +502,15 @@ IPSEC_EXPORT void printVector(const char* label, const ByteVector* vec);
 // - Nothing is synced to disk, and the daemon is not notified. It rereads the connections when its starter receives
 //   SIGHUP, and the secrets on `ipsec rereadsecrets`.
 // - Only one call at a time per file is allowed, over all threads and processes; the callers must see to it.
+// - When the process has no descriptor or memory left to open the old file, the call fails like a failed rename: the old
+//   file stays.
+// - Nothing that is not a regular file is waited for. A pipe, folder or device in the place of the old file counts as an
+//   empty file; a link is followed. In the place of the temporary file, anything but a regular file that belongs to this
+//   user and has no second name is neither written nor moved: the call fails like a failed rename.
 //
-// Warning: an old file that cannot be read counts as empty, like a missing one; if reading fails half-way, the whole
-// lines read so far count as its contents. The rest is not in the new file and is lost when that is moved into place.
+// Warning: an old file that cannot be read for another reason counts as empty, like a missing one; if reading fails
+// half-way, the whole lines read so far count as its contents. The rest is not in the new file and is lost when that is
+// moved into place.
 //
 // Warning: values are written exactly as they are given. A newline in a value is a newline in the file, and what
 // follows it is a setting to the daemon: the caller must check values that come from outside.

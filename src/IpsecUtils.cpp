@@ -8,8 +8,10 @@
 #include "Ipsec.h"
 #include "Tracer.h"
 #include "WholeFile.h"
+#include "base/Descriptor.h"
 #include "platform/Process.h"
 
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +21,6 @@
 #include <csignal>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <limits>
 #include <locale>
 #include <string_view>
@@ -104,11 +105,10 @@ Vello::String getConnNameFromKey(const ConnectionKey& key) {
 // --- The IKE daemon's files ------------------------------------------------------------------------------------------
 
 void writeConnections(stringmap settings) {
-  const std::string oldText = readLines(connectionsPath);
   Replacement file(connectionsPath);
   ConnectionLines lines(settings);
   file.append(newGlobalSection(settings));
-  copyLines(oldText, lines, file);
+  copyLines(file.oldText(), lines, file);
   // Kept (missing-setting-late): a missing one throws here, after the copy, and the temporary file stays.
   if (!deletes(settings)) {
     file.append(newSection(std::move(settings)));
@@ -120,10 +120,9 @@ void writeConnections(stringmap settings) {
 
 // Takes its map by value, because its callers were compiled to pass it so.
 void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-param)
-  const std::string oldText = readLines(secretsPath);
   Replacement file(secretsPath);
   SecretLines lines(entry);
-  copyLines(oldText, lines, file);
+  copyLines(file.oldText(), lines, file);
   if (!deletes(entry)) {  // Kept (missing-setting-late): as above.
     file.append(newSecret(entry));
   }
@@ -172,13 +171,13 @@ void setMaxReplayWindow() {
     (void)trace.failedAt(infoLevel, where, "Unable to set ", path, " due to errno ", accessError);
     return;
   }
-  std::ofstream setting(path);
-  if (!setting) {
+  const Base::Descriptor setting = Base::openFile(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+  if (!setting.isOpen()) {
     (void)trace.failedAt(infoLevel, where, "Failed to set max replay window size");
     return;
   }
   // Kept (refused-replay-window): a value that the kernel refuses is not reported.
-  setting << std::to_string(packets) << "\n";
+  (void)writeAll(setting, std::to_string(packets) + "\n");
 }
 
 bool isSswanRunning() {
@@ -186,9 +185,9 @@ bool isSswanRunning() {
   if (access(path, F_OK) != 0) {
     return false;
   }
-  std::ifstream file(path);
-  std::string line;
-  if (!std::getline(file, line) || line.empty()) {
+  const std::string text = readWholeFile(path).text;
+  const std::string line = text.substr(0, text.find('\n'));
+  if (line.empty()) {
     return false;
   }
   // Kept (pid-like-stoi): letters after the number are ignored. No number, or one beyond an int, throws.

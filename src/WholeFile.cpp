@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 namespace Ipsec {
 
@@ -22,17 +23,38 @@ ssize_t readSome(const Descriptor& file, char* bytes, std::size_t size) noexcept
   return count;
 }
 
+// Returns whether an error of open() is about the process and not about the file.
+bool isExhaustion(int error) noexcept {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EAGAIN;
+}
+
+bool isRegular(const Descriptor& file, struct stat& status) noexcept {
+  return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// Opens the temporary file, and empties one that a failed call left. Only a regular file with one link that belongs to
+// this user is written: anything else has been put there by somebody else, to be written through or to be moved.
+Descriptor openTemporary(const char* path) noexcept {
+  Descriptor file = Base::openFile(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0666);
+  struct stat status = {};
+  const bool ours = isRegular(file, status) && status.st_nlink == 1 && status.st_uid == geteuid();
+  return ours && ::ftruncate(file.get(), 0) == 0 ? std::move(file) : Descriptor();
+}
+
 }  // namespace
 
-std::string readLines(const char* path) {
+FileText readWholeFile(const char* path) {
   constexpr std::size_t roomAtLeast = 4096;
   // Kept (unread-is-empty): a file that cannot be opened has no lines. If reading fails, those before that count.
-  const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC));
+  const Descriptor file = Base::openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
   if (!file.isOpen()) {
-    return {};
+    return {{}, isExhaustion(errno)};
   }
   struct stat status = {};
-  (void)fstat(file.get(), &status);  // Only a hint: the file may grow, and some have no size.
+  if (!isRegular(file, status)) {
+    return {};
+  }
+  // The size is only a hint: the file may grow, and some have none.
   std::string text(static_cast<std::size_t>(status.st_size) + roomAtLeast, '\0');
   std::size_t length = 0;
   ssize_t count;
@@ -46,7 +68,7 @@ std::string readLines(const char* path) {
   if (count < 0) {
     text.resize(text.rfind('\n') + 1);  // npos + 1 is 0: no whole line.
   }
-  return text;
+  return {std::move(text), false};
 }
 
 // Kept (mode-from-umask): the old file's mode is ignored.
@@ -54,24 +76,34 @@ std::string readLines(const char* path) {
 Replacement::Replacement(const char* replaced)
     : path(replaced),
       temporaryPath(path + ".tmp"),
-      file(::open(temporaryPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
-      whole(file.isOpen()) {}
+      old(readWholeFile(replaced)),
+      file(openTemporary(temporaryPath.c_str())),
+      whole(file.isOpen()) {
+  if (old.exhausted) {  // another thread may have closed something since
+    old = readWholeFile(replaced);
+  }
+}
 
-void Replacement::append(std::string_view text) noexcept {
-  while (whole && !text.empty()) {
+bool writeAll(const Descriptor& file, std::string_view text) noexcept {
+  while (!text.empty()) {
     const ssize_t count = ::write(file.get(), text.data(), text.size());
     if (count > 0) {
       text.remove_prefix(static_cast<std::size_t>(count));
-    } else {
-      whole = count < 0 && errno == EINTR;
+    } else if (count == 0 || errno != EINTR) {
+      return false;
     }
   }
+  return true;
+}
+
+void Replacement::append(std::string_view text) noexcept {
+  whole = whole && writeAll(file, text);
 }
 
 // Kept (one-line-for-unwritten): whatever failed since the opening, the caller reports it as a failed rename.
 // Kept (stale-file-stays): a temporary file that is not moved is not removed either.
 bool Replacement::moveIntoPlace() noexcept {
-  return file.close() && whole && std::rename(temporaryPath.c_str(), path.c_str()) == 0;
+  return file.close() && whole && !old.exhausted && std::rename(temporaryPath.c_str(), path.c_str()) == 0;
 }
 
 }  // namespace Ipsec
