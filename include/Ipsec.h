@@ -402,7 +402,9 @@ class IPSEC_EXPORT HmacPRFunc : public PRFunc {
   bool initHmacPRFunc(HashAlgorithm hashAlgo);
 
   // After any failure the result of the computation is undefined: abandon the derivation. If finishing fails, output
-  // has its new size and undefined contents.
+  // has its new size and undefined contents. After std::bad_alloc nothing of the call's input has been absorbed, and the
+  // call can be repeated. If an override of getOutputSize asks for more than 64 bytes, the call fails instead until
+  // setKey has succeeded again.
   bool generatePRStream(const ByteVector* input, ByteVector* output) override;
 
   // Returns 20, 32, 48 or 64. Before initHmacPRFunc, returns 0 and traces an error line.
@@ -447,12 +449,14 @@ class IPSEC_EXPORT PRFuncPlus {
   PRFuncPlus& operator=(const PRFuncPlus&) = delete;
 
   // Copies the seed and computes the first block. If an earlier call has succeeded, returns true and keeps the seed and
-  // the position in the stream.
+  // the position in the stream. After an exception the call can be repeated.
   bool initPRFuncPlus(const ByteVector* seed);
 
   // Writes the next length bytes of the stream. The stream is the same however it is divided into calls. After a
   // failure out has its new size and is filled up to the point of the failure, and the stream must not be used again.
-  // Clear the vector after use.
+  // A PRFunc that returns true with an empty output is such a failure. Clear the vector after use.
+  // After std::bad_alloc the call can be repeated. If a PRFunc other than HmacPRFunc throws, the stream starts anew: call
+  // initPRFuncPlus again.
   // Warning: RFC 7296 ends the stream after 255 blocks, but this object does not. The one-byte counter wraps to 0 and
   // the stream goes on beyond what the RFC defines: the caller must not draw more than 255 times the length of one
   // output in all.

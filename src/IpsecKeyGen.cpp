@@ -23,6 +23,17 @@ const Tracer<4> trace("IpsecKeyGen");
 
 // --- PRF ------------------------------------------------------------------------------------------------------------
 
+namespace {
+
+// Ends a computation without its output. hmac_update then fails until a key is installed, so that input absorbed before
+// an exception cannot get into the next output.
+void abandon(hmac_ctx* context) {
+  std::size_t written = 0;
+  (void)hmac_final(context, nullptr, 0, &written);
+}
+
+}  // namespace
+
 PRFunc::~PRFunc() = default;
 
 HmacPRFunc::HmacPRFunc() : md(nullptr), hmacCtx{}, keySet(false), initialized(false), key(nullptr) {}
@@ -83,13 +94,21 @@ bool HmacPRFunc::generatePRStream(const ByteVector* input, ByteVector* output) {
   if (!keySet) {
     return trace.failed("HmacPRFunc::generatePRStream", "Has not set the key");
   }
+  if (output != nullptr) {
+    output->reserve(EVP_MAX_MD_SIZE);  // before anything is absorbed: after std::bad_alloc the call can be repeated
+  }
   if (hmac_update(&hmacCtx, input->data(), input->size()) != 0) {
     return trace.failed("HmacPRFunc::generatePRStream", "HMAC_Update failed");
   }
   if (output == nullptr) {
     return true;
   }
-  output->resize(getOutputSize());
+  try {
+    output->resize(getOutputSize());
+  } catch (...) {  // an override wants more than a digest has
+    abandon(&hmacCtx);
+    throw;
+  }
   std::size_t written = 0;
   // Kept (written-output-counts): written shows whether it succeeded. The result is ignored.
   (void)hmac_final(&hmacCtx, output->data(), output->size(), &written);
@@ -117,6 +136,17 @@ bool finishBlock(PRFunc& prf, const ByteVector& seed, const ByteVector& number, 
   return prf.generatePRStream(&seed, nullptr) && prf.generatePRStream(&number, block);
 }
 
+// Computes T(n) in the place of T(n-1). Returns null, or what failed.
+const char* nextBlock(PRFunc& prf, const ByteVector& seed, const ByteVector& number, ByteVector* block) {
+  if (!prf.generatePRStream(block, nullptr)) {
+    return "GeneratePRStream from buffer failed";
+  }
+  if (finishBlock(prf, seed, number, block) && !block->empty()) {  // a stream of empty blocks would have no end
+    return nullptr;
+  }
+  return number.empty() ? "Non-counter based generatePRStream failed" : "Counter based generatePRStream failed";
+}
+
 }  // namespace
 
 PRFuncPlus::PRFuncPlus(PRFunc* keyedPrf, bool withCounter)
@@ -139,7 +169,15 @@ bool PRFuncPlus::initPRFuncPlus(const ByteVector* newSeed) {
     counter = 1;
     number.assign(1, counter);
   }
-  if (!finishBlock(*prf, seed, number, &buffer)) {
+  buffer.reserve(EVP_MAX_MD_SIZE);  // HmacPRFunc then has nothing to allocate once the seed has been absorbed
+  bool finished = false;
+  try {
+    finished = finishBlock(*prf, seed, number, &buffer);
+  } catch (...) {
+    (void)prf->setKey(nullptr);  // discards what has been absorbed, so that the call can be repeated
+    throw;
+  }
+  if (!finished) {
     return trace.failed("PRFuncPlus::initPRFuncPlus", counterEnabled
                                                           ? "Failed to init prf function plus with counter enabled"
                                                           : "Failed to init prf function plus with counter disabled");
@@ -158,21 +196,27 @@ bool PRFuncPlus::generatePRStream(std::size_t length, ByteVector* out) {
     return trace.failed("PRFuncPlus::generatePRStream", "PRFuncPlus is not initialized");
   }
   out->resize(length);  // Kept (failed-draw): after a failure out has this size and is filled up to the failure.
-  ByteVector number;    // allocated once per call, if at all
+  ByteVector number;
+  if (counterEnabled && bufferPos + length > buffer.size()) {
+    number.resize(1);  // before anything is drawn: after std::bad_alloc the call can be repeated
+  }
   for (std::size_t written = 0; written < length;) {
     // The position is past the end only if a failed block came out shorter than the one drawn from before.
     if (bufferPos >= buffer.size()) {
       if (counterEnabled) {
-        number.resize(1);
         number.front() = counter;
       }
-      if (!prf->generatePRStream(&buffer, nullptr)) {
-        return trace.failed("PRFuncPlus::generatePRStream", "GeneratePRStream from buffer failed");
+      const char* failure = nullptr;
+      try {
+        failure = nextBlock(*prf, seed, number, &buffer);
+      } catch (...) {  // HmacPRFunc throws nothing here. How far another function's stream got, nobody can tell.
+        (void)prf->setKey(nullptr);
+        initialized = false;
+        bufferPos = 0;
+        throw;
       }
-      if (!finishBlock(*prf, seed, number, &buffer)) {
-        return trace.failed("PRFuncPlus::generatePRStream", counterEnabled
-                                                                ? "Counter based generatePRStream failed"
-                                                                : "Non-counter based generatePRStream failed");
+      if (failure != nullptr) {
+        return trace.failed("PRFuncPlus::generatePRStream", failure);
       }
       if (counterEnabled) {
         // Kept (counter-wraps): to 0 after block 255. The limit of RFC 7296 section 2.13 is not enforced here.

@@ -128,7 +128,10 @@ TEST(PrfPlus, OutputIsResizedAndOverwritten) {
 class ScriptedPrf : public PRFunc {
  public:
   bool generatePRStream(const ByteVector* input, ByteVector* output) override {
-    if (++calls == failAt) {
+    if (++calls == throwAt) {
+      throw std::bad_alloc();
+    }
+    if (calls == failAt) {
       if (clearsOnFailure && output != nullptr) {
         output->clear();
       }
@@ -149,6 +152,7 @@ class ScriptedPrf : public PRFunc {
   }
   std::size_t getKeySize() override { return getOutputSize(); }
   bool setKey(const ByteVector*) override {
+    pending.clear();  // as every key does, given or installed again
     ++keysSet;
     return true;
   }
@@ -156,6 +160,7 @@ class ScriptedPrf : public PRFunc {
   std::vector<std::size_t> sizes = {4};
   int calls = 0;
   int failAt = 0;
+  int throwAt = 0;
   bool clearsOnFailure = false;
   int sizeQuestions = 0;
   int keysSet = 0;
@@ -195,6 +200,57 @@ TEST(PrfPlus, DrawAfterAFailedBlockStaysInsideTheBuffer) {
   EXPECT_EQ(prf.computations.size(), failedBlocks + (1 << 20) / 4);
 }
 
+// A stream of empty blocks would have no end.
+TEST(PrfPlus, AnEmptyBlockFailsWithTheMessageOfItsMode) {
+  struct Mode {
+    bool counter;
+    const char* line;
+  };
+  for (const Mode& mode : {Mode{true, "PRFuncPlus::generatePRStream Counter based generatePRStream failed"},
+                           Mode{false, "PRFuncPlus::generatePRStream Non-counter based generatePRStream failed"}}) {
+    TraceRecorder traces("IpsecKeyGen=0");
+    ScriptedPrf prf;
+    prf.sizes = {0, 3, 0};
+    PRFuncPlus plus(&prf, mode.counter);
+    ASSERT_TRUE(plus.initPRFuncPlus(&seed));  // the first block may be empty
+    EXPECT_EQ(draw(plus, 3), (ByteVector{2, 2, 2}));
+    ByteVector out;
+    EXPECT_FALSE(plus.generatePRStream(5, &out));
+    EXPECT_EQ(out, ByteVector(5, 0));
+    expectErrors(traces, {mode.line});
+  }
+}
+
+// Whatever a PRF has absorbed before it throws must not get into another block.
+TEST(PrfPlus, AnExceptionOfThePrfLeavesNoWrongStream) {
+  for (const bool counter : {true, false}) {
+    ScriptedPrf undisturbed;
+    PRFuncPlus expected(&undisturbed, counter);
+    ASSERT_TRUE(expected.initPRFuncPlus(&seed));
+    (void)draw(expected, 12);
+    for (int throwAt = 1; throwAt <= undisturbed.calls; ++throwAt) {
+      ScriptedPrf prf;
+      prf.throwAt = throwAt;
+      PRFuncPlus plus(&prf, counter);
+      ByteVector out;
+      const auto start = [&] { return plus.initPRFuncPlus(&seed); };
+      const auto drawTwelve = [&] { return plus.generatePRStream(12, &out); };
+      const int callsOfInit = counter ? 2 : 1;
+      if (throwAt <= callsOfInit) {
+        EXPECT_THROW((void)start(), std::bad_alloc);
+      } else {
+        ASSERT_TRUE(start());
+        EXPECT_THROW((void)drawTwelve(), std::bad_alloc);
+        EXPECT_FALSE(drawTwelve()) << "a stream that was interrupted goes on";
+        prf.computations.clear();  // the stream begins anew
+      }
+      EXPECT_TRUE(start());
+      EXPECT_TRUE(drawTwelve());
+      EXPECT_EQ(prf.computations, undisturbed.computations) << "call " << throwAt;
+    }
+  }
+}
+
 TEST(PrfPlus, FeedsCounterBytesThatWrap) {
   ScriptedPrf prf;
   PRFuncPlus plus(&prf, true);
@@ -221,10 +277,10 @@ TEST(PrfPlus, ChainedModeFeedsNoCounter) {
 
 TEST(PrfPlus, BlocksMayHaveAnySizeAndOnlyTheComputationIsUsed) {
   ScriptedPrf prf;
-  prf.sizes = {3, 1, 0, 200, 5};
+  prf.sizes = {3, 1, 200, 5};
   PRFuncPlus plus(&prf, true);
   ASSERT_TRUE(plus.initPRFuncPlus(&seed));
-  const ByteVector expected = (ByteVector{1, 1, 1, 2}) + ByteVector(200, 4) + ByteVector(5, 5) + ByteVector(3, 6);
+  const ByteVector expected = (ByteVector{1, 1, 1, 2}) + ByteVector(200, 3) + ByteVector(5, 4) + ByteVector(3, 5);
   ByteVector drawn = draw(plus, 2);
   drawn = drawn + draw(plus, 5);
   EXPECT_EQ(drawn + draw(plus, expected.size() - 7), expected);

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <climits>
 #include <csignal>
@@ -498,6 +499,109 @@ TEST_P(AllocationFailuresOfGroup, OfOperatorNew) {
 TEST_F(AllocationFailures, OfOperatorNewDuringADerivation) {
   sweepOperatorNew([](Attempt& attempt) { derivation(attempt); },
                    [](const Attempt& attempt) { return attempt.importedRight; });
+}
+
+// Repeats a step until it throws no more, and returns its answer.
+template <class Step>
+bool retried(const Step& step) {
+  for (;;) {
+    try {
+      return step();
+    } catch (const std::bad_alloc&) {  // one allocation fails in all
+    }
+  }
+}
+
+// The outputs of some steps. They are made before memory runs out.
+using Outputs = std::array<ByteVector, 3>;
+
+// Runs the steps, which end at the first that returns false, with each allocation failing in turn and a retry after it.
+// What they write must be what they write undisturbed. So many runs may end early.
+void sweepRetries(unsigned mayEndEarly, const std::function<bool(Outputs&)>& steps) {
+  Outputs right;
+  EXPECT_TRUE(steps(right));
+  unsigned endedEarly = 0;
+  unsigned long n = 1;
+  for (bool failed = true; failed; ++n) {
+    Outputs outputs;
+    operatorNew.arm(n, n);
+    const bool whole = steps(outputs);
+    failed = operatorNew.disarm();
+    endedEarly += whole ? 0 : 1;
+    for (std::size_t i = 0; i < outputs.size(); ++i) {
+      EXPECT_TRUE(outputs[i] == right[i] || (!whole && outputs[i].empty())) << "output " << i << ", allocation " << n;
+    }
+  }
+  EXPECT_EQ(endedEarly, mayEndEarly);
+  EXPECT_GE(n, 4U);
+}
+
+// The state of an HMAC is asked for without an exception: without it, no key can be set.
+constexpr unsigned withoutAState = 1;
+
+TEST_F(AllocationFailures, ARetriedHmacAnswersRight) {
+  const ByteVector head = {'H', 'i', ' '};
+  const ByteVector rest = {'T', 'h', 'e', 'r', 'e'};
+  sweepRetries(withoutAState, [&](Outputs& out) {
+    HmacPRFunc prf;
+    return retried([&] { return prf.initHmacPRFunc(HASH_SHA256); }) &&
+           retried([&] { return prf.setKey(&streamKey); }) &&
+           retried([&] { return prf.generatePRStream(&head, nullptr); }) &&
+           retried([&] { return prf.generatePRStream(&rest, out.data()); }) &&
+           retried([&] { return prf.generatePRStream(&rest, &out[1]); });
+  });
+}
+
+class StreamRetries : public AllocationFailures, public testing::WithParamInterface<bool> {};
+
+TEST_P(StreamRetries, AnswerRight) {
+  sweepRetries(withoutAState, [](Outputs& out) {
+    HmacPRFunc prf;
+    PRFuncPlus plus(&prf, GetParam());
+    return retried([&] { return prf.initHmacPRFunc(HASH_SHA256) && prf.setKey(&streamKey); }) &&
+           retried([&] { return plus.initPRFuncPlus(&streamSeed); }) &&
+           retried([&] { return plus.generatePRStream(10, out.data()); }) &&
+           retried([&] { return plus.generatePRStream(100, &out[1]); }) &&
+           retried([&] { return plus.generatePRStream(300, &out[2]); });
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, StreamRetries, testing::Bool());
+
+// A PRF whose outputs are longer than a digest: the vector for one may not be had after the input was absorbed.
+class LongOutputs : public HmacPRFunc {
+ public:
+  std::size_t getOutputSize() override { return 1000; }
+};
+
+TEST_F(AllocationFailures, AnOutputThatCannotBeMadeEndsTheComputation) {
+  const ByteVector input(5, 1);
+  LongOutputs prf;
+  ASSERT_TRUE(prf.initHmacPRFunc(HASH_SHA256) && prf.setKey(&streamKey));
+  ByteVector right;
+  ASSERT_TRUE(prf.generatePRStream(&input, &right));
+  ByteVector out(EVP_MAX_MD_SIZE);  // no more is needed before the input is absorbed
+  operatorNew.arm(1, 1);
+  EXPECT_THROW((void)prf.generatePRStream(&input, &out), std::bad_alloc);
+  operatorNew.disarm();
+  EXPECT_EQ(out.size(), std::size_t{EVP_MAX_MD_SIZE});
+  EXPECT_FALSE(prf.generatePRStream(&input, &out)) << "the input was absorbed once already";
+  EXPECT_TRUE(prf.setKey(nullptr));
+  EXPECT_TRUE(prf.generatePRStream(&input, &out));
+  EXPECT_EQ(out, right);
+}
+
+TEST_P(AllocationFailuresOfGroup, ARetriedExchangeAnswersRight) {
+  const Known known = make(GetParam());
+  sweepRetries(0, [&known](Outputs& out) {
+    IpsecDHGeneral dh(known.group);
+    return retried([&] { return dh.initIpsecDH(); }) &&  //
+           retried([&] { return dh.setMyPrivateKey(&known.privateKey); }) &&
+           retried([&] { return dh.getMyPublicKey(out.data()); }) &&
+           retried([&] { return dh.getMyPrivateKey(&out[1]); }) &&
+           retried([&] { return dh.setPeerPublicKey(&known.publicKey); }) &&
+           retried([&] { return dh.getSharedSecret(&out[2]); });
+  });
 }
 
 TEST_F(AllocationFailures, OfOperatorNewForNonces) {
