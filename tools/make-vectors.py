@@ -379,50 +379,50 @@ def make_files():
     return {
         "dh_modp.txt": format_file(
             """
-MODP known answers, made by tools/make-vectors.py. With the own private key Private, the own public value is Public,
-and the secret with the peer's public value Peer is Secret. Public, Peer and Secret have the length of the prime.
-Private is what setMyPrivateKey is given: it may have leading zero bytes, which getMyPrivateKey does not give back.
+MODP known answers, written by tools/make-vectors.py. This side's private key is Private and its public value is Public.
+The secret with the peer's public value Peer is Secret. Public, Peer and Secret have the length of the prime. Private is
+given to setMyPrivateKey. It may have leading zero bytes, which getMyPrivateKey does not return.
 """,
             flattened(dh_modp_blocks, MODP_GROUPS.values()),
         ),
         "dh_ecp.txt": format_file(
             """
-Elliptic-curve known answers, made by tools/make-vectors.py. With the own private key Private, the own public value is
-Public, and the secret with the peer's public value Peer is Secret. Public and Peer are x and y, each of the length of
-a field element; Secret is x. Private is what setMyPrivateKey is given: it may have leading zero bytes.
-PrivateReadable, where present, is "no": OpenSSL computes with a private number that is longer than the order, but does
-not hand it out again, so getMyPrivateKey fails.
+Elliptic-curve known answers, written by tools/make-vectors.py. This side's private key is Private and its public value
+is Public. The secret with the peer's public value Peer is Secret. Public and Peer are x and y, each of the length of a
+field element, and Secret is x. Private is given to setMyPrivateKey, and may have leading zero bytes. If PrivateReadable
+is present, it is "no": OpenSSL computes with a private number that is longer than the order but does not return it, so
+getMyPrivateKey fails.
 """,
             flattened(dh_ecp_blocks, CURVES.values()),
         ),
         "dh_modp_invalid.txt": format_file(
             """
-MODP values of the right length that must not become a secret (RFC 6989 sections 2.1 and 2.2), made by
+MODP values of the right length that must not give a secret (RFC 6989 sections 2.1 and 2.2), written by
 tools/make-vectors.py. Every Peer must be refused.
 """,
             flattened(dh_modp_invalid_blocks, MODP_GROUPS.values()),
         ),
         "dh_ecp_invalid.txt": format_file(
             """
-Elliptic-curve values of the right length that name no point, or no reduced one, made by tools/make-vectors.py.
-Verdict is refused or accepted: coordinates at or above p are reduced modulo p, and the reduced point is judged. An
-accepted one comes with the secret for the own private key Private.
+Elliptic-curve values of the right length that are not a point, or not a reduced one, written by tools/make-vectors.py.
+Verdict is refused or accepted: coordinates equal to or above p are reduced modulo p, and the reduced point is checked.
+An accepted value has the secret for this side's private key Private.
 """,
             flattened(dh_ecp_invalid_blocks, CURVES.values()),
         ),
         "hmac.txt": format_file(
             """
 HMAC known answers: Output is HMAC(Key, Input). The blocks with a Source are figures of RFC 2202 and RFC 4231, the
-others are made by tools/make-vectors.py. Truncated, where present, is the number of bytes of the MAC that the RFC
-publishes; Output then holds just those.
+others are written by tools/make-vectors.py. If Truncated is present, it is the number of bytes of the MAC that the RFC
+publishes, and Output holds only those.
 """,
             published_hmac_blocks(FOLDER / "hmac.txt") + flattened(hmac_blocks, HASHES),
         ),
         "prf_plus.txt": format_file(
             """
-prf+ known answers, made by tools/make-vectors.py. Mode is counter (RFC 7296 section 2.13, the counter byte wraps: block
-256 is made with 0x00, block 257 with 0x01) or chained (RFC 2409 section 5.5). Block<n> is the n-th block of the stream,
-counted from 1; StreamSha256 is the SHA-256 of the first Blocks blocks together.
+prf+ known answers, written by tools/make-vectors.py. Mode is counter (RFC 7296 section 2.13; the counter byte wraps,
+so block 256 is computed with 0x00 and block 257 with 0x01) or chained (RFC 2409 section 5.5). Block<n> is the n-th
+block of the stream, counted from 1. StreamSha256 is the SHA-256 of the first Blocks blocks together.
 """,
             flattened(prf_plus_cases, HASHES),
         ),
@@ -430,7 +430,7 @@ counted from 1; StreamSha256 is the SHA-256 of the first Blocks blocks together.
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Makes the known-answer files of tests/vectors.")
+    parser = argparse.ArgumentParser(description="Writes the known-answer files of tests/vectors.")
     parser.add_argument("--check", action="store_true", help="compare with the existing files and write nothing")
     arguments = parser.parse_args()
     stale = []

@@ -187,7 +187,7 @@ def convert_package(folder, out):
     out.describe(
         "kas_ecdh.txt",
         """
-NIST CAVS validity tests of ECDH, the correct ones: with Private the own public value is Public, and the secret with
+NIST CAVS validity tests of ECDH, the correct ones: with Private the public value is Public, and the secret with
 Peer is Secret. In the form of tests/vectors/dh_ecp.txt.
 """,
     )
