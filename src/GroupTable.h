@@ -34,9 +34,9 @@ inline constexpr std::array<Group, 11> groups = {{
     {MODP_3072,         384, BN_get_rfc3526_prime_3072, NID_undef},
     {MODP_4096,         512, BN_get_rfc3526_prime_4096, NID_undef},
     {MODP_6144,         768, BN_get_rfc3526_prime_6144, NID_undef},
-    {ECP_256,        2 * 32, nullptr,                   NID_X9_62_prime256v1},
-    {ECP_384,        2 * 48, nullptr,                   NID_secp384r1},
-    {ECP_521,        2 * 66, nullptr,                   NID_secp521r1},
+    {ECP_256,      2UL * 32, nullptr,                   NID_X9_62_prime256v1},
+    {ECP_384,      2UL * 48, nullptr,                   NID_secp384r1},
+    {ECP_521,      2UL * 66, nullptr,                   NID_secp521r1},
     {MODP_2048_256,     256, nullptr,                   NID_undef},
 }};
 // clang-format on

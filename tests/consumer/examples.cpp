@@ -43,7 +43,7 @@ bool holds(const Example& example) {
   try {
     return example.run != nullptr ? example.run() : example.linked != nullptr;
   } catch (const std::exception& thrown) {
-    std::fprintf(stderr, "%s\n", thrown.what());
+    (void)std::fprintf(stderr, "%s\n", thrown.what());
     return false;
   }
 }
@@ -54,7 +54,7 @@ int main() {
   int failures = 0;
   for (const Example& example : examples) {
     if (!holds(example)) {
-      std::fprintf(stderr, "examples: the example of %s in Ipsec.h does not hold\n", example.name);
+      (void)std::fprintf(stderr, "examples: the example of %s in Ipsec.h does not hold\n", example.name);
       ++failures;
     }
   }

@@ -255,7 +255,7 @@ TEST(PrfPlus, FeedsCounterBytesThatWrap) {
   ScriptedPrf prf;
   PRFuncPlus plus(&prf, true);
   ASSERT_TRUE(plus.initPRFuncPlus(&seed));
-  (void)draw(plus, 4 * 600U);
+  (void)draw(plus, std::size_t{4} * 600);
   ASSERT_EQ(prf.computations.size(), 600U);
   EXPECT_EQ(prf.computations[0], seed + ByteVector{1});
   for (std::size_t n = 2; n <= 600; ++n) {
