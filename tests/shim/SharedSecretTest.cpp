@@ -172,17 +172,20 @@ TEST(SecretShim, RefusesSmallOrdersInGroup24) {
   }
 }
 
-// A prime that is not one of IKE's gets the full check: y^q = 1 refuses half of the values in range.
-TEST(SecretShim, ChecksTheSubgroupForOtherPrimes) {
+// For a safe prime the range says all that matters, also for one that is not one of IKE's. (OpenSSL 3.0 computes y^q as
+// well, and refuses more; 3.5 does not.)
+TEST(SecretShim, ChecksTheRangeForOtherSafePrimes) {
   for (const Modp& group : {group18(), ffdhe2048()}) {
     SCOPED_TRACE(BN_num_bits(group.p.get()));
-    const NumberContext context(BN_CTX_new());
     const Key own = modpKey(group, nullptr, number(2));
-    const Number minusTwo = minus(group.p, number(2));  // -1 is not a square modulo a safe prime above 3
-    ASSERT_EQ(BN_kronecker(minusTwo.get(), group.p.get(), context.get()), -1);
-    expectNoSecret(own.get(), modpKey(group, minusTwo, nullptr).get());
-    const Number minusFour = minus(group.p, number(4));
-    expectNoSecret(own.get(), modpKey(group, minusFour, nullptr).get());
+    for (const BN_ULONG below : {0U, 1U}) {
+      expectNoSecret(own.get(), modpKey(group, number(below), nullptr).get());
+      expectNoSecret(own.get(), modpKey(group, minus(group.p, number(below)), nullptr).get());
+    }
+    const Key four = modpKey(group, number(4), nullptr);
+    const ByteVector secret =
+        sharedSecret(own.get(), four.get(), static_cast<std::size_t>(BN_num_bytes(group.p.get())));
+    EXPECT_EQ(secret.back(), 16);
   }
 }
 
