@@ -29,7 +29,7 @@
 #pragma once
 
 #include "platform/AgentTypes.h"
-#include "platform/CryptoShim.h"
+#include "platform/CryptoTypes.h"
 #include "platform/Framework.h"
 #include "platform/Vrf.h"
 

@@ -9,13 +9,9 @@
 // leave OpenSSL's reasons in the thread's error queue.
 #pragma once
 
-#include <openssl/types.h>
+#include "platform/CryptoTypes.h"
 
 #include <cstddef>
-
-// OpenSSL declares these two in <openssl/ec.h> only, which the public header does not need.
-typedef struct ec_group_st EC_GROUP;
-typedef struct ec_point_st EC_POINT;
 
 #pragma GCC visibility push(default)
 
@@ -62,13 +58,6 @@ EVP_PKEY* EVP_PKEY_EC_from_params(EC_GROUP* group, EC_POINT* pub, BIGNUM* priv);
 int EVP_PKEY_get_shared_secret(EVP_PKEY* own, EVP_PKEY* peer, unsigned char** secret, size_t* secretLen);
 
 // --- HMAC -----------------------------------------------------------------------------------------------------------
-
-struct hmac_state;
-
-// An HMAC computation. Set it to zero before hmac_create. What it points to belongs to the shim.
-struct hmac_ctx {
-  struct hmac_state* state;
-};
 
 // Prepares a context. Returns 0 on success. After a failure hmac_init fails too.
 int hmac_create(struct hmac_ctx* ctx);

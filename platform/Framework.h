@@ -1,7 +1,9 @@
 // Framework types: strings, streams, regular expressions, durations, shared handles.
 //
 // In a product the agents' framework supplies these types. This header is everything that the library needs of them. It
-// is header-only except for Cor::_fmt, so that no framework string depends on the version of the platform library.
+// is header-only except for Cor::_fmt and the exceptions' destructors, so that no framework string depends on the version
+// of the platform library. The destructors give each exception one type information, in the platform library: whatever
+// throws one, whatever catches it means the same type.
 #pragma once
 
 #include <cstddef>
@@ -23,12 +25,14 @@ namespace Vello {
 class RangeException : public std::range_error {
  public:
   using std::range_error::range_error;
+  ~RangeException() override;
 };
 
 // Thrown when shared memory does not hold what its writer must have put there.
 class CorruptionDetectedException : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+  ~CorruptionDetectedException() override;
 };
 
 // The framework's string: a value type that holds bytes. It has no encoding, and NUL is allowed inside.

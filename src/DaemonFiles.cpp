@@ -267,8 +267,8 @@ std::string newSection(stringmap settings) {
   }
   // emplace keeps a setting that is present already.
   settings.emplace("authby", Ike::stringValue(Ike::IpsecAuthType::PreSharedKey));
-  settings.emplace("ikelifetime", "28800");
-  settings.emplace("lifetime", "3600");
+  settings.emplace("ikelifetime", Cor::_fmt("%u", 28800U));
+  settings.emplace("lifetime", Cor::_fmt("%u", 3600U));
   // Kept (default-keyexchange): this is not a version to the daemon. Each section has its own.
   settings.emplace("ikeVersion", "2");
   return sectionText(defaultSection, settings);

@@ -3,6 +3,13 @@
 #include <cstdarg>
 #include <cstdio>
 
+namespace Vello {
+
+RangeException::~RangeException() = default;
+CorruptionDetectedException::~CorruptionDetectedException() = default;
+
+}  // namespace Vello
+
 namespace Cor {
 
 String _fmt(const char* format, ...) {

@@ -4,11 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+
 #include <functional>
 #include <regex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 
 namespace Ipsec::Testing {
 namespace {
@@ -19,6 +22,19 @@ TEST(Format, FormatsAsPrintfDoes) {
   EXPECT_EQ(Cor::_fmt("%s", ""), "");
   EXPECT_EQ(Cor::_fmt("a%cb", '\0'), Cor::String(std::string("a\0b", 3)));
   EXPECT_THROW((void)Cor::_fmt("%lc", wint_t{0x110000}), std::invalid_argument) << "no character, so printf refuses";
+}
+
+// Where two libraries have a type information each, some C++ runtimes do not catch one's exception as the other's.
+TEST(Exceptions, HaveOneTypeInformationInThePlatformLibrary) {
+  for (const std::type_info* type : {&typeid(Vello::RangeException), &typeid(Vello::CorruptionDetectedException)}) {
+    const std::string symbol = std::string("_ZTI") + type->name();
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, symbol.c_str()), type) << symbol;
+  }
+}
+
+TEST(Exceptions, CanBeThrownByAnAgent) {
+  EXPECT_THROW(throw Vello::RangeException("too long"), Vello::RangeException);
+  EXPECT_THROW(throw Vello::CorruptionDetectedException("damaged"), std::runtime_error);
 }
 
 TEST(Regex, WrapsTheStandardLibrarys) {
