@@ -60,8 +60,8 @@ class StandardNumbersTaken {
   std::array<int, STDERR_FILENO + 1> placeholders;
 };
 
-// Opens a file as open() does, on a number above those of the standard streams, closed when another program is executed,
-// and again whenever a signal interrupts it. If it cannot be opened, errno gives the reason.
+// Opens a file as open() does, on a number above those of the standard streams, closed when another program is
+// executed, and again whenever a signal interrupts it. If it cannot be opened, errno gives the reason.
 inline Descriptor openFile(const char* path, int flags, mode_t mode = 0) noexcept {
   const StandardNumbersTaken taken;
   int opened;

@@ -402,8 +402,8 @@ class IPSEC_EXPORT HmacPRFunc : public PRFunc {
   bool initHmacPRFunc(HashAlgorithm hashAlgo);
 
   // After any failure the result of the computation is undefined: abandon the derivation. If finishing fails, output
-  // has its new size and undefined contents. After std::bad_alloc nothing of the call's input has been absorbed, and the
-  // call can be repeated. If an override of getOutputSize asks for more than 64 bytes, the call fails instead until
+  // has its new size and undefined contents. After std::bad_alloc nothing of the call's input has been absorbed, and
+  // the call can be repeated. If an override of getOutputSize asks for more than 64 bytes, the call fails instead until
   // setKey has succeeded again.
   bool generatePRStream(const ByteVector* input, ByteVector* output) override;
 
@@ -453,10 +453,10 @@ class IPSEC_EXPORT PRFuncPlus {
   bool initPRFuncPlus(const ByteVector* seed);
 
   // Writes the next length bytes of the stream. The stream is the same however it is divided into calls. After a
-  // failure out has its new size and is filled up to the point of the failure, and the stream must not be used again.
-  // A PRFunc that returns true with an empty output is such a failure. Clear the vector after use.
-  // After std::bad_alloc the call can be repeated. If a PRFunc other than HmacPRFunc throws, the stream starts anew: call
-  // initPRFuncPlus again.
+  // failure out has its new size and is filled up to the point of the failure, and the stream must not be used again. A
+  // PRFunc that returns true with an empty output is such a failure. Clear the vector after use. After std::bad_alloc
+  // the call can be repeated. If a PRFunc other than HmacPRFunc throws, the stream starts anew: call initPRFuncPlus
+  // again.
   // Warning: RFC 7296 ends the stream after 255 blocks, but this object does not. The one-byte counter wraps to 0 and
   // the stream goes on beyond what the RFC defines: the caller must not draw more than 255 times the length of one
   // output in all.
@@ -506,11 +506,11 @@ IPSEC_EXPORT void printVector(const char* label, const ByteVector* vec);
 // - Nothing is synced to disk, and the daemon is not notified. It rereads the connections when its starter receives
 //   SIGHUP, and the secrets on `ipsec rereadsecrets`.
 // - Only one call at a time per file is allowed, over all threads and processes; the callers must see to it.
-// - When the process has no descriptor or memory left to open the old file, the call fails like a failed rename: the old
-//   file stays.
-// - Nothing that is not a regular file is waited for. A pipe, folder or device in the place of the old file counts as an
-//   empty file; a link is followed. In the place of the temporary file, anything but a regular file that belongs to this
-//   user and has no second name is neither written nor moved: the call fails like a failed rename.
+// - When the process has no descriptor or memory left to open the old file, the call fails like a failed rename: the
+//   old file stays.
+// - Nothing that is not a regular file is waited for. A pipe, folder or device in the place of the old file counts as
+//   an empty file; a link is followed. In the place of the temporary file, anything but a regular file that belongs to
+//   this user and has no second name is neither written nor moved: the call fails like a failed rename.
 //
 // Warning: an old file that cannot be read for another reason counts as empty, like a missing one; if reading fails
 // half-way, the whole lines read so far count as its contents. The rest is not in the new file and is lost when that is

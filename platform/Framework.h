@@ -1,9 +1,9 @@
 // Framework types: strings, streams, regular expressions, durations, shared handles.
 //
 // In a product the agents' framework supplies these types. This header is everything that the library needs of them. It
-// is header-only except for Cor::_fmt and the exceptions' destructors, so that no framework string depends on the version
-// of the platform library. The destructors give each exception one type information, in the platform library: whatever
-// throws one, whatever catches it means the same type.
+// is header-only except for Cor::_fmt and the exceptions' destructors, so that no framework string depends on the
+// version of the platform library. The destructors give each exception one type information, in the platform library:
+// whatever throws one, whatever catches it means the same type.
 #pragma once
 
 #include <cstddef>

@@ -52,8 +52,8 @@ struct Where {
 };
 
 // Tracer writes the lines of a source file under one handle. The functions that put a line together are out of line:
-// callers then reserve no stack for a line's 512 bytes, and a level that is off costs one test. The level of entry lines
-// is a constant, because a block of prf+ enters a dozen functions.
+// callers then reserve no stack for a line's 512 bytes, and a level that is off costs one test. The level of entry
+// lines is a constant, because a block of prf+ enters a dozen functions.
 template <unsigned levelOfEntries>
 class Tracer {
  public:

@@ -117,8 +117,8 @@ libraries=$(dirname "$(dirname "$pkg_config_file")")
 export PKG_CONFIG_PATH=$libraries/pkgconfig
 mapfile -t headers < <(cd "$include" && find . -name '*.h' -printf '%P\n' | sort)
 expect 'the public header and eight of the platform are installed' test "${headers[*]}" = \
-  "Ipsec.h platform/AgentTypes.h platform/CryptoShim.h platform/CryptoTypes.h platform/Framework.h platform/Log.h platform/Process.h \
-platform/Trace.h platform/Vrf.h"
+  "Ipsec.h platform/AgentTypes.h platform/CryptoShim.h platform/CryptoTypes.h platform/Framework.h platform/Log.h \
+platform/Process.h platform/Trace.h platform/Vrf.h"
 expect 'the key exchange example on its own' example
 
 skipped=0

@@ -1,5 +1,5 @@
-// What is in the place of a file may be no ordinary file, and the process may lack what it needs to open one: nothing is
-// waited for, nothing is written through, and no other section is lost.
+// What is in the place of a file may be no ordinary file, and the process may lack what it needs to open one: nothing
+// is waited for, nothing is written through, and no other section is lost.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
