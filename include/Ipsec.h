@@ -17,6 +17,9 @@
 // - Threads: the library creates none and has no locks of its own; the platform's trace and OpenSSL have theirs. An
 //   object is used by one thread at a time; different objects may be used on different threads at once. Functions
 //   outside a class may be called from any thread.
+// - A thread that is cancelled (pthread_cancel) in one of these functions leaves it when its work is done. Only while
+//   _execCommand and the functions for kernel modules wait for their tool does the thread leave at once, and the tool's
+//   process is then left to be reaped.
 // - No key, secret, nonce or value of a setting is ever written to a trace.
 // - After a failure, OpenSSL's reasons for it may be in the calling thread's OpenSSL error queue.
 // - A static destructor that runs after OpenSSL's clean-up may destroy these objects but must not exchange keys with

@@ -5,6 +5,7 @@
 #include "GroupTable.h"
 #include "Ipsec.h"
 #include "Tracer.h"
+#include "base/CancellationHeld.h"
 #include "base/OpenSslPtr.h"
 #include "platform/CryptoShim.h"
 #include "platform/Log.h"
@@ -119,6 +120,7 @@ IpsecDHModp::~IpsecDHModp() {
 }
 
 bool IpsecDHModp::initIpsecDH() {
+  const Base::CancellationHeld held;
   trace.entered();
   if (initialized) {
     return true;
@@ -186,6 +188,7 @@ bool IpsecDHModp::getMyPrivateKey(ByteVector* out) {
 }
 
 bool IpsecDHModp::setMyPrivateKey(const ByteVector* key) {
+  const Base::CancellationHeld held;
   trace.entered();
   if (!initialized) {
     return trace.failed("IpsecDHModp::setMyPrivateKey", "IpsecDHModp is not initialized");
@@ -212,6 +215,7 @@ bool IpsecDHModp::setMyPrivateKey(const ByteVector* key) {
 }
 
 bool IpsecDHModp::setPeerPublicKey(const ByteVector* peer) {
+  const Base::CancellationHeld held;
   trace.entered();
   if (!initialized) {
     return trace.failed("IpsecDHModp::setPeerPublicKey", "IpsecDHModp is not initialized");
@@ -370,6 +374,7 @@ IpsecDHEcp::~IpsecDHEcp() {
 }
 
 bool IpsecDHEcp::initIpsecDH() {
+  const Base::CancellationHeld held;
   trace.entered();
   if (initialized) {
     return true;
@@ -446,6 +451,7 @@ bool IpsecDHEcp::getMyPrivateKey(ByteVector* out) {
 // Kept (secret-after-new-key): an earlier secret stays readable after a new private key is set. The MODP form discards
 // it.
 bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
+  const Base::CancellationHeld held;
   trace.entered();
   if (!initialized) {
     return trace.failed("IpsecDHEcp::setMyPrivateKey", "IpsecDHEcp is not initialized");
@@ -461,6 +467,7 @@ bool IpsecDHEcp::setMyPrivateKey(const ByteVector* key) {
 }
 
 bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
+  const Base::CancellationHeld held;
   trace.entered();
   if (!initialized) {
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "IpsecDHEcp is not initialized");

@@ -4,6 +4,7 @@
 #include "CheckedAt.h"
 #include "Ipsec.h"
 #include "Tracer.h"
+#include "base/CancellationHeld.h"
 #include "platform/CryptoShim.h"
 
 #include <openssl/crypto.h>
@@ -44,6 +45,7 @@ HmacPRFunc::~HmacPRFunc() {
 }
 
 bool HmacPRFunc::initHmacPRFunc(HashAlgorithm hashAlgo) {
+  const Base::CancellationHeld held;
   trace.entered();
   if (initialized) {
     return true;  // Kept (second-hmac-init): the digest stays, whatever hashAlgo is.
@@ -239,6 +241,7 @@ NonceGenerator::NonceGenerator() : nonceLen(32) {}
 NonceGenerator::NonceGenerator(unsigned long length) : nonceLen(length) {}
 
 bool NonceGenerator::generateNonce(ByteVector* out) {
+  const Base::CancellationHeld held;
   trace.entered();
   out->resize(nonceLen);
   // Kept (nonce-only-minus-one): only -1 is a failure. OpenSSL 3 returns 0 when its generator fails, and the bytes are
@@ -283,6 +286,7 @@ std::size_t getIntegKeyLen(IntegrityAlgo algo) {
 // --- Set-up and dumps -----------------------------------------------------------------------------------------------
 
 int initKeyGenLib() {
+  const Base::CancellationHeld held;
   return OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
 }
 

@@ -8,6 +8,7 @@
 #include "Ipsec.h"
 #include "Tracer.h"
 #include "WholeFile.h"
+#include "base/CancellationHeld.h"
 #include "base/Descriptor.h"
 #include "platform/Process.h"
 
@@ -105,6 +106,7 @@ Vello::String getConnNameFromKey(const ConnectionKey& key) {
 // --- The IKE daemon's files ------------------------------------------------------------------------------------------
 
 void writeConnections(stringmap settings) {
+  const Base::CancellationHeld held;
   Replacement file(connectionsPath);
   ConnectionLines lines(settings);
   file.append(newGlobalSection(settings));
@@ -120,6 +122,7 @@ void writeConnections(stringmap settings) {
 
 // Takes its map by value, because its callers were compiled to pass it so.
 void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-param)
+  const Base::CancellationHeld held;
   Replacement file(secretsPath);
   SecretLines lines(entry);
   copyLines(file.oldText(), lines, file);
@@ -127,7 +130,7 @@ void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-pa
     file.append(newSecret(entry));
   }
   if (!file.moveIntoPlace()) {
-    (void)trace.failed("writeSecrets", "Error renaming tmp file to ipsec.secrets");
+      (void)trace.failed("writeSecrets", "Error renaming tmp file to ipsec.secrets");
   }
 }
 
@@ -161,6 +164,7 @@ void enableFlowEncapModule() {
 // --- Replay window and liveness --------------------------------------------------------------------------------------
 
 void setMaxReplayWindow() {
+  const Base::CancellationHeld held;
   constexpr char path[] = "/proc/sys/net/core/xfrm_replay_esn_max";
   constexpr char where[] = "setMaxReplayWindow()";  // Kept (replay-messages): with parentheses, and all at level 1.
   constexpr int packets = 65536;
@@ -181,6 +185,7 @@ void setMaxReplayWindow() {
 }
 
 bool isSswanRunning() {
+  const Base::CancellationHeld held;
   constexpr char path[] = "/etc/strongswan/ipsec.d/run/charon.pid";
   if (access(path, F_OK) != 0) {
     return false;

@@ -1,5 +1,7 @@
 #include "platform/Log.h"
 
+#include "base/CancellationHeld.h"
+
 #include <syslog.h>
 
 #include <algorithm>
@@ -79,6 +81,7 @@ bool LogHandle::letThrough() {
 }
 
 bool LogHandle::send(const char* format, ...) noexcept {
+  const Base::CancellationHeld held;
   try {
     std::va_list values;
     va_start(values, format);

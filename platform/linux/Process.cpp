@@ -1,5 +1,7 @@
 #include "platform/Process.h"
 
+#include "base/CancellationHeld.h"
+
 #include <fcntl.h>
 #include <spawn.h>
 #include <unistd.h>
@@ -123,6 +125,7 @@ int spawn(const char* const* argv, int input, int output, int error, int process
 }  // namespace
 
 Vello::Ptr<Process> run(const char* const* argv, int input, int output, int error, int processGroup) {
+  const Base::CancellationHeld held;
   // The handle is created first, because nothing may fail any more once there is a child.
   auto process = std::make_shared<Process>();
   pid_t child = Process::notStarted;

@@ -1,5 +1,6 @@
 #include "platform/Trace.h"
 
+#include "base/CancellationHeld.h"
 #include "platform/linux/TraceCapture.h"
 
 #include <spdlog/pattern_formatter.h>
@@ -304,6 +305,7 @@ void TraceHandle::setLevels(std::uint32_t bits) noexcept {
 }
 
 void TraceHandle::emit(unsigned level, const TraceSite& site, std::string_view message) const noexcept {
+  const Base::CancellationHeld held;
   const ErrnoKeeper keeper;
   showToCaptures(TraceSink::Text, handleName, level, site, message);
   try {

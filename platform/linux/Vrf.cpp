@@ -1,5 +1,6 @@
 #include "platform/Vrf.h"
 
+#include "base/CancellationHeld.h"
 #include "base/Descriptor.h"
 #include "platform/linux/VrfSegment.h"
 
@@ -226,6 +227,7 @@ VrfIdMap::Status::Status(MappedSegment mapped)
     : segment(std::move(mapped)), handler([](const char* message) { (void)std::fprintf(stderr, "%s\n", message); }) {}
 
 Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
+  const Base::CancellationHeld held;
   const Descriptor file(openOrThrow(name, O_RDWR | O_CREAT));
   const std::uintmax_t size = sizeOrThrow(file, name);
   if (size != 0 && size != sizeof(Segment)) {
@@ -251,6 +253,7 @@ Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
 }
 
 Vello::Ptr<const VrfIdMap::Status> VrfIdMap::Status::open(const char* name) {
+  const Base::CancellationHeld held;
   const Descriptor file(openOrThrow(name, O_RDONLY));
   if (sizeOrThrow(file, name) != sizeof(Segment)) {
     throw Vello::CorruptionDetectedException(std::string("VRF status table ") + name + ": of another size");
@@ -263,6 +266,7 @@ Vello::Ptr<const VrfIdMap::Status> VrfIdMap::Status::open(const char* name) {
 }
 
 void VrfIdMap::Status::remove(const char* name) noexcept {
+  const Base::CancellationHeld held;
   (void)shm_unlink(name);  // a name that does not exist counts as removed
 }
 
@@ -292,6 +296,7 @@ void VrfIdMap::Status::erase(VrfId id) {
 }
 
 VrfIdMap::VrfEntry VrfIdMap::Status::vrfEntry(VrfId id) const {
+  const Base::CancellationHeld held;
   for (const Slot& slot : segment->slots) {
     if (!seemsToHold(slot, id)) {
       continue;
