@@ -1,8 +1,15 @@
 // Traces: text lines with levels, one source of lines per source file; the ring buffer; and both at once.
 //
-// Tracing never changes what the traced code does. No function that writes throws, changes errno, or waits for anything
-// except the lock of the place that it writes to. A line that cannot be written (memory exhausted, standard error
-// closed) is lost.
+// Tracing never changes what the traced code does. No function that writes throws, changes errno or raises a signal. If
+// standard error is a pipe, a socket or a terminal, a line waits at most 10 ms for its reader and for other lines, and
+// is then dropped; while the reader does not read, later lines are dropped at once. The number of dropped lines is
+// written before the next line that gets through. The ring buffer keeps every line. A line that cannot be written
+// (memory exhausted, standard error closed) is lost.
+//
+// Standard error is descriptor 2, whatever the agent makes of it. If it is closed when the process starts, no text is
+// ever written.
+// Warning: an agent that closes descriptor 2 later and then opens a file gets the lines in that file. Redirect the
+// descriptor to /dev/null instead.
 //
 // A text line goes to standard error as "time handle level file:line function message". Control characters in a message
 // are written as "?", so that each message stays on one line. All functions may be called from any thread, until the

@@ -1,11 +1,14 @@
 #include "platform/Trace.h"
 
 #include "base/CancellationHeld.h"
+#include "platform/linux/TextSink.h"
 #include "platform/linux/TraceCapture.h"
 
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/ringbuffer_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -70,6 +73,8 @@ class TraceLevels {
 namespace {
 
 constexpr std::uint32_t errorsOnly = 1;
+
+std::atomic<bool> writesText = true;
 
 // --- Levels ----------------------------------------------------------------------------------------------------------
 
@@ -186,12 +191,11 @@ std::unique_ptr<spdlog::formatter> formatterOf(const char* pattern, const char* 
 // Static objects of other libraries trace while they are destroyed, so the sinks are created at first use and never
 // destroyed.
 struct Sinks {
-  spdlog::sinks::stderr_sink_mt text;
+  TextSink text;
   spdlog::sinks::ringbuffer_sink_mt ring{RingTrace::capacity};
 
   // The name field holds the handle and the level, because spdlog's own levels are fewer and have names.
-  Sinks() {
-    text.set_formatter(formatterOf("%Y-%m-%dT%H:%M:%S.%f%z %n %g:%# %! %*", "\n"));
+  Sinks() : text(formatterOf("%Y-%m-%dT%H:%M:%S.%f%z %n %g:%# %! %*", "\n")) {
     ring.set_formatter(formatterOf("%*", ""));
   }
 
@@ -278,7 +282,10 @@ void showToCaptures(TraceSink sink, const char* handle, unsigned level, const Tr
 
 }  // namespace
 
-TraceLevels::TraceLevels() : masks(levelsFromEnvironment()) {}
+TraceLevels::TraceLevels() : masks(levelsFromEnvironment()) {
+  // In a process that starts without a standard error, descriptor 2 is the first file that the agent opens.
+  writesText.store(fcntl(STDERR_FILENO, F_GETFD) >= 0, std::memory_order_relaxed);
+}
 
 // --- The facilities --------------------------------------------------------------------------------------------------
 
@@ -309,7 +316,9 @@ void TraceHandle::emit(unsigned level, const TraceSite& site, std::string_view m
   const ErrnoKeeper keeper;
   showToCaptures(TraceSink::Text, handleName, level, site, message);
   try {
-    writeText(handleName, level, site, message);
+    if (writesText.load(std::memory_order_relaxed)) {
+      writeText(handleName, level, site, message);
+    }
   } catch (...) {  // the line is lost
   }
 }

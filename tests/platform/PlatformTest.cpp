@@ -19,6 +19,7 @@ constexpr Role roles[] = {
     {"trace-without-memory", traceWithoutMemory},
     {"trace-from-threads", traceFromThreads},
     {"trace-without-standard-error", traceWithoutStandardError},
+    {"trace-into-an-own-file", traceIntoAnOwnFile},
     {"exchange-streams", exchangeStreams},
     {"write-descriptor", writeDescriptor},
     {"read-vrf", readVrf},

@@ -15,6 +15,9 @@ int traceUntilTheEnd(const Strings&);
 int traceFromThreads(const Strings&);
 int traceWithoutStandardError(const Strings&);
 
+// TextSinkTest.cpp
+int traceIntoAnOwnFile(const Strings& arguments);
+
 // ExhaustedMemoryTest.cpp
 int traceWithoutMemory(const Strings&);
 
