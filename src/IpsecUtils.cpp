@@ -130,7 +130,7 @@ void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-pa
     file.append(newSecret(entry));
   }
   if (!file.moveIntoPlace()) {
-      (void)trace.failed("writeSecrets", "Error renaming tmp file to ipsec.secrets");
+    (void)trace.failed("writeSecrets", "Error renaming tmp file to ipsec.secrets");
   }
 }
 
