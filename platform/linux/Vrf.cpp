@@ -183,6 +183,7 @@ void finishFreeSlots(Segment& segment) noexcept {
 }
 
 int openOrThrow(const char* name, int flags) {
+  const Base::StandardNumbersTaken taken;
   const int descriptor = shm_open(name, flags, 0644);
   if (descriptor < 0) {
     throwError(errno, name, "cannot be opened");

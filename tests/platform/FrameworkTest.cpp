@@ -1,10 +1,12 @@
 // The framework: formatting, expressions, strings.
 
 #include "platform/Framework.h"
+#include "tests/platform/Children.h"
 
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <functional>
 #include <regex>
@@ -35,6 +37,22 @@ TEST(Exceptions, HaveOneTypeInformationInThePlatformLibrary) {
 TEST(Exceptions, CanBeThrownByAnAgent) {
   EXPECT_THROW(throw Vello::RangeException("too long"), Vello::RangeException);
   EXPECT_THROW(throw Vello::CorruptionDetectedException("damaged"), std::runtime_error);
+}
+
+// An agent may use another version of spdlog than the stand-in. This program uses none.
+TEST(Libraries, NeededAreNeitherSpdlogNorFmt) {
+  Strings loaded;
+  (void)dl_iterate_phdr(
+      [](dl_phdr_info* library, std::size_t, void* all) {
+        static_cast<Strings*>(all)->emplace_back(library->dlpi_name);
+        return 0;
+      },
+      &loaded);
+  EXPECT_GT(loaded.size(), 3U);
+  for (const std::string& name : loaded) {
+    EXPECT_EQ(name.find("libspdlog"), std::string::npos) << name;
+    EXPECT_EQ(name.find("libfmt"), std::string::npos) << name;
+  }
 }
 
 TEST(Regex, WrapsTheStandardLibrarys) {
