@@ -69,9 +69,9 @@ std::size_t writeUntil(Clock::time_point deadline, int descriptor, std::string_v
   while (written < text.size()) {
     const std::string_view piece = text.substr(written, PIPE_BUF);  // a pipe takes so many bytes whole, or none
     const ssize_t count = writer(piece);
-    if (count >= 0) {
+    if (count > 0) {
       written += static_cast<std::size_t>(count);
-    } else if (errno != EINTR && (errno != EAGAIN || !waitForReader(descriptor, deadline))) {
+    } else if (count == 0 || (errno != EINTR && (errno != EAGAIN || !waitForReader(descriptor, deadline)))) {
       break;
     }
   }
