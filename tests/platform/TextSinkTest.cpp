@@ -144,7 +144,7 @@ TEST_P(Reader, ThatDoesNotReadCostsTheFirstLineTenMillisecondsAndLaterOnesNothin
     if (first < milliseconds(10)) {
       return 1;  // it did not wait
     }
-    if (all > milliseconds(1000)) {
+    if (all > milliseconds(3000)) {
       return 2;  // each of a thousand lines waited
     }
     if (fcntl(ends.writer, F_GETFL) != flags) {
@@ -167,17 +167,18 @@ TEST_P(Reader, ThatDoesNotReadCostsTheFirstLineTenMillisecondsAndLaterOnesNothin
   EXPECT_EQ(status, code(0)) << "exit status " << WEXITSTATUS(status);
 }
 
-// Twenty threads wait for one stuck reader. None waits for the others' time as well as for its own.
+// A hundred threads wait for one stuck reader, on a machine that may be busy. None waits for the others' time as well
+// as for its own.
 TEST_P(Reader, ThatDoesNotReadHoldsUpNoThreadForLong) {
   const int status = inAChild(GetParam().make(), [](const Ends& ends) {
     fill(ends.writer);
     std::atomic<bool> late = false;
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < 20; ++thread) {
+    for (int thread = 0; thread < 100; ++thread) {
       threads.emplace_back([&late] {
         const auto start = Clock::now();
         trace("a line");
-        late = late || Clock::now() - start > milliseconds(150);
+        late = late || Clock::now() - start > milliseconds(700);
       });
     }
     for (std::thread& thread : threads) {
