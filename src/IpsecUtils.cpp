@@ -24,7 +24,6 @@
 #include <ctime>
 #include <limits>
 #include <locale>
-#include <string_view>
 #include <utility>
 
 namespace Ipsec {
