@@ -94,9 +94,9 @@ class KeyCopy {
 // Short input is collected and absorbed at once: the input of a prf+ block comes in three pieces, and every call takes
 // its time.
 struct hmac_state {
-  const EVP_MD* requested = nullptr;  // the digest that the caller named
-  const EVP_MD* fetched = nullptr;    // the same digest, looked up once
-  DigestPtr owned;                    // owns fetched, unless that is shared
+  const EVP_MD* requested = nullptr;    // the digest that the caller named
+  const EVP_MD_CTX* unkeyed = nullptr;  // the same digest, looked up and started
+  DigestContextPtr owned;               // owns unkeyed, unless that is shared
   std::size_t macLength = 0;
   DigestContextPtr inner{EVP_MD_CTX_new()};
   DigestContextPtr outer{EVP_MD_CTX_new()};
@@ -116,40 +116,46 @@ namespace {
 // The digests of IKE's PRFs. Looking one up takes as long as a short output.
 constexpr std::array<int, 4> digestNids = {NID_sha1, NID_sha256, NID_sha384, NID_sha512};
 
-std::array<MadeOnce<DigestPtr>, digestNids.size()> keptDigests;
+// A state that has absorbed nothing, of each. Copying it costs less than starting another one.
+std::array<MadeOnce<DigestContextPtr>, digestNids.size()> keptStates;
 
-DigestPtr lookUp(const EVP_MD* md) {
-  return DigestPtr(EVP_MD_fetch(nullptr, EVP_MD_get0_name(md), nullptr));
+DigestContextPtr startedState(const EVP_MD* md) {
+  const DigestPtr fetched(EVP_MD_fetch(nullptr, EVP_MD_get0_name(md), nullptr));
+  DigestContextPtr state(EVP_MD_CTX_new());
+  if (!fetched || !state || EVP_DigestInit_ex2(state.get(), fetched.get(), nullptr) != 1) {
+    return nullptr;
+  }
+  return state;
 }
 
-bool fetchDigest(hmac_state& state, const EVP_MD* md) {
+bool startDigest(hmac_state& state, const EVP_MD* md) {
   if (state.requested == md) {
     return true;
   }
   state.requested = nullptr;
   const auto* found = std::find(digestNids.begin(), digestNids.end(), EVP_MD_get_type(md));
   if (found == digestNids.end()) {
-    state.owned = lookUp(md);
-    state.fetched = state.owned.get();
+    state.owned = startedState(md);
+    state.unkeyed = state.owned.get();
   } else {
     const auto index = static_cast<std::size_t>(found - digestNids.begin());
-    state.fetched = keptDigests[index].get([md] { return lookUp(md); });
+    state.unkeyed = keptStates[index].get([md] { return startedState(md); });
   }
-  if (state.fetched == nullptr) {
+  if (state.unkeyed == nullptr) {
     return false;
   }
   state.requested = md;
-  state.macLength = static_cast<std::size_t>(EVP_MD_get_size(state.fetched));
+  state.macLength = static_cast<std::size_t>(EVP_MD_CTX_get_size(state.unkeyed));
   return true;
 }
 
-bool absorbFirst(EVP_MD_CTX* context, const EVP_MD* md, const unsigned char* block, std::size_t length) {
-  return EVP_DigestInit_ex2(context, md, nullptr) == 1 && EVP_DigestUpdate(context, block, length) == 1;
+bool absorbFirst(EVP_MD_CTX* context, const EVP_MD_CTX* unkeyed, const unsigned char* block, std::size_t length) {
+  return EVP_MD_CTX_copy_ex(context, unkeyed) == 1 && EVP_DigestUpdate(context, block, length) == 1;
 }
 
 // Prepares both states for a key. A key longer than a block is hashed first (RFC 2104 section 2).
 bool absorbKey(hmac_state& state, const unsigned char* key, std::size_t keyLen) {
-  const EVP_MD* md = state.fetched;
+  const EVP_MD* md = EVP_MD_CTX_get0_md(state.unkeyed);
   const int blockSize = EVP_MD_get_block_size(md);
   if (blockSize <= 0 || static_cast<std::size_t>(blockSize) > maxBlockBytes) {
     return false;
@@ -168,23 +174,25 @@ bool absorbKey(hmac_state& state, const unsigned char* key, std::size_t keyLen) 
     std::copy_n(key, keyLen, block.begin());
   }
   pad(innerPad);
-  absorbed = absorbed && absorbFirst(state.inner.get(), md, block.data(), length);
+  absorbed = absorbed && absorbFirst(state.inner.get(), state.unkeyed, block.data(), length);
   pad(innerPad ^ outerPad);  // from one pad to the other
-  absorbed = absorbed && absorbFirst(state.outer.get(), md, block.data(), length);
+  absorbed = absorbed && absorbFirst(state.outer.get(), state.unkeyed, block.data(), length);
   OPENSSL_cleanse(block.data(), length);
   return absorbed;
 }
 
-bool installKey(hmac_state& state, const EVP_MD* md, const unsigned char* key, std::size_t keyLen) {
-  if (state.requested == md && state.key.equals(key, keyLen)) {
-    return true;
-  }
+// Out of line, so that a key that comes again, as it does after every output, does not pay for it.
+[[gnu::noinline]] bool installKey(hmac_state& state, const EVP_MD* md, const unsigned char* key, std::size_t keyLen) {
   state.key.clear();  // the states belong to no key until both are ready
-  if (!fetchDigest(state, md) || !absorbKey(state, key, keyLen)) {
+  if (!startDigest(state, md) || !absorbKey(state, key, keyLen)) {
     return false;
   }
   state.key.assign(key, keyLen);
   return true;
+}
+
+bool isInstalled(const hmac_state& state, const EVP_MD* md, const unsigned char* key, std::size_t keyLen) {
+  return state.requested == md && state.key.equals(key, keyLen);
 }
 
 // Lets running absorb what is pending.
@@ -224,7 +232,7 @@ int hmac_init(hmac_ctx* ctx, const EVP_MD* md, const unsigned char* key, std::si
   if (state == nullptr) {
     return 1;
   }
-  state->open = md != nullptr && installKey(*state, md, key, keyLen);
+  state->open = md != nullptr && (isInstalled(*state, md, key, keyLen) || installKey(*state, md, key, keyLen));
   state->started = false;
   state->pendingLength = 0;
   return state->open ? 0 : 1;
