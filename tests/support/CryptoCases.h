@@ -8,8 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
-#include <iostream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -180,15 +178,5 @@ void expectOutOfRange(const Operation& operation) {
     EXPECT_STREQ(error.what(), "_Map_base::at");
   }
 }
-
-// Says loudly why a test does not run. Where CI is set, the test fails instead.
-#define IPSEC_SKIP(reason)                                   \
-  do {                                                       \
-    std::cerr << "*** NOT RUN: " << (reason) << " ***\n";    \
-    if (std::getenv("CI") != nullptr) {                      \
-      FAIL() << "A test was not run under CI: " << (reason); \
-    }                                                        \
-    GTEST_SKIP() << (reason);                                \
-  } while (false)
 
 }  // namespace Ipsec::Testing

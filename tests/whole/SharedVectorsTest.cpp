@@ -3,10 +3,12 @@
 
 #include "base/OpenSslPtr.h"
 #include "tests/support/CryptoCases.h"
+#include "tests/support/Skip.h"
 
 #include <openssl/bn.h>
 #include <openssl/evp.h>
 
+#include <iostream>
 #include <map>
 
 namespace Ipsec::Testing {
