@@ -97,16 +97,18 @@ class VrfIdMap {
 };
 
 // The VRF status table, a named POSIX shared-memory segment. One process creates it and writes to it. Any number of
-// other processes open it and read, without a lock: each entry has a sequence counter and a checksum. A reader that
-// meets an entry while it is being written looks again a limited number of times, for some tens of milliseconds. A
-// writer that died half-way through an entry leaves that entry damaged. A reader reports the damage, and never waits
-// for longer than that.
+// other processes open it and read, without a lock.
 //
-// A damaged entry stays damaged until a writer sets or erases the VRF that it names. If the entry was being added or
-// removed when its writer died, the next create() completes it as a missing one. If the damage is in an entry's number,
-// only a new segment helps: remove the old one and create it again.
+// Each entry is kept twice. The writer fills the copy that is not in use and then takes it into use in one step. A
+// reader therefore gets every entry as it was before a change or as it is after it, whether the writer is running, is
+// stopped in the middle of the change or died there. It never waits for the writer. It looks at an entry again only if
+// that entry was changed twice while it looked.
 //
 // Only one thread of the writing process may write at a time. Reading has no such limit.
+//
+// Damage is what no writer leaves behind, wherever it stops: another program wrote into the segment. A damaged entry
+// stays damaged until a writer sets or erases the VRF that it names. If the damage is in an entry's number, only a new
+// segment helps: remove the old one and create it again.
 class VrfIdMap::Status {
  public:
   using CorruptionHandler = std::function<void(const char* message)>;
@@ -116,12 +118,15 @@ class VrfIdMap::Status {
 
   // Creates the segment, or takes over an existing one, and becomes its writer. The name has the form "/name", as for
   // shm_open. The entries of an earlier writer are kept, including damaged ones. Throws std::system_error, with
-  // std::errc::file_exists if something exists under the name that is not a VRF status table.
+  // std::errc::file_exists if something exists under the name that is not a VRF status table. A segment of the older
+  // layout, which kept each entry once, is refused in this way and left alone: its writer may be running. Stop that
+  // writer, remove the segment and create it again.
   static Vello::Ptr<Status> create(const char* name);
 
   // Opens an existing segment for reading. The segment's mode is 0644, reduced by the writer's umask. Throws
-  // std::system_error when there is no segment, and Vello::CorruptionDetectedException when it is not a VRF status
-  // table or has another size.
+  // std::system_error (std::errc::no_such_file_or_directory) when there is no segment or its first writer has not set
+  // it up yet, and Vello::CorruptionDetectedException when it is not a VRF status table of this layout or has another
+  // size.
   // Warning: nobody may shrink a segment that is open, or SIGBUS stops its readers. Remove it and create a new one
   // instead.
   static Vello::Ptr<const Status> open(const char* name);

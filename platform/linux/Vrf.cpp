@@ -5,7 +5,6 @@
 #include "platform/linux/VrfSegment.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,9 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <new>
-#include <optional>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -49,30 +46,16 @@ using Base::Descriptor;
 using VrfId = VrfIdMap::VrfId;
 using VrfEntry = VrfIdMap::VrfEntry;
 
-// How often a reader looks again at an entry that is being written. A writer needs far less than a microsecond, unless
-// the kernel takes the processor away from it in between. The naps give it time to get the processor back.
-constexpr int quickLooks = 64;
-constexpr int slowLooks = 40;
-constexpr timespec nap = {0, 1'000'000};
-
-// --- Slots -----------------------------------------------------------------------------------------------------------
-
-SlotWords freeWords() noexcept {
-  SlotWords words = {};
-  words[StateWord] = slotFree;
-  words[ChecksumWord] = checksumOf(words);
-  return words;
-}
-
 SlotWords wordsOf(const VrfEntry& entry) noexcept {
   SlotWords words = {};
   words[StateWord] = slotUsed;
   words[IdWord] = entry.vrfId().value();
   words[LengthWord] = static_cast<std::uint32_t>(entry.name().size());
   std::memcpy(&words[NameWord], entry.name().data(), entry.name().size());
-  words[ChecksumWord] = checksumOf(words);
   return words;
 }
+
+constexpr SlotWords freeWords = {};  // in the state slotFree
 
 // The checksum proves only that a writer put the words there, not that they are right. So the length is checked too.
 VrfEntry entryOf(const SlotWords& words) {
@@ -86,94 +69,86 @@ VrfEntry entryOf(const SlotWords& words) {
   return {VrfId(words[IdWord]), std::string_view(name, length)};
 }
 
-// Writes a slot. The words are stored with release and loaded with acquire. A reader that has read one of these words
-// therefore also sees the odd counter, or a later one, when it looks at the counter again.
-void writeSlot(Slot& slot, const SlotWords& words) noexcept {
-  const std::uint32_t before = slot.sequence.load(std::memory_order_relaxed);
-  const std::uint32_t writing = before % 2 == 0 ? before + 1 : before + 2;  // it is odd if a writer died here
-  slot.sequence.store(writing, std::memory_order_relaxed);
-  // When an entry is added, its number is written first and its state last; when one is removed, its state is cleared
-  // first. An entry abandoned half-way therefore names its VRF already or counts as free.
-  const bool isUsed = words[StateWord] == slotUsed;
-  if (!isUsed) {
-    slot.words[StateWord].store(slotFree, std::memory_order_release);
-  }
-  for (std::size_t index = IdWord; index < SlotWordCount; ++index) {
-    slot.words[index].store(words[index], std::memory_order_release);
-  }
-  if (isUsed) {
-    slot.words[StateWord].store(slotUsed, std::memory_order_release);
-  }
-  slot.sequence.store(writing + 1, std::memory_order_release);
-}
-
-// Copies a slot. Returns nothing if it was being written meanwhile.
-std::optional<SlotWords> copySlot(const Slot& slot) noexcept {
-  const std::uint32_t before = slot.sequence.load(std::memory_order_acquire);
-  SlotWords words;
+// Writes a slot: fills the copy that is not the current one, then makes it that. A writer that ends before the last
+// store has changed nothing that is read, and the next one fills the same copy again.
+//
+// The copy's number goes first, and everything is stored with release. A reader that meets a word of this change
+// therefore also meets this number when it looks at the number again.
+void writeSlot(Slot& slot, SlotWords words) noexcept {
+  const std::uint32_t change = slot.changes.load(std::memory_order_relaxed) + 1;
+  words[ChangeWord] = change;
+  words[ChecksumWord] = checksumOf(words);
+  SlotCopy& copy = slot.copyOf(change);
   for (std::size_t index = 0; index < SlotWordCount; ++index) {
-    words[index] = slot.words[index].load(std::memory_order_acquire);
+    copy[index].store(words[index], std::memory_order_release);
   }
-  const std::uint32_t after = slot.sequence.load(std::memory_order_relaxed);
-  if (before % 2 != 0 || before != after) {
-    return std::nullopt;
-  }
-  return words;
+  slot.changes.store(change, std::memory_order_release);
 }
 
-void waitForWriter(int look) noexcept {
-  if (look < quickLooks) {
-    (void)sched_yield();
-  } else {
-    (void)nanosleep(&nap, nullptr);
-  }
-}
+// What a slot holds: the count of its changes, and the words of the copy that this makes the current one.
+struct SlotContent {
+  std::uint32_t change;
+  SlotWords words;
+};
 
-[[noreturn]] void reportDamage(const Segment& segment, const Slot& slot, const char* how) {
-  const auto index = static_cast<std::size_t>(&slot - segment.slots.data());
-  throw Vello::CorruptionDetectedException("VRF status table: entry " + std::to_string(index) + " is damaged: " + how);
-}
-
-SlotWords readSlot(const Segment& segment, const Slot& slot) {
-  for (int look = 0; look < quickLooks + slowLooks; ++look) {
-    const std::optional<SlotWords> words = copySlot(slot);
-    if (!words) {
-      waitForWriter(look);
-      continue;
+// Reads a slot. The copy being read is written over only by the second change after it. If that has begun, the reader
+// looks again. It does so only if the writer made a whole change during the look, and never if the writer stands still.
+// There is no other limit. But a look is thirty loads, and a change is more than that.
+SlotContent readSlot(const Slot& slot) noexcept {
+  for (;;) {
+    SlotContent content;
+    content.change = slot.changes.load(std::memory_order_acquire);
+    const SlotCopy& copy = slot.copyOf(content.change);
+    for (std::size_t index = ChangeWord + 1; index < SlotWordCount; ++index) {
+      content.words[index] = copy[index].load(std::memory_order_acquire);
     }
-    if ((*words)[ChecksumWord] != checksumOf(*words)) {
-      reportDamage(segment, slot, "its checksum is wrong");
+    content.words[ChangeWord] = copy[ChangeWord].load(std::memory_order_acquire);
+    // Another number without another change is damage, and for the caller to find.
+    if (content.words[ChangeWord] == content.change || slot.changes.load(std::memory_order_relaxed) == content.change) {
+      return content;
     }
-    return *words;
   }
-  reportDamage(segment, slot, "its writer did not finish");
+}
+
+// Returns what is wrong with what a slot holds, or nullptr. No writer leaves any of this, wherever it ends.
+const char* damageOf(const SlotContent& content) noexcept {
+  if (content.words[ChecksumWord] != checksumOf(content.words)) {
+    return "its checksum is wrong";
+  }
+  if (content.words[ChangeWord] != content.change) {
+    return "its count of changes is wrong";
+  }
+  if (content.words[StateWord] != slotFree && content.words[StateWord] != slotUsed) {
+    return "its state is wrong";
+  }
+  return nullptr;
+}
+
+SlotWords intactWords(const Segment& segment, const Slot& slot) {
+  const SlotContent content = readSlot(slot);
+  if (const char* const damage = damageOf(content)) {
+    const auto index = static_cast<std::size_t>(&slot - segment.slots.data());
+    throw Vello::CorruptionDetectedException("VRF status table: entry " + std::to_string(index) +
+                                             " is damaged: " + damage);
+  }
+  return content.words;
 }
 
 bool holds(const SlotWords& words, VrfId id) noexcept {
   return words[StateWord] == slotUsed && words[IdWord] == id.value();
 }
 
-// Returns whether a slot seems to hold a VRF. This is quick, and checks neither the counter nor the checksum.
+// Returns whether a slot seems to hold a VRF. This is quick and checks nothing else.
 bool seemsToHold(const Slot& slot, VrfId id) noexcept {
-  return slot.words[StateWord].load(std::memory_order_relaxed) == slotUsed &&
-         slot.words[IdWord].load(std::memory_order_relaxed) == id.value();
+  const SlotCopy& copy = slot.copyOf(slot.changes.load(std::memory_order_relaxed));
+  return copy[StateWord].load(std::memory_order_relaxed) == slotUsed &&
+         copy[IdWord].load(std::memory_order_relaxed) == id.value();
 }
 
 // Returns whether a VRF may be put into a slot. A damaged slot is not free even if it looks so: it may have held a VRF.
 bool isFree(const Slot& slot) noexcept {
-  const std::optional<SlotWords> words = copySlot(slot);
-  return words && (*words)[StateWord] == slotFree && (*words)[ChecksumWord] == checksumOf(*words);
-}
-
-// Completes the entries that a dead writer left unfinished, if nothing is lost by it: an unfinished entry that looks
-// free belongs to a VRF that was not added yet or was removed already.
-void finishFreeSlots(Segment& segment) noexcept {
-  for (Slot& slot : segment.slots) {
-    const bool unfinished = slot.sequence.load(std::memory_order_relaxed) % 2 != 0;
-    if (unfinished && slot.words[StateWord].load(std::memory_order_relaxed) == slotFree) {
-      writeSlot(slot, freeWords());
-    }
-  }
+  const SlotContent content = readSlot(slot);
+  return content.words[StateWord] == slotFree && damageOf(content) == nullptr;
 }
 
 // --- Segments --------------------------------------------------------------------------------------------------------
@@ -213,9 +188,14 @@ bool isTable(const Segment& segment) noexcept {
          segment.size.load(std::memory_order_relaxed) == sizeof(Segment);
 }
 
+bool isSetUp(const Segment& segment) noexcept {
+  return segment.magic.load(std::memory_order_acquire) != 0;
+}
+
+// Nobody reads the segment before its magic number is there. A writer that ends before leaves all of it to the next.
 void setUp(Segment& segment) noexcept {
   for (Slot& slot : segment.slots) {
-    writeSlot(slot, freeWords());
+    writeSlot(slot, freeWords);
   }
   segment.version.store(segmentVersion, std::memory_order_relaxed);
   segment.size.store(sizeof(Segment), std::memory_order_relaxed);
@@ -243,23 +223,29 @@ Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
     throwError(error, name, "cannot be given memory");
   }
   MappedSegment mapped = mapOrThrow(file, name, PROT_READ | PROT_WRITE);
-  if (mapped->magic.load(std::memory_order_relaxed) == 0) {
-    setUp(*mapped);  // it is new, or a writer died while setting it up
+  if (!isSetUp(*mapped)) {
+    setUp(*mapped);
   }
   if (!isTable(*mapped)) {
     throwError(EEXIST, name, "is no VRF status table");
   }
-  finishFreeSlots(*mapped);
   return Vello::Ptr<Status>(new Status(std::move(mapped)));
 }
 
 Vello::Ptr<const VrfIdMap::Status> VrfIdMap::Status::open(const char* name) {
   const Base::CancellationHeld held;
   const Descriptor file(openOrThrow(name, O_RDONLY));
-  if (sizeOrThrow(file, name) != sizeof(Segment)) {
+  const std::uintmax_t size = sizeOrThrow(file, name);
+  if (size == 0) {
+    throwError(ENOENT, name, "is not set up yet");
+  }
+  if (size != sizeof(Segment)) {
     throw Vello::CorruptionDetectedException(std::string("VRF status table ") + name + ": of another size");
   }
   MappedSegment mapped = mapOrThrow(file, name, PROT_READ);
+  if (!isSetUp(*mapped)) {
+    throwError(ENOENT, name, "is not set up yet");
+  }
   if (!isTable(*mapped)) {
     throw Vello::CorruptionDetectedException(std::string("VRF status table ") + name + ": no VRF status table");
   }
@@ -291,7 +277,7 @@ void VrfIdMap::Status::set(const VrfEntry& entry) {
 void VrfIdMap::Status::erase(VrfId id) {
   for (Slot& slot : segment->slots) {
     if (seemsToHold(slot, id)) {
-      writeSlot(slot, freeWords());
+      writeSlot(slot, freeWords);
     }
   }
 }
@@ -302,14 +288,14 @@ VrfIdMap::VrfEntry VrfIdMap::Status::vrfEntry(VrfId id) const {
     if (!seemsToHold(slot, id)) {
       continue;
     }
-    const SlotWords words = readSlot(*segment, slot);
+    const SlotWords words = intactWords(*segment, slot);
     if (holds(words, id)) {
       return entryOf(words);
     }
   }
   // A number is known to be missing only if every entry is intact: a damaged entry may be the one that is sought.
   for (const Slot& slot : segment->slots) {
-    const SlotWords words = readSlot(*segment, slot);
+    const SlotWords words = intactWords(*segment, slot);
     if (holds(words, id)) {
       return entryOf(words);
     }

@@ -144,10 +144,11 @@ class VrfName : public testing::Test {
     ASSERT_NE(memory, MAP_FAILED);
     const Vrf::MappedSegment mapped(static_cast<Vrf::Segment*>(memory));
     Vrf::Slot& slot = mapped->slots[0];
-    slot.words[Vrf::LengthWord] = length;
+    Vrf::SlotCopy& copy = slot.copyOf(slot.changes);
+    copy[Vrf::LengthWord] = length;
     Vrf::SlotWords words;
-    std::copy(slot.words.begin(), slot.words.end(), words.begin());
-    slot.words[Vrf::ChecksumWord] = Vrf::checksumOf(words);
+    std::copy(copy.begin(), copy.end(), words.begin());
+    copy[Vrf::ChecksumWord] = Vrf::checksumOf(words);
   }
 
   std::string segment;
