@@ -104,7 +104,18 @@ class VrfIdMap {
 // stopped in the middle of the change or died there. It never waits for the writer. It looks at an entry again only if
 // that entry was changed twice while it looked.
 //
-// Only one thread of the writing process may write at a time. Reading has no such limit.
+// Who may be believed: the segment must belong to root or to the effective user of the process that opens it, and group
+// and others may not have the right to write it. Any other segment is refused, by create() and by open(), before it is
+// mapped. Whoever fills the table must therefore run as root, or as the same user as its readers.
+//
+// Who may write: the process that has the writer's lock. create() takes it. It belongs to the process, ends with it,
+// however it ends, and ends when the process has destroyed the last Status that create() returned for this segment. A
+// process that can only read the segment cannot take the lock. A child made by fork may read what its parent created,
+// but not write: it is another process. So call create() after a daemon has gone into the background. The lock is on
+// an empty file of its own beside the segment, NAME.INODE.lock. The writer keeps a descriptor of that file open: a
+// program that closes descriptors which it did not open gives up the lock.
+//
+// Only one thread of the writing process may create or write at a time. Reading has no such limit.
 //
 // Damage is what no writer leaves behind, wherever it stops: another program wrote into the segment. A damaged entry
 // stays damaged until a writer sets or erases the VRF that it names. If the damage is in an entry's number, only a new
@@ -117,30 +128,39 @@ class VrfIdMap::Status {
   static constexpr std::size_t capacity = 1024;
 
   // Creates the segment, or takes over an existing one, and becomes its writer. The name has the form "/name", as for
-  // shm_open. The entries of an earlier writer are kept, including damaged ones. Throws std::system_error, with
-  // std::errc::file_exists if something exists under the name that is not a VRF status table. A segment of the older
-  // layout, which kept each entry once, is refused in this way and left alone: its writer may be running. Stop that
-  // writer, remove the segment and create it again.
+  // shm_open, and at most 229 bytes after the slash. The entries of an earlier writer are kept, including damaged ones.
+  // A process that is the writer already may create the table again; it then has two objects for the same table.
+  //
+  // Throws std::system_error, with
+  // - std::errc::device_or_resource_busy if another process is the writer,
+  // - std::errc::permission_denied if the segment or its lock file belongs to a user other than root and the effective
+  //   one, or is open to others,
+  // - std::errc::file_exists if something exists under the name that is not a VRF status table. A segment of the older
+  //   layout, which kept each entry once, is refused in this way and left alone: its writer has no lock, and may be
+  //   running. Stop that writer, remove the segment and create it again.
   static Vello::Ptr<Status> create(const char* name);
 
   // Opens an existing segment for reading. The segment's mode is 0644, reduced by the writer's umask. Throws
-  // std::system_error (std::errc::no_such_file_or_directory) when there is no segment or its first writer has not set
-  // it up yet, and Vello::CorruptionDetectedException when it is not a VRF status table of this layout or has another
-  // size.
-  // Warning: nobody may shrink a segment that is open, or SIGBUS stops its readers. Remove it and create a new one
-  // instead.
+  // std::system_error, with std::errc::no_such_file_or_directory when there is no segment or its first writer has not
+  // set it up yet, and with std::errc::permission_denied when the segment belongs to a user other than root and the
+  // effective one, or when group or others may write it. Throws Vello::CorruptionDetectedException when it is not a VRF
+  // status table of this layout or has another size.
+  // Warning: the segment's owner may not shrink it while it is open, or SIGBUS stops its readers. Remove it and create
+  // a new one instead.
   static Vello::Ptr<const Status> open(const char* name);
 
-  // Removes the segment's name. Processes that have the segment open keep it.
+  // Removes the segment's name and its lock file. Processes that have the segment open keep it, and its writer goes on
+  // writing that segment. The next create() makes a new one, with a lock of its own.
   static void remove(const char* name) noexcept;
 
   Status(const Status&) = delete;
   Status& operator=(const Status&) = delete;
 
-  // Adds or replaces one VRF. For the writer only. Throws std::length_error when the table is full.
+  // Adds or replaces one VRF. For the writer only. Throws std::length_error when the table is full, and
+  // std::system_error (std::errc::device_or_resource_busy) in a child that the writer made by fork.
   void set(const VrfEntry& entry);
 
-  // Removes one VRF, if the table holds it. For the writer only.
+  // Removes one VRF, if the table holds it. For the writer only. Throws as set() does in a child made by fork.
   void erase(VrfId id);
 
   // Returns the VRF's entry, or defaultEntry() for a number that the table does not hold. Throws

@@ -1,13 +1,8 @@
 #include "platform/Vrf.h"
 
 #include "base/CancellationHeld.h"
-#include "base/Descriptor.h"
+#include "platform/linux/VrfFile.h"
 #include "platform/linux/VrfSegment.h"
-
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -36,13 +31,8 @@ VrfIdMap::VrfEntry::VrfEntry(VrfId id, std::string_view name) : number(id), name
   name.copy(nameBytes, maxNameLength);
 }
 
-void Unmap::operator()(Segment* segment) const noexcept {
-  (void)munmap(segment, sizeof(Segment));
-}
-
 namespace {
 
-using Base::Descriptor;
 using VrfId = VrfIdMap::VrfId;
 using VrfEntry = VrfIdMap::VrfEntry;
 
@@ -151,37 +141,6 @@ bool isFree(const Slot& slot) noexcept {
   return content.words[StateWord] == slotFree && damageOf(content) == nullptr;
 }
 
-// --- Segments --------------------------------------------------------------------------------------------------------
-
-[[noreturn]] void throwError(int error, const char* name, const char* what) {
-  throw std::system_error(error, std::generic_category(), std::string("VRF status table ") + name + ": " + what);
-}
-
-int openOrThrow(const char* name, int flags) {
-  const Base::StandardNumbersTaken taken;
-  const int descriptor = shm_open(name, flags, 0644);
-  if (descriptor < 0) {
-    throwError(errno, name, "cannot be opened");
-  }
-  return descriptor;
-}
-
-std::uintmax_t sizeOrThrow(const Descriptor& file, const char* name) {
-  struct stat status = {};
-  if (fstat(file.get(), &status) != 0) {
-    throwError(errno, name, "cannot be examined");
-  }
-  return static_cast<std::uintmax_t>(status.st_size);
-}
-
-MappedSegment mapOrThrow(const Descriptor& file, const char* name, int protection) {
-  void* const memory = mmap(nullptr, sizeof(Segment), protection, MAP_SHARED, file.get(), 0);
-  if (memory == MAP_FAILED) {
-    throwError(errno, name, "cannot be mapped");
-  }
-  return MappedSegment(static_cast<Segment*>(memory));
-}
-
 bool isTable(const Segment& segment) noexcept {
   return segment.magic.load(std::memory_order_acquire) == segmentMagic &&
          segment.version.load(std::memory_order_relaxed) == segmentVersion &&
@@ -209,20 +168,7 @@ VrfIdMap::Status::Status(MappedSegment mapped)
 
 Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
   const Base::CancellationHeld held;
-  const Descriptor file(openOrThrow(name, O_RDWR | O_CREAT));
-  const std::uintmax_t size = sizeOrThrow(file, name);
-  if (size != 0 && size != sizeof(Segment)) {
-    throwError(EEXIST, name, "is of another size than a VRF status table");
-  }
-  // The memory is reserved and not only given a size: if no memory were left later, writing would end in SIGBUS.
-  int error = 0;
-  do {
-    error = posix_fallocate(file.get(), 0, sizeof(Segment));
-  } while (error == EINTR);
-  if (error != 0) {
-    throwError(error, name, "cannot be given memory");
-  }
-  MappedSegment mapped = mapOrThrow(file, name, PROT_READ | PROT_WRITE);
+  MappedSegment mapped = mapForWriting(name);
   if (!isSetUp(*mapped)) {
     setUp(*mapped);
   }
@@ -234,15 +180,7 @@ Vello::Ptr<VrfIdMap::Status> VrfIdMap::Status::create(const char* name) {
 
 Vello::Ptr<const VrfIdMap::Status> VrfIdMap::Status::open(const char* name) {
   const Base::CancellationHeld held;
-  const Descriptor file(openOrThrow(name, O_RDONLY));
-  const std::uintmax_t size = sizeOrThrow(file, name);
-  if (size == 0) {
-    throwError(ENOENT, name, "is not set up yet");
-  }
-  if (size != sizeof(Segment)) {
-    throw Vello::CorruptionDetectedException(std::string("VRF status table ") + name + ": of another size");
-  }
-  MappedSegment mapped = mapOrThrow(file, name, PROT_READ);
+  MappedSegment mapped = mapForReading(name);
   if (!isSetUp(*mapped)) {
     throwError(ENOENT, name, "is not set up yet");
   }
@@ -254,10 +192,11 @@ Vello::Ptr<const VrfIdMap::Status> VrfIdMap::Status::open(const char* name) {
 
 void VrfIdMap::Status::remove(const char* name) noexcept {
   const Base::CancellationHeld held;
-  (void)shm_unlink(name);  // a name that does not exist counts as removed
+  removeFiles(name);  // a name that does not exist counts as removed
 }
 
 void VrfIdMap::Status::set(const VrfEntry& entry) {
+  requireWriter(*segment);
   Slot* target = nullptr;
   for (Slot& slot : segment->slots) {
     if (seemsToHold(slot, entry.vrfId())) {
@@ -275,6 +214,7 @@ void VrfIdMap::Status::set(const VrfEntry& entry) {
 }
 
 void VrfIdMap::Status::erase(VrfId id) {
+  requireWriter(*segment);
   for (Slot& slot : segment->slots) {
     if (seemsToHold(slot, id)) {
       writeSlot(slot, freeWords);

@@ -234,6 +234,81 @@ TEST_F(VrfStoppedWriter, KilledAfterEveryStoreLeavesATableForTheNextWriter) {
   }
 }
 
+// A child that does something and is stopped at one of its system calls: at the entry to the first, at the return from
+// it, at the entry to the second, and so on.
+class StoppedAtACall {
+ public:
+  StoppedAtACall(int stop, const std::function<int()>& action) : process(fork()) {
+    if (process == 0) {
+      (void)ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+      (void)raise(SIGSTOP);
+      _exit(action());
+    }
+    EXPECT_EQ(waitpid(process, &status, 0), process);
+    for (int count = 0; count <= stop && !hasEnded(); ++count) {
+      EXPECT_EQ(ptrace(PTRACE_SYSCALL, process, nullptr, nullptr), 0);
+      EXPECT_EQ(waitpid(process, &status, 0), process);
+    }
+  }
+  ~StoppedAtACall() { (void)result(); }
+  StoppedAtACall(const StoppedAtACall&) = delete;
+  StoppedAtACall& operator=(const StoppedAtACall&) = delete;
+
+  bool hasEnded() const { return WIFEXITED(status); }
+
+  // Lets the child go on to its end, and returns what the action returned.
+  int result() {
+    if (!hasEnded()) {
+      EXPECT_EQ(ptrace(PTRACE_CONT, process, nullptr, nullptr), 0);
+      EXPECT_EQ(waitpid(process, &status, 0), process);
+    }
+    return WEXITSTATUS(status);
+  }
+
+ private:
+  pid_t process;
+  int status = -1;
+};
+
+// A table may be removed at any moment of a create(), and created at any moment of a removal. No two processes ever
+// write the same segment.
+TEST_F(VrfStoppedWriter, StoppedInCreateWhileTheTableIsRemovedTakesTheNextTable) {
+  std::set<int> results;
+  bool ended = false;
+  for (int stop = 0; !ended; ++stop) {
+    const VrfWriter old = create();
+    old->set(VrfEntry(VrfId(7), "red"));
+    StoppedAtACall next(stop, [this] { return errorOf([this] { create()->set(VrfEntry(VrfId(7), "next")); }); });
+    ended = next.hasEnded();
+    VrfIdMap::Status::remove(name.c_str());
+    results.insert(next.result());
+    ASSERT_EQ(old->vrfEntry(VrfId(7)).name(), "red") << stop;
+    if (next.result() == 0) {
+      ASSERT_EQ(open()->vrfEntry(VrfId(7)).name(), "next") << stop;
+    }
+    VrfIdMap::Status::remove(name.c_str());
+  }
+  EXPECT_EQ(results, (std::set<int>{0, EBUSY}));
+}
+
+TEST_F(VrfStoppedWriter, IsNotReplacedInTheMiddleOfARemoval) {
+  std::set<int> results;
+  bool ended = false;
+  for (int stop = 0; !ended; ++stop) {
+    const VrfWriter old = create();
+    old->set(VrfEntry(VrfId(7), "red"));
+    const StoppedAtACall remover(stop, [this] {
+      VrfIdMap::Status::remove(name.c_str());
+      return 0;
+    });
+    ended = remover.hasEnded();
+    results.insert(inChild([this] { return errorOf([this] { create()->set(VrfEntry(VrfId(7), "next")); }); }));
+    ASSERT_EQ(old->vrfEntry(VrfId(7)).name(), "red") << stop;
+    VrfIdMap::Status::remove(name.c_str());
+  }
+  EXPECT_EQ(results, (std::set<int>{0, EBUSY}));
+}
+
 #endif
 
 // Setting up a table takes too many steps for one at a time. It is cut off at moments all over it.
