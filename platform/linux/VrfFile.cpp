@@ -84,7 +84,7 @@ Segment* mapOrThrow(const Descriptor& file, const char* name, int protection) {
 // --- The writer's lock -----------------------------------------------------------------------------------------------
 
 // Longer than any name that the kernel takes: a name that is cut off here is refused.
-using LockName = std::array<char, 2 * 256>;
+using LockName = std::array<char, 512>;
 
 LockName lockNameOf(const char* name, ino_t inode) noexcept {
   LockName lock;

@@ -162,7 +162,7 @@ TEST_F(VrfDamage, ByRandomBytesEndsInAValueOrARefusal) {
   const VrfReader reader = open();
   Random random(1);
   for (int round = 0; round < 500; ++round) {
-    for (int count = 0; count < 20; ++count) {
+    for (std::size_t count = 0; count < 20; ++count) {
       scribble(raw->slots[count < 5 ? count : random() % raw->slots.size()], random);
     }
     for (const std::uint32_t id : {0U, 1U, 2U, 3U, 4U, 0xFFFFFFU}) {
@@ -196,7 +196,7 @@ TEST_F(VrfDamage, ByRandomBytesInTheWholeSegmentEndsInARefusal) {
   (void)create();
   const auto raw = segment();
   Random random(3);
-  for (int round = 0; round < 20; ++round) {
+  for (std::uint32_t round = 0; round < 20; ++round) {
     for (Vrf::Slot& slot : raw->slots) {
       scribble(slot, random);
     }
@@ -204,7 +204,7 @@ TEST_F(VrfDamage, ByRandomBytesInTheWholeSegmentEndsInARefusal) {
     EXPECT_THROW((void)open(), Vello::CorruptionDetectedException);
     EXPECT_EQ(errorOf([this] { (void)create(); }), EEXIST);
     raw->magic = Vrf::segmentMagic;
-    EXPECT_NO_THROW(read(*open(), VrfId(round % 4U)));
+    EXPECT_NO_THROW(read(*open(), VrfId(round % 4)));
     try {
       create()->set(VrfEntry(VrfId(5), "a place, or none"));
     } catch (const std::length_error&) {
