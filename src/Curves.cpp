@@ -1,11 +1,13 @@
 #include "Curves.h"
 
 #include "base/MadeOnce.h"
+#include "base/PublicValue.h"
 
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 
@@ -16,8 +18,11 @@ using Base::into;
 using Base::KeyContextPtr;
 using Base::KeyPtr;
 using Base::MadeOnce;
+using Base::triedPublicValue;
 
 namespace {
+
+constexpr std::size_t longestPoint = 2 * 66;  // x | y of group 21
 
 // The parts of a curve that take long to build. Without sharing them, group 19 would spend a quarter of a whole
 // exchange on building the curve by its name and on generating a key by that name.
@@ -43,6 +48,10 @@ KeyPtr newCurveParameters(const Group& group) {
   return parameters;
 }
 
+EVP_PKEY* curveParameters(const Group& group) {
+  return sharedCurve(group).parameters.get([&group] { return newCurveParameters(group); });
+}
+
 }  // namespace
 
 CurvePtr newCurve(const Group& group) {
@@ -52,7 +61,7 @@ CurvePtr newCurve(const Group& group) {
 }
 
 KeyPtr newCurveKey(const Group& group) {
-  EVP_PKEY* const parameters = sharedCurve(group).parameters.get([&group] { return newCurveParameters(group); });
+  EVP_PKEY* const parameters = curveParameters(group);
   if (parameters == nullptr) {
     return nullptr;
   }
@@ -62,6 +71,20 @@ KeyPtr newCurveKey(const Group& group) {
     return nullptr;
   }
   return key;
+}
+
+KeyPtr newPeerKey(const EC_GROUP* curve, const ByteVector& value) {
+  const int name = EC_GROUP_get_curve_name(curve);
+  const auto* group =
+      std::find_if(groups.begin(), groups.end(), [name](const Group& row) { return row.curve == name; });
+  std::array<unsigned char, 1 + longestPoint> encoded;
+  if (group == groups.end() || group->isModp() || value.size() != group->publicBytes) {
+    return nullptr;
+  }
+  encoded[0] = POINT_CONVERSION_UNCOMPRESSED;
+  std::copy(value.begin(), value.end(), encoded.begin() + 1);
+  const EVP_PKEY* const parameters = curveParameters(*group);
+  return parameters == nullptr ? nullptr : triedPublicValue(parameters, encoded.data(), 1 + value.size());
 }
 
 int fieldLength(const EC_GROUP* curve) {

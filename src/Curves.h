@@ -3,6 +3,7 @@
 #pragma once
 
 #include "GroupTable.h"
+#include "Ipsec.h"
 #include "base/OpenSslPtr.h"
 
 namespace Ipsec {
@@ -14,6 +15,11 @@ Base::CurvePtr newCurve(const Group& group);
 // Returns what EVP_PKEY_Q_keygen returns for "EC" and the curve's name. That function builds the curve again each time
 // and takes twice as long for group 19. Null when the key pair cannot be created, and for a MODP group.
 Base::KeyPtr newCurveKey(const Group& group);
+
+// Returns a key object with a peer's public value, x | y. Null when it cannot be created, and for a value that OpenSSL
+// refuses: one of another length, one that is not a point of the curve, and one with a coordinate that is equal to or
+// above the field's prime.
+Base::KeyPtr newPeerKey(const EC_GROUP* curve, const ByteVector& value);
 
 // Returns the length of a field element in bytes, computed from the curve.
 int fieldLength(const EC_GROUP* curve);

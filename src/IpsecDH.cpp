@@ -475,7 +475,10 @@ bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
   if (!verifyDHValue(dhGroup, peer)) {
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "Failed to verify peer's public key");
   }
-  if (!vectorToEcp(ecGroup, peer, peerPoint)) {
+  // OpenSSL takes the bytes as they came, and checks the point. To decode the point here and to encode it again would
+  // cost an inversion in the field. Only what OpenSSL refuses is decoded, for the line that says why.
+  KeyPtr peerKey = newPeerKey(ecGroup, *peer);
+  if (!peerKey && !vectorToEcp(ecGroup, peer, peerPoint)) {
     // Kept (off-curve-keeps-secret): the buffer of an earlier secret has not been changed yet.
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "vectorToEcp failed");
   }
@@ -485,7 +488,9 @@ bool IpsecDHEcp::setPeerPublicKey(const ByteVector* peer) {
   sharedSecret.assign(static_cast<std::size_t>(ecdhSize), 0);
   unsigned char* secret = sharedSecret.data();
   std::size_t secretLen = 0;
-  const KeyPtr peerKey(EVP_PKEY_EC_from_params(ecGroup, peerPoint, nullptr));
+  if (!peerKey) {
+    peerKey.reset(EVP_PKEY_EC_from_params(ecGroup, peerPoint, nullptr));
+  }
   if (!peerKey || EVP_PKEY_get_shared_secret(ecKey, peerKey.get(), &secret, &secretLen) != 0 || secretLen == 0) {
     return trace.failed("IpsecDHEcp::setPeerPublicKey", "ECDH_compute_key failed on shared secret with ecdhSize ",
                         ecdhSize);

@@ -13,6 +13,7 @@
 
 #include "base/MadeOnce.h"
 #include "base/OpenSslPtr.h"
+#include "base/PublicValue.h"
 #include "base/SecretBytes.h"
 #include "platform/CryptoShim.h"
 
@@ -20,7 +21,6 @@
 #include <openssl/core_names.h>
 #include <openssl/dh.h>
 #include <openssl/ec.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/obj_mac.h>
 #include <openssl/objects.h>
@@ -45,6 +45,8 @@ using Base::ParamsPtr;
 using Base::PublicBn;
 using Base::SecretBn;
 using Base::SecretBytes;
+using Base::triedPublicValue;
+using Base::withPublicValue;
 
 // Creates a key object from parameters. The selection says what they hold (EVP_PKEY_KEY_PARAMETERS and so on).
 KeyPtr fromData(const char* type, int selection, OSSL_PARAM* params) {
@@ -52,17 +54,6 @@ KeyPtr fromData(const char* type, int selection, OSSL_PARAM* params) {
   KeyPtr key;
   if (params == nullptr || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
       EVP_PKEY_fromdata(context.get(), into(key), selection, params) != 1) {
-    return nullptr;
-  }
-  return key;
-}
-
-// Creates a key object with the given parameters and public value. Null if it cannot be created or OpenSSL refuses the
-// value. This is three times faster than loading parameters and value together.
-KeyPtr withPublicValue(const EVP_PKEY* parameters, const unsigned char* encoded, std::size_t length) {
-  KeyPtr key(EVP_PKEY_new());
-  if (!key || EVP_PKEY_copy_parameters(key.get(), parameters) != 1 ||
-      EVP_PKEY_set1_encoded_public_key(key.get(), encoded, length) != 1) {
     return nullptr;
   }
   return key;
@@ -221,10 +212,7 @@ KeyPtr peerOfKnownGroup(const KnownGroup& known, const BIGNUM* pub) {
   if (BN_bn2binpad(pub, encoded.data(), length) != length) {
     return nullptr;
   }
-  (void)ERR_set_mark();  // a refusal here is not yet a failure
-  KeyPtr key = withPublicValue(known.parameters->key.get(), encoded.data(), static_cast<std::size_t>(length));
-  (void)ERR_pop_to_mark();
-  return key;
+  return triedPublicValue(known.parameters->key.get(), encoded.data(), static_cast<std::size_t>(length));
 }
 
 // Checks a peer's MODP value (RFC 6989 section 2).

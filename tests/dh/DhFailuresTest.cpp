@@ -3,6 +3,8 @@
 #include "tests/support/CryptoCases.h"
 #include "tests/support/ShimFaults.h"
 
+#include <openssl/err.h>
+
 namespace Ipsec::Testing {
 namespace {
 
@@ -302,6 +304,11 @@ class EcpFailures : public testing::Test {
     ASSERT_EQ(secret(other), agreed);
   }
 
+  // A point of group 19 whose x is 0, and the same with the field's prime for x. OpenSSL does not take that as it is.
+  const ByteVector y = fromHex("66485c780e2f83d72433bd5d84a06bb6541c2af31dae871728bf856a174f93f4");
+  const ByteVector reduced = ByteVector(32, 0) + y;
+  const ByteVector unreduced = fromHex("ffffffff00000001000000000000000000000000ffffffffffffffffffffffff") + y;
+
   IpsecDHEcp dh{ECP_256};
   ByteVector own;
   ByteVector peer;
@@ -418,7 +425,7 @@ TEST_F(EcpFailures, PeerThatCannotBeReadKeepsTheSecret) {
     SCOPED_TRACE(std::string(each.function) + " " + std::to_string(each.nth));
     {
       const Fault fault(each.function, each.nth);
-      EXPECT_FALSE(dh.setPeerPublicKey(&own));
+      EXPECT_FALSE(dh.setPeerPublicKey(&unreduced));
     }
     expectErrors(traces, each.lines);
     EXPECT_EQ(secret(dh), agreed);
@@ -427,10 +434,35 @@ TEST_F(EcpFailures, PeerThatCannotBeReadKeepsTheSecret) {
 
 // Kept: an error of the curve check itself (-1) is no refusal.
 TEST_F(EcpFailures, ErrorOfTheCurveCheckIsNoRefusal) {
+  ASSERT_TRUE(dh.setPeerPublicKey(&reduced));
+  const ByteVector expected = secret(dh);
   const Fault fault("EC_POINT_is_on_curve", 1, -1);
-  EXPECT_TRUE(dh.setPeerPublicKey(&peer));
+  EXPECT_TRUE(dh.setPeerPublicKey(&unreduced));
   expectErrors(traces, {});
-  EXPECT_EQ(secret(dh), agreed);
+  EXPECT_EQ(secret(dh), expected);
+}
+
+TEST_F(EcpFailures, PeerThatOpenSslTakesAsItCameIsNotDecoded) {
+  const CallCount decoded("EC_POINT_set_affine_coordinates");
+  EXPECT_TRUE(dh.setPeerPublicKey(&peer));
+  EXPECT_EQ(decoded.calls(), 0U);
+  EXPECT_TRUE(dh.setPeerPublicKey(&unreduced));
+  EXPECT_EQ(decoded.calls(), 1U);
+}
+
+TEST_F(EcpFailures, PeersKeyThatCannotBeMadeFromItsBytesIsMadeFromThePoint) {
+  ERR_clear_error();
+  for (const char* function : {"EVP_PKEY_new", "EVP_PKEY_copy_parameters", "EVP_PKEY_set1_encoded_public_key"}) {
+    SCOPED_TRACE(function);
+    ASSERT_TRUE(dh.setPeerPublicKey(&own));
+    ASSERT_NE(secret(dh), agreed);
+    const Fault fault(function);
+    EXPECT_TRUE(dh.setPeerPublicKey(&peer));
+    expectErrors(traces, {});
+    EXPECT_EQ(secret(dh), agreed);
+  }
+  EXPECT_TRUE(dh.setPeerPublicKey(&unreduced));
+  EXPECT_EQ(ERR_peek_error(), 0U) << "a refusal that was no failure";
 }
 
 TEST_F(EcpFailures, FailedDerivationLeavesZeros) {
@@ -439,7 +471,7 @@ TEST_F(EcpFailures, FailedDerivationLeavesZeros) {
                            Case{"EVP_PKEY_get_shared_secret", 1, {}, successWithoutLength}}) {
     {
       const Fault fault(each.function, each.nth, each.answer);
-      EXPECT_FALSE(dh.setPeerPublicKey(&peer));
+      EXPECT_FALSE(dh.setPeerPublicKey(&unreduced));
     }
     expectErrors(traces, {"IpsecDHEcp::setPeerPublicKey ECDH_compute_key failed on shared secret with ecdhSize 32"});
     EXPECT_EQ(secret(dh), ByteVector(32, 0));

@@ -313,6 +313,21 @@ int EVP_PKEY_generate(EVP_PKEY_CTX* context, EVP_PKEY** key) {
   return fails("EVP_PKEY_generate", CALLER) ? answerOr(0) : next(context, key);
 }
 
+EVP_PKEY* EVP_PKEY_new() {
+  static auto* const next = REAL(EVP_PKEY_new);
+  return fails("EVP_PKEY_new", CALLER) ? nullptr : next();
+}
+
+int EVP_PKEY_copy_parameters(EVP_PKEY* to, const EVP_PKEY* from) {
+  static auto* const next = REAL(EVP_PKEY_copy_parameters);
+  return fails("EVP_PKEY_copy_parameters", CALLER) ? answerOr(0) : next(to, from);
+}
+
+int EVP_PKEY_set1_encoded_public_key(EVP_PKEY* key, const unsigned char* encoded, size_t length) {
+  static auto* const next = REAL(EVP_PKEY_set1_encoded_public_key);
+  return fails("EVP_PKEY_set1_encoded_public_key", CALLER) ? answerOr(0) : next(key, encoded, length);
+}
+
 int EVP_PKEY_get_octet_string_param(const EVP_PKEY* key, const char* name, unsigned char* bytes, size_t size,
                                     size_t* length) {
   static auto* const next = REAL(EVP_PKEY_get_octet_string_param);
