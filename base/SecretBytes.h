@@ -1,4 +1,5 @@
-// SecretBytes is an array of bytes on the stack that holds a secret. The destructor clears it.
+// SecretBytes is an array of bytes on the stack that holds a secret. The destructor clears it. clearAll() does the same
+// for a vector.
 #pragma once
 
 #include <openssl/crypto.h>
@@ -12,5 +13,13 @@ template <std::size_t size>
 struct SecretBytes : std::array<unsigned char, size> {
   ~SecretBytes() { OPENSSL_cleanse(this->data(), size); }
 };
+
+// Clears all of a vector's memory, also the room behind its last byte, and leaves it empty.
+template <class Vector>
+void clearAll(Vector& secret) noexcept {
+  secret.resize(secret.capacity());  // this needs no memory
+  OPENSSL_cleanse(secret.data(), secret.size());
+  secret.clear();
+}
 
 }  // namespace Base

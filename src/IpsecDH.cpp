@@ -7,12 +7,12 @@
 #include "Tracer.h"
 #include "base/CancellationHeld.h"
 #include "base/OpenSslPtr.h"
+#include "base/SecretBytes.h"
 #include "platform/CryptoShim.h"
 #include "platform/Log.h"
 
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
-#include <openssl/crypto.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
 
@@ -67,11 +67,6 @@ BIGNUM* toNumber(const ByteVector& bytes, BIGNUM* number) {
   return bytes.size() > INT_MAX ? nullptr : BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), number);
 }
 
-void clear(ByteVector& secret) {
-  OPENSSL_cleanse(secret.data(), secret.size());
-  secret.clear();
-}
-
 }  // namespace
 
 // --- Base -----------------------------------------------------------------------------------------------------------
@@ -79,7 +74,7 @@ void clear(ByteVector& secret) {
 IpsecDH::IpsecDH(DhGroupNum group) : dhGroup(group), sharedSecretComputed(false), initialized(false) {}
 
 IpsecDH::~IpsecDH() {
-  clear(sharedSecret);
+  Base::clearAll(sharedSecret);
 }
 
 bool IpsecDH::setDHGroup(DhGroupNum group) {
@@ -199,7 +194,7 @@ bool IpsecDHModp::setMyPrivateKey(const ByteVector* key) {
     return trace.failed("IpsecDHModp::setMyPrivateKey", "Failed to get or assign the private key");
   }
   // Kept (secret-after-new-key): the secret is discarded here. The ECP form keeps it.
-  clear(sharedSecret);
+  Base::clearAll(sharedSecret);
   sharedSecretComputed = false;
   const ModpParameters own = parametersOf(dhKey);
   if (!own.p) {

@@ -5,6 +5,7 @@
 #include "Ipsec.h"
 #include "Tracer.h"
 #include "base/CancellationHeld.h"
+#include "base/SecretBytes.h"
 #include "platform/CryptoShim.h"
 
 #include <openssl/crypto.h>
@@ -155,8 +156,8 @@ PRFuncPlus::PRFuncPlus(PRFunc* keyedPrf, bool withCounter)
     : prf(keyedPrf), counter(0), bufferPos(0), counterEnabled(withCounter), initialized(false) {}
 
 PRFuncPlus::~PRFuncPlus() {
-  OPENSSL_cleanse(seed.data(), seed.size());
-  OPENSSL_cleanse(buffer.data(), buffer.size());
+  Base::clearAll(seed);  // for a child SA with a key exchange of its own, it begins with the secret
+  Base::clearAll(buffer);
 }
 
 // T(1) = prf(K, S [| 1])
@@ -165,6 +166,7 @@ bool PRFuncPlus::initPRFuncPlus(const ByteVector* newSeed) {
   if (initialized) {
     return true;  // Kept (second-stream-init): seed and position stay.
   }
+  Base::clearAll(seed);  // that of a failed attempt
   seed = *newSeed;
   ByteVector number;
   if (counterEnabled) {
