@@ -35,7 +35,8 @@ class CorruptionDetectedException : public std::runtime_error {
   ~CorruptionDetectedException() override;
 };
 
-// The framework's string: a value type that holds bytes. It has no encoding, and NUL is allowed inside.
+// The framework's string: a value type that holds bytes, which it shares with no copy. It has no encoding, and NUL is
+// allowed inside.
 class String {
  public:
   String() = default;

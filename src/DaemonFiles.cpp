@@ -286,9 +286,14 @@ bool SecretLines::keeps(std::string_view line) {
   return false;
 }
 
-std::string newSecret(const stringmap& entry) {
-  const std::string peer = isDefaultSecret(entry) ? "" : checkedAt(entry, "peerIp").str();
-  return peer + " : PSK " + checkedAt(entry, "key").str() + "\n";
+Base::SecretText newSecret(const stringmap& entry) {
+  const std::string_view peer = isDefaultSecret(entry) ? "" : std::string_view(checkedAt(entry, "peerIp"));
+  Base::SecretText line;
+  for (const std::string_view piece :
+       {peer, std::string_view(" : PSK "), std::string_view(checkedAt(entry, "key")), std::string_view("\n")}) {
+    line.insert(line.end(), piece.begin(), piece.end());
+  }
+  return line;
 }
 
 }  // namespace Ipsec

@@ -4,6 +4,7 @@
 
 #include "Ipsec.h"
 #include "LineMatcher.h"
+#include "base/SecretText.h"
 
 #include <algorithm>
 #include <optional>
@@ -83,6 +84,6 @@ class SecretLines {
 };
 
 // Returns the entry that the call writes. Throws std::out_of_range for a required setting that is missing.
-std::string newSecret(const stringmap& entry);
+Base::SecretText newSecret(const stringmap& entry);
 
 }  // namespace Ipsec

@@ -12,6 +12,8 @@
 #include "base/Descriptor.h"
 #include "platform/Process.h"
 
+#include <openssl/crypto.h>
+
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,6 +36,24 @@ constexpr unsigned infoLevel = 1;
 constexpr unsigned commandLevel = 8;
 
 const Tracer<commandLevel> trace("IpsecUtils");
+
+// --- Secrets ---------------------------------------------------------------------------------------------------------
+
+// Clears the values of a map when the scope is left. The framework's string shows its bytes as constants.
+class ValuesCleared {
+ public:
+  explicit ValuesCleared(stringmap& cleared) noexcept : settings(cleared) {}
+  ~ValuesCleared() {
+    for (auto& [name, value] : settings) {
+      OPENSSL_cleanse(const_cast<char*>(value.data()), value.size());
+    }
+  }
+  ValuesCleared(const ValuesCleared&) = delete;
+  ValuesCleared& operator=(const ValuesCleared&) = delete;
+
+ private:
+  stringmap& settings;
+};
 
 // --- Kernel modules --------------------------------------------------------------------------------------------------
 
@@ -120,13 +140,15 @@ void writeConnections(stringmap settings) {
 }
 
 // Takes its map by value, because its callers were compiled to pass it so.
-void writeSecrets(stringmap entry) {  // NOLINT(performance-unnecessary-value-param)
+void writeSecrets(stringmap entry) {
   const Base::CancellationHeld held;
+  const ValuesCleared cleared(entry);
   Replacement file(secretsPath);
   SecretLines lines(entry);
   copyLines(file.oldText(), lines, file);
   if (!deletes(entry)) {  // Kept (missing-setting-late): as above.
-    file.append(newSecret(entry));
+    const Base::SecretText line = newSecret(entry);
+    file.append({line.data(), line.size()});
   }
   if (!file.moveIntoPlace()) {
     (void)trace.failed("writeSecrets", "Error renaming tmp file to ipsec.secrets");
@@ -189,8 +211,8 @@ bool isSswanRunning() {
   if (access(path, F_OK) != 0) {
     return false;
   }
-  const std::string text = readWholeFile(path).text;
-  const std::string line = text.substr(0, text.find('\n'));
+  const FileText file = readWholeFile(path);
+  const std::string line(file.view().substr(0, file.view().find('\n')));
   if (line.empty()) {
     return false;
   }

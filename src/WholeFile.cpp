@@ -55,7 +55,7 @@ FileText readWholeFile(const char* path) {
     return {};
   }
   // The size is only a hint: the file may grow, and some have none.
-  std::string text(static_cast<std::size_t>(status.st_size) + roomAtLeast, '\0');
+  Base::SecretText text(static_cast<std::size_t>(status.st_size) + roomAtLeast);
   std::size_t length = 0;
   ssize_t count;
   while ((count = readSome(file, text.data() + length, text.size() - length)) > 0) {
@@ -66,7 +66,7 @@ FileText readWholeFile(const char* path) {
   }
   text.resize(length);
   if (count < 0) {
-    text.resize(text.rfind('\n') + 1);  // npos + 1 is 0: no whole line.
+    text.resize(std::string_view(text.data(), length).rfind('\n') + 1);  // npos + 1 is 0: no whole line.
   }
   return {std::move(text), false};
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/Descriptor.h"
+#include "base/SecretText.h"
 
 #include <string>
 #include <string_view>
@@ -10,8 +11,10 @@ namespace Ipsec {
 
 // What a file holds, as far as it can be told.
 struct FileText {
-  std::string text;        // its lines; the last one may be without a newline, as in the file
+  Base::SecretText text;   // its lines; the last one may be without a newline, as in the file
   bool exhausted = false;  // the process had no descriptor or memory to open it: that says nothing about the file
+
+  std::string_view view() const noexcept { return {text.data(), text.size()}; }
 };
 
 // Reads a file. If reading fails half-way, the text is the whole lines before that. A file that cannot be opened, and
@@ -29,7 +32,7 @@ class Replacement {
   explicit Replacement(const char* replaced);
 
   // The old file's lines.
-  std::string_view oldText() const noexcept { return old.text; }
+  std::string_view oldText() const noexcept { return old.view(); }
 
   void append(std::string_view text) noexcept;
 
