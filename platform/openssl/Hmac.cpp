@@ -55,8 +55,8 @@ class KeyCopy {
     return difference == 0;
   }
 
+  // The copy must be clear.
   void assign(const unsigned char* key, std::size_t keyLen) {
-    clear();
     if (keyLen > bytes.size()) {
       return;
     }

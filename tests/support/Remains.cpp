@@ -8,10 +8,12 @@
 #include <execinfo.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -257,7 +259,13 @@ void check(int error, const char* what) {
 
 }  // namespace
 
-void watchOpenSsl() {
+void startWatching(char** argv) {
+  constexpr char bindNow[] = "LD_BIND_NOW";
+  if (std::getenv(bindNow) == nullptr) {
+    check(setenv(bindNow, "1", 1) == 0 ? 0 : errno, bindNow);
+    (void)execv("/proc/self/exe", argv);
+    check(errno, "starting once more");
+  }
   if (CRYPTO_set_mem_functions(openSslTake, openSslResize, openSslGive) != 1) {
     std::cerr << "OpenSSL was used before main\n";
     std::abort();
@@ -320,11 +328,16 @@ Remains::Remains(const std::function<void()>& operation) : stackBytes(nullptr) {
   check(pthread_join(thread, nullptr), "the end of the thread");
   check(pthread_attr_destroy(&attributes), "attributes");
   if (job.thrown) {
+    release();
     std::rethrow_exception(job.thrown);
   }
 }
 
 Remains::~Remains() {
+  release();
+}
+
+void Remains::release() {
   (void)munmap(stackBytes, stackSize);
   for (Block* block = blocks; block != nullptr;) {
     Block* const next = block->next;

@@ -1,8 +1,8 @@
 // Remains shows what an operation leaves in memory that nobody owns any more: in blocks of the heap at the moment when
 // they are freed, and on the stack below the operation's caller.
 //
-// A test program with this source replaces operator new and operator delete, and main() must call watchOpenSsl() before
-// anything else. Freed blocks are kept, as they were when they were freed, until the Remains are destroyed.
+// A test program with this source replaces operator new and operator delete, and main() must call startWatching()
+// before anything else. Freed blocks are kept, as they were when they were freed, until the Remains are destroyed.
 #pragma once
 
 #include "Ipsec.h"
@@ -18,8 +18,9 @@
 
 namespace Ipsec::Testing {
 
-// Lets OpenSSL take its memory from here. Ends the process if OpenSSL has been used before.
-void watchOpenSsl();
+// Lets OpenSSL take its memory from here, and starts the program once more if functions are looked up at their first
+// call: for that, the loader saves the registers on the stack, with the secrets that are in them.
+void startWatching(char** argv);
 
 // Needles remembers every eight consecutive bytes of what it is given: as they are, in reverse (a BIGNUM begins with
 // its lowest byte), and with the bytes of each word of four or eight reversed (a digest's state and its input).
@@ -48,6 +49,7 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+// What one operation has left. No other Remains may exist meanwhile.
 class Remains {
  public:
   // Runs the operation in a thread with a stack of its own. Throws what it throws.
@@ -63,6 +65,8 @@ class Remains {
   Findings live(const Needles& needles) const;
 
  private:
+  void release();
+
   unsigned char* stackBytes;
 };
 
