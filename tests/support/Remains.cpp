@@ -280,9 +280,9 @@ void Needles::add(const std::string& name, const ByteVector& bytes) {
   if (!addWindows(name, bytes)) {
     throw std::invalid_argument("nothing can be recognised by " + name);
   }
-  (void)addWindows(name + " (reversed)", ByteVector(bytes.rbegin(), bytes.rend()));
-  (void)addWindows(name + " (words of 4 reversed)", wordsReversed(bytes, 4));
-  (void)addWindows(name + " (words of 8 reversed)", wordsReversed(bytes, 8));
+  (void)addWindows(name, ByteVector(bytes.rbegin(), bytes.rend()));
+  (void)addWindows(name, wordsReversed(bytes, 4));
+  (void)addWindows(name, wordsReversed(bytes, 8));
 }
 
 // Returns whether there was anything to add.
