@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Ipsec {
 
@@ -66,6 +67,18 @@ std::string_view newGlobalSection(const stringmap& settings);
 // Returns the section that the call writes. Throws std::out_of_range for a required setting that is missing.
 std::string newSection(stringmap settings);
 
+// Appends the new file to the copy, which has an append(). Throws what the functions above throw.
+template <class Copy>
+void rewriteConnections(std::string_view oldText, stringmap settings, Copy& copy) {
+  ConnectionLines lines(settings);
+  copy.append(newGlobalSection(settings));
+  copyLines(oldText, lines, copy);
+  // Kept (missing-setting-late): a missing one throws here, after the copy, and the temporary file stays.
+  if (!deletes(settings)) {
+    copy.append(newSection(std::move(settings)));
+  }
+}
+
 // --- The secrets file ------------------------------------------------------------------------------------------------
 
 inline constexpr char secretsPath[] = "/etc/strongswan/ipsec.secrets";
@@ -85,5 +98,16 @@ class SecretLines {
 
 // Returns the entry that the call writes. Throws std::out_of_range for a required setting that is missing.
 Base::SecretText newSecret(const stringmap& entry);
+
+// Appends the new file to the copy, which has an append(). Throws what the functions above throw.
+template <class Copy>
+void rewriteSecrets(std::string_view oldText, const stringmap& entry, Copy& copy) {
+  SecretLines lines(entry);
+  copyLines(oldText, lines, copy);
+  if (!deletes(entry)) {  // Kept (missing-setting-late): as above.
+    const Base::SecretText line = newSecret(entry);
+    copy.append({line.data(), line.size()});
+  }
+}
 
 }  // namespace Ipsec

@@ -6,6 +6,7 @@
 #undef NDEBUG
 #include "DaemonFiles.h"
 #include "Ipsec.h"
+#include "PidFile.h"
 #include "Tracer.h"
 #include "WholeFile.h"
 #include "base/CancellationHeld.h"
@@ -26,6 +27,7 @@
 #include <ctime>
 #include <limits>
 #include <locale>
+#include <optional>
 #include <utility>
 
 namespace Ipsec {
@@ -127,13 +129,7 @@ Vello::String getConnNameFromKey(const ConnectionKey& key) {
 void writeConnections(stringmap settings) {
   const Base::CancellationHeld held;
   Replacement file(connectionsPath);
-  ConnectionLines lines(settings);
-  file.append(newGlobalSection(settings));
-  copyLines(file.oldText(), lines, file);
-  // Kept (missing-setting-late): a missing one throws here, after the copy, and the temporary file stays.
-  if (!deletes(settings)) {
-    file.append(newSection(std::move(settings)));
-  }
+  rewriteConnections(file.oldText(), std::move(settings), file);
   if (!file.moveIntoPlace()) {
     (void)trace.failed("writeConnections", "Error renaming tmp file to ipsec.conf");
   }
@@ -144,12 +140,7 @@ void writeSecrets(stringmap entry) {
   const Base::CancellationHeld held;
   const ValuesCleared cleared(entry);
   Replacement file(secretsPath);
-  SecretLines lines(entry);
-  copyLines(file.oldText(), lines, file);
-  if (!deletes(entry)) {  // Kept (missing-setting-late): as above.
-    const Base::SecretText line = newSecret(entry);
-    file.append({line.data(), line.size()});
-  }
+  rewriteSecrets(file.oldText(), entry, file);
   if (!file.moveIntoPlace()) {
     (void)trace.failed("writeSecrets", "Error renaming tmp file to ipsec.secrets");
   }
@@ -211,15 +202,10 @@ bool isSswanRunning() {
   if (access(path, F_OK) != 0) {
     return false;
   }
-  const FileText file = readWholeFile(path);
-  const std::string line(file.view().substr(0, file.view().find('\n')));
-  if (line.empty()) {
-    return false;
-  }
-  // Kept (pid-like-stoi): letters after the number are ignored. No number, or one beyond an int, throws.
+  const std::optional<int> pid = firstPid(readWholeFile(path).view());
   // Kept (pid-of-groups): a number of 0 or below is passed on too, and kill then addresses process groups.
   // Kept (other-users-daemon): a daemon that the caller may not signal counts as not running.
-  return kill(std::stoi(line), 0) == 0;
+  return pid && kill(*pid, 0) == 0;
 }
 
 // --- Formatting ------------------------------------------------------------------------------------------------------
