@@ -3,6 +3,7 @@
 #include "base/CancellationHeld.h"
 #include "platform/linux/TextSink.h"
 #include "platform/linux/TraceCapture.h"
+#include "platform/linux/TraceLevels.h"
 
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/ringbuffer_sink.h>
@@ -16,10 +17,8 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <utility>
 
 namespace Cor {
@@ -28,8 +27,6 @@ namespace Cor {
 // one object of this class is created at first use and never destroyed.
 class TraceLevels {
  public:
-  using Masks = std::map<std::string, std::uint32_t, std::less<>>;
-
   static TraceLevels& instance() {
     static auto* const levels = new TraceLevels;
     return *levels;
@@ -49,7 +46,7 @@ class TraceLevels {
     std::erase(handles, handle);
   }
 
-  void set(const Masks& changes) {
+  void set(const LevelMasks& changes) {
     const std::lock_guard guard(lock);
     for (const auto& [name, mask] : changes) {
       masks.insert_or_assign(name, mask);
@@ -66,7 +63,7 @@ class TraceLevels {
   TraceLevels();
 
   std::mutex lock;
-  Masks masks;
+  LevelMasks masks;
   std::vector<const TraceHandle*> handles;
 };
 
@@ -83,67 +80,12 @@ bool isControl(char byte) noexcept {
   return value < 0x20 || value == 0x7F;
 }
 
-std::optional<unsigned> readLevel(std::string_view digits) {
-  unsigned level = 0;
-  const char* const end = digits.data() + digits.size();
-  const auto [stop, error] = std::from_chars(digits.data(), end, level);
-  if (error != std::errc() || stop != end || level >= TraceHandle::levels) {
-    return std::nullopt;
-  }
-  return level;
-}
-
-// Reads "NAME=LEVEL" or "NAME=FIRST-LAST" and adds the levels to those that the name has already. Returns false for
-// anything else.
-bool readEntry(std::string_view entry, TraceLevels::Masks& masks) {
-  const std::size_t equals = entry.find('=');
-  if (equals == 0 || equals == std::string_view::npos) {
-    return false;
-  }
-  const std::string_view range = entry.substr(equals + 1);
-  const std::size_t dash = range.find('-');
-  const std::optional<unsigned> first = readLevel(range.substr(0, dash));
-  const std::optional<unsigned> last = dash == std::string_view::npos ? first : readLevel(range.substr(dash + 1));
-  if (!first || !last || *first > *last) {
-    return false;
-  }
-  std::uint32_t& mask = masks[std::string(entry.substr(0, equals))];
-  for (unsigned level = *first; level <= *last; ++level) {
-    mask |= std::uint32_t{1} << level;
-  }
-  return true;
-}
-
-struct Reading {
-  TraceLevels::Masks masks;
-  std::optional<std::string_view> malformed;  // the first entry that is not valid
-};
-
-Reading readLevels(std::string_view text) {
-  Reading reading;
-  while (!text.empty()) {
-    const std::size_t comma = text.find(',');
-    const std::string_view entry = text.substr(0, comma);
-    const bool more = comma != std::string_view::npos;
-    text = more ? text.substr(comma + 1) : std::string_view();
-    if (!readEntry(entry, reading.masks)) {
-      reading.malformed = entry;
-      return reading;
-    }
-    if (more && text.empty()) {
-      reading.malformed = text;  // a comma with nothing after it
-      return reading;
-    }
-  }
-  return reading;
-}
-
-TraceLevels::Masks levelsFromEnvironment() {
+LevelMasks levelsFromEnvironment() {
   const char* const text = std::getenv("TRACE_LEVELS");
   if (text == nullptr) {
     return {};
   }
-  Reading reading = readLevels(text);
+  LevelReading reading = readLevels(text);
   if (!reading.malformed) {
     return std::move(reading.masks);
   }
@@ -324,7 +266,7 @@ void TraceHandle::emit(unsigned level, const TraceSite& site, std::string_view m
 }
 
 bool setTraceLevels(std::string_view text) {
-  const Reading reading = readLevels(text);
+  const LevelReading reading = readLevels(text);
   if (reading.malformed) {
     return false;
   }
