@@ -271,8 +271,10 @@ bool tsWithin(ByteView body, const Subnet& offered) {
     const std::size_t size = type == 7 ? 4 : 16;
     const ByteView from = in.take(size);
     const ByteView to = in.take(size);
-    if (size != lowest.size() || std::lexicographical_compare(from.begin(), from.end(), lowest.begin(), lowest.end()) ||
-        std::lexicographical_compare(highest.begin(), highest.end(), to.begin(), to.end())) {
+    const auto below = [](ByteView left, ByteView right) {
+      return std::lexicographical_compare(left.begin(), left.end(), right.begin(), right.end());
+    };
+    if (size != lowest.size() || below(from, lowest) || below(to, from) || below(highest, to)) {
       return false;
     }
   }
