@@ -56,14 +56,17 @@ never '\bFreeWith\b' 'base/OpenSslPtr.h names every owning pointer:' '*.cpp' '*.
 
 # --- What a line and a file look like ---------------------------------------------------------------------------------
 
-text_without_data=(. ':!LICENSE' ':!packaging/abi/*' ':!tests/files/golden/*' ':!tests/vectors/*'
-  ':!tests/whole/exported_symbols.txt')
+text_without_data=(. ':!LICENSE' ':!packaging/abi/*' ':!tests/files/golden/*' ':!tests/fuzz/corpus/*'
+  ':!tests/vectors/*' ':!tests/whole/exported_symbols.txt')
 never '[[:space:]]+$' 'Blanks at the end of a line:' "${text_without_data[@]}"
 never '^(?!\|).{121}' 'Lines of more than 120 columns:' "${text_without_data[@]}"
 never '^(<<<<<<<|>>>>>>>)' 'Left-over merge marks:' .
 
 long_files=$(git ls-files -z '*.cpp' '*.h' '*.py' '*.sh' dev | xargs -0 wc -l | awk '$1 > 700 && $2 != "total"')
 [ -z "$long_files" ] || breach 'Files of more than 700 lines:' "$long_files"
+
+kept_bytes=$(git ls-files -z tests/fuzz/corpus | xargs -0 cat | wc -c)
+[ "$kept_bytes" -le 1000000 ] || breach 'The kept inputs of the fuzzers are more than 1 MB:' "$kept_bytes bytes"
 
 if [ "$breaches" -ne 0 ]; then
   echo "check-style: $breaches rules broken" >&2

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 namespace {
@@ -51,6 +52,17 @@ void require(bool holds, const char* what) {
   }
 }
 
+// Reads what was written back, which no parser may refuse.
+template <class Parser>
+auto readAgain(Parser parser) {
+  try {
+    return parser();
+  } catch (const std::exception&) {
+    require(false, "what was written back is refused");
+    throw;
+  }
+}
+
 // A choice is one of those offered, and a peer that is offered it alone chooses it.
 void readChoice(ByteView body, Offer offer) {
   const Choice choice = parseSa(body, offer);
@@ -62,7 +74,7 @@ void readChoice(ByteView body, Offer offer) {
   if (!groups.empty()) {
     offer.groups = {choice.group};
   }
-  const Choice again = parseSa(makeSa(offer).body, offer);
+  const Choice again = readAgain([&] { return parseSa(makeSa(offer).body, offer); });
   require(again.spi == choice.spi && again.group == choice.group, "a choice that is offered again is another one");
 }
 
@@ -198,7 +210,8 @@ void readSubnet(ByteView input) {
   const bool ipv4 = subnet.address.size() == 4;
   char text[INET6_ADDRSTRLEN] = {};
   require(inet_ntop(ipv4 ? AF_INET : AF_INET6, subnet.address.data(), text, sizeof text) != nullptr, "no address");
-  const Subnet again = parseSubnet(std::string(text) + "/" + std::to_string(subnet.prefixBits));
+  const std::string written = std::string(text) + "/" + std::to_string(subnet.prefixBits);
+  const Subnet again = readAgain([&] { return parseSubnet(written); });
   require(again.address == subnet.address && again.prefixBits == subnet.prefixBits, "a subnet is read wrongly");
   const ByteVector lowest = subnet.lowest();
   const ByteVector highest = subnet.highest();
