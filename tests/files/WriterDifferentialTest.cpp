@@ -1,10 +1,12 @@
-// Compares the two writers with two other implementations, with random files. A simple one searches each line with
-// std::regex and shows what is removed for any name. tools/reference-writers.py shows whole files.
+// Compares the two writers with two other implementations, with random files. tests/support/PlainWriters.h shows what
+// is removed for any name. tools/reference-writers.py shows whole files.
 //
 // IPSEC_TEST_SEED in the environment changes the seed.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
+#include "tests/support/PlainWriters.h"
 #include "tests/support/PrivateMounts.h"
+#include "tests/support/TextWriters.h"
 
 #include <gtest/gtest.h>
 
@@ -31,66 +33,6 @@ using namespace std::string_view_literals;
 unsigned seed() {
   const char* given = std::getenv("IPSEC_TEST_SEED");
   return given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : 1U;
-}
-
-// --- The plain implementation ----------------------------------------------------------------------------------------
-
-std::regex compiled(const std::string& expression) {
-  return std::regex(expression, std::regex::ECMAScript);
-}
-
-// Returns what remains of the old connections file.
-std::string plainConnections(const std::string& name, const std::string& before, bool dropsGlobal) {
-  const std::regex ownHead = compiled("^conn " + name + "$");
-  const std::regex anyHead = compiled("^conn ");
-  const std::regex globalHead = compiled("config setup");
-  std::istringstream old(before);
-  std::ostringstream kept;
-  bool droppingGlobal = false;
-  bool globalDone = false;
-  bool sectionFound = false;
-  bool sectionDone = false;
-  for (std::string line; std::getline(old, line);) {
-    if (dropsGlobal && !droppingGlobal && std::regex_search(line, globalHead)) {
-      droppingGlobal = true;
-      continue;
-    }
-    if (droppingGlobal && !globalDone) {
-      if (!std::regex_search(line, anyHead)) {
-        continue;
-      }
-      globalDone = true;
-    }
-    if (!sectionFound) {
-      if (std::regex_search(line, ownHead)) {
-        sectionFound = true;
-        continue;
-      }
-    } else if (!sectionDone) {
-      if (!std::regex_search(line, anyHead)) {
-        continue;
-      }
-      sectionDone = true;
-    }
-    kept << line << "\n";
-  }
-  return kept.str();
-}
-
-// Returns what remains of the old secrets file.
-std::string plainSecrets(const std::string& start, const std::string& before) {
-  const std::regex expression = compiled("^" + start);
-  std::istringstream old(before);
-  std::ostringstream kept;
-  bool found = false;
-  for (std::string line; std::getline(old, line);) {
-    if (!found && std::regex_search(line, expression)) {
-      found = true;
-      continue;
-    }
-    kept << line << "\n";
-  }
-  return kept.str();
 }
 
 // --- Random names and files ------------------------------------------------------------------------------------------
@@ -213,14 +155,17 @@ std::string oldFile(Generator& generate, const Kind& kind, const std::string& na
   return text;
 }
 
-// Returns the file after a call, or the error of an expression that the call refuses.
+// Returns what a call does to a file. A call that refuses leaves the file as it was.
 template <class Call>
-std::string outcome(const Call& call) {
+PlainOutcome outcome(const char* file, const std::string& before, const Call& call) {
+  writeFile(file, before);
   try {
-    return "file " + call();
-  } catch (const std::regex_error& refusal) {
-    return "regex_error " + std::to_string(refusal.code());
+    call();
+  } catch (const std::regex_error&) {
+    EXPECT_EQ(readFile(file), before);
+    return {PlainOutcome::End::ExpressionRefused, ""};
   }
+  return {PlainOutcome::End::Done, readFile(file)};
 }
 
 // Counts how often each kind of case occurred in a run, so that the run cannot pass without any.
@@ -229,10 +174,10 @@ struct Tally {
   int changed = 0;
   int unchanged = 0;
 
-  void count(const std::string& result, const std::string& before) {
-    const bool isRefused = result.rfind("regex_error ", 0) == 0;
+  void count(const PlainOutcome& result, const std::string& before) {
+    const bool isRefused = result.end == PlainOutcome::End::ExpressionRefused;
     refused += isRefused ? 1 : 0;
-    const bool same = result == "file " + before || result == "file " + before + "\n";
+    const bool same = result.text == before || result.text == before + "\n";
     unchanged += !isRefused && same ? 1 : 0;
     changed += !isRefused && !same ? 1 : 0;
   }
@@ -254,22 +199,15 @@ TEST(WriterDifferential, ConnectionsAreTakenOutAsByPlainExpressions) {
   for (int number = 0; number < casesEach; ++number) {
     const std::string name = generate.name();
     const std::string before = oldFile(generate, kind, name);
-    const bool dropsGlobal = generate.oneIn(2);
-    const std::string expected = outcome([&] { return plainConnections(name, before, dropsGlobal); });
-    writeFile(connectionsFile, before);
-    const std::string seen = outcome([&] {
-      stringmap settings = {{"config", name}, {"delete", ""}};
-      if (dropsGlobal) {
-        settings["uniqueids"] = "";
-      }
-      writeConnections(settings);
-      return readFile(connectionsFile);
-    });
-    ASSERT_EQ(seen, expected) << "seed " << seed() << ", case " << number << ", name " << testing::PrintToString(name)
-                              << ", before " << testing::PrintToString(before);
-    if (seen.rfind("regex_error", 0) == 0) {
-      ASSERT_EQ(readFile(connectionsFile), before);
+    PlainSettings settings = {{"config", name}, {"delete", ""}};
+    if (generate.oneIn(2)) {
+      settings["uniqueids"] = "";
     }
+    const PlainOutcome expected = plainConnections(settings, before);
+    const PlainOutcome seen = outcome(connectionsFile, before, [&] { writeConnections(libraryMap(settings)); });
+    ASSERT_TRUE(seen == expected) << "seed " << seed() << ", case " << number << ", name "
+                                  << testing::PrintToString(name) << ", before " << testing::PrintToString(before)
+                                  << ", after " << testing::PrintToString(seen.text);
     tally.count(seen, before);
   }
   tally.expectSome(casesEach / 50);
@@ -283,18 +221,12 @@ TEST(WriterDifferential, SecretsAreTakenOutAsByPlainExpressions) {
   for (int number = 0; number < casesEach; ++number) {
     const std::string name = generate.name();
     const std::string before = oldFile(generate, kind, name);
-    const bool isDefault = generate.oneIn(10);
-    const std::string expected = outcome([&] { return plainSecrets(isDefault ? " : PSK" : name + " :", before); });
-    writeFile(secretsFile, before);
-    const std::string seen = outcome([&] {
-      writeSecrets({{"peerIp", name}, {"delete", ""}, {"secret", isDefault ? "%default" : ""}});
-      return readFile(secretsFile);
-    });
-    ASSERT_EQ(seen, expected) << "seed " << seed() << ", case " << number << ", address "
-                              << testing::PrintToString(name) << ", before " << testing::PrintToString(before);
-    if (seen.rfind("regex_error", 0) == 0) {
-      ASSERT_EQ(readFile(secretsFile), before);
-    }
+    const PlainSettings entry = {{"peerIp", name}, {"delete", ""}, {"secret", generate.oneIn(10) ? "%default" : ""}};
+    const PlainOutcome expected = plainSecrets(entry, before);
+    const PlainOutcome seen = outcome(secretsFile, before, [&] { writeSecrets(libraryMap(entry)); });
+    ASSERT_TRUE(seen == expected) << "seed " << seed() << ", case " << number << ", address "
+                                  << testing::PrintToString(name) << ", before " << testing::PrintToString(before)
+                                  << ", after " << testing::PrintToString(seen.text);
     tally.count(seen, before);
   }
   tally.expectSome(casesEach / 50);
