@@ -136,11 +136,14 @@ void TextSink::log(const spdlog::details::log_msg& line) {
     return;
   }
   std::unique_lock held(lock, std::defer_lock);
-  Clock::time_point deadline;
+  const Clock::time_point begun = Clock::now();
+  Clock::time_point deadline = begun + patience;
   if (kind == Kind::File) {
     held.lock();
   } else {
-    deadline = Clock::now() + (dropped == 0 ? patience : std::chrono::milliseconds(0));
+    if (dropped != 0) {
+      deadline = begun;
+    }
     if (!held.try_lock_until(deadline)) {
       ++dropped;
       return;
@@ -153,6 +156,7 @@ void TextSink::log(const spdlog::details::log_msg& line) {
       return;
     }
     dropped -= untold;
+    deadline = begun + patience;  // somebody reads again
   }
   if (!put(line, kind, deadline)) {
     ++dropped;
