@@ -118,6 +118,29 @@ std::size_t writeToFile(std::string_view text) {
 
 }  // namespace
 
+void Turn::lock() {
+  std::unique_lock held(guard);
+  given.wait(held, [this] { return !taken; });
+  taken = true;
+}
+
+bool Turn::try_lock_until(Clock::time_point deadline) {
+  std::unique_lock held(guard);
+  if (!given.wait_until(held, deadline, [this] { return !taken; })) {
+    return false;
+  }
+  taken = true;
+  return true;
+}
+
+void Turn::unlock() {
+  {
+    const std::lock_guard held(guard);
+    taken = false;
+  }
+  given.notify_one();
+}
+
 TextSink::Kind TextSink::kindOfStandardError() noexcept {
   struct stat status = {};
   if (fstat(STDERR_FILENO, &status) != 0) {

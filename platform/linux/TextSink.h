@@ -8,11 +8,28 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string_view>
 
 namespace Cor {
+
+// Turn is held by one thread at a time. It is a mutex that can be waited for until a deadline. The ThreadSanitizer of
+// g++ 12 does not know how std::timed_mutex waits for a steady clock's time.
+class Turn {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  void lock();
+  bool try_lock_until(Clock::time_point deadline);
+  void unlock();
+
+ private:
+  std::mutex guard;
+  std::condition_variable given;
+  bool taken = false;
+};
 
 class TextSink {
  public:
@@ -21,7 +38,7 @@ class TextSink {
   void log(const spdlog::details::log_msg& line);
 
  private:
-  using Clock = std::chrono::steady_clock;
+  using Clock = Turn::Clock;
 
   enum class Kind { Closed, File, Pipe, Socket };  // a terminal is written like a pipe
 
@@ -30,7 +47,7 @@ class TextSink {
   bool put(const spdlog::details::log_msg& line, Kind kind, Clock::time_point deadline);
   bool tellDropped(unsigned long count, Kind kind, Clock::time_point deadline);
 
-  std::timed_mutex lock;  // guards what follows, but for the number
+  Turn lock;  // guards what follows, but for the number
   std::unique_ptr<spdlog::formatter> formatter;
   bool midLine = false;  // the reader was given a part of a long line
   std::atomic<unsigned long> dropped = 0;
