@@ -203,7 +203,7 @@ TEST_P(Reader, GetsLongLinesWhole) {
       while (text.find(line) == std::string::npos) {
         text.erase(0, text.size() - std::min(text.size(), line.size()));  // of a dropped line
         std::this_thread::sleep_for(milliseconds(3));
-        for (pollfd waiting = {ends.reader, POLLIN, 0}; poll(&waiting, 1, 0) > 0;) {
+        for (pollfd waiting = {ends.reader, POLLIN, 0}; poll(&waiting, 1, 1) > 0;) {
           const ssize_t count = read(ends.reader, piece.data(), piece.size());
           text.append(piece.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
         }

@@ -148,7 +148,7 @@ class DevCommand(unittest.TestCase):
     def test_a_terminal_shows_how_far_a_step_is_and_for_how_long(self):
         self.program("cmake", '[ "$1" != --build ] || { echo "[7/9] Building a.o"; sleep 3; }')
         child, terminal = self.start_on_terminal()
-        self.assertRegex(self.read(terminal, "done in"), r"\r\x1b\[K1 s: \[7/9\] Building a\.o")
+        self.assertRegex(self.read(terminal, "done in"), r"\r\x1b\[K\d s: \[7/9\] Building a\.o")
         self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), 0)
         self.assertEqual(os.listdir(self.scratch), [])
 
