@@ -3,8 +3,9 @@
 
 Usage: check-settings.py
 
-What is read stands in src/DaemonFiles.cpp: in the rows of the two section tables, and in the calls that look a setting
-up. A setting of the ordinary section is required, and has a * in the header, unless its row is written only with it.
+What is read stands in the rows of the two section tables (src/SectionRows.h), and in the calls of src/DaemonFiles.cpp
+that look a setting up. A setting of the ordinary section is required, and has a * in the header, unless its row is
+written only with it.
 """
 
 import pathlib
@@ -14,6 +15,7 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 HEADER = "include/Ipsec.h"
 SOURCE = "src/DaemonFiles.cpp"
+ROWS = "src/SectionRows.h"
 
 TABLE = r"constexpr Row {name}\[\] = \{{\n(.*?)^\}};"
 ROW = re.compile(
@@ -28,7 +30,7 @@ def table(source, name, breaches):
     """Returns the settings that a section's table reads, and those of them that it cannot do without."""
     found = re.search(TABLE.format(name=name), source, re.S | re.M)
     if not found:
-        sys.exit(f"{SOURCE} has no table {name}")
+        sys.exit(f"{ROWS} has no table {name}")
     read, required = set(), set()
     for line in (line.strip() for line in found[1].splitlines()):
         row = ROW.fullmatch(line)
@@ -37,7 +39,7 @@ def table(source, name, breaches):
             if row["value"] and row["value"] != row["when"]:
                 required.add(row["value"])
         elif not line.startswith("//"):
-            breaches.append(f"{SOURCE}: this check cannot read the row: {line}")
+            breaches.append(f"{ROWS}: this check cannot read the row: {line}")
     return read, required
 
 
@@ -85,15 +87,15 @@ def compare_required(what, listed, required, breaches):
     breaches += [f"{HEADER}: {what}: {name} is required" for name in sorted(required - listed)]
 
 
-def check_section(comment, source, breaches):
+def check_section(comment, tables, source, breaches):
     """The settings of the two sections. Returns those that the ordinary section requires."""
-    read, required = table(source, "ordinarySection", breaches)
+    read, required = table(tables, "ordinarySection", breaches)
     rows = listing(comment, "* are required:")
     starred = set(re.findall(r"(\w+)\*", " ".join(first + " " + text for first, text in rows)))
     compare("ordinary section", names_in(" ".join(first for first, _ in rows)) | starred, read, breaches)
     compare_required("ordinary section", starred, required, breaches)
 
-    default_read, default_required = table(source, "defaultSection", breaches)
+    default_read, default_required = table(tables, "defaultSection", breaches)
     given = set(re.findall(r'settings\.emplace\("(\w+)"', source))
     sentence = re.search(r"The default section \w+ (.*?), all optional", " ".join(line.strip() for line in comment))
     if not sentence:
@@ -111,10 +113,10 @@ def check_call(what, rows, read, required, breaches):
 
 
 def main():
-    header, source = (ROOT / HEADER).read_text(), (ROOT / SOURCE).read_text()
+    header, source, tables = ((ROOT / name).read_text() for name in (HEADER, SOURCE, ROWS))
     breaches = []
     comment = comment_above(header, "IPSEC_EXPORT void writeConnections(")
-    required = check_section(comment, source, breaches)
+    required = check_section(comment, tables, source, breaches)
 
     in_turn = re.search(NAMES_IN_TURN, source)
     call = looked_up(source, "settings") | (names_in(in_turn[1]) if in_turn else set())
