@@ -13,9 +13,10 @@ namespace {
 constexpr std::size_t longestPlain = 99996;  // Kept (plain-name-length): libstdc++ refuses a longer one.
 
 // Returns whether a character stands for itself in an expression, or is the "." that matches all but a line's end.
-bool isPlain(char character) noexcept {
-  return (character >= '0' && character <= '9') || (character >= 'a' && character <= 'z') ||
-         (character >= 'A' && character <= 'Z') || (character != '\0' && std::strchr(" .:-_%/@", character) != nullptr);
+// Control characters are left to the standard library.
+bool standsForItself(char character) noexcept {
+  const auto code = static_cast<unsigned char>(character);
+  return code >= 0x20 && code != 0x7F && std::strchr("^$\\*+?()[]{}|", character) == nullptr;
 }
 
 bool matchesOne(char expected, char character) noexcept {
@@ -24,13 +25,22 @@ bool matchesOne(char expected, char character) noexcept {
 
 }  // namespace
 
+bool LineMatcher::isPlain(std::string_view text) noexcept {
+  return std::all_of(text.begin(), text.end(), standsForItself);
+}
+
+bool LineMatcher::isTooLong(std::size_t length, Covers extent) noexcept {
+  const std::size_t anchors = extent == Covers::WholeLine ? 2 : 1;
+  return length > longestPlain - anchors;
+}
+
 LineMatcher::LineMatcher(std::string text, Covers extent)
-    : start(std::move(text)), covers(extent), plain(std::all_of(start.begin(), start.end(), isPlain)) {
-  const std::string searched = "^" + start + (covers == Covers::WholeLine ? "$" : "");
+    : start(std::move(text)), covers(extent), plain(isPlain(start)) {
   if (!plain) {
     // Kept (name-is-expression): a text that does not compile throws.
+    const std::string searched = "^" + start + (covers == Covers::WholeLine ? "$" : "");
     expression = Vello::Regex::compile(searched, std::regex_constants::ECMAScript);
-  } else if (searched.size() > longestPlain) {
+  } else if (isTooLong(start.size(), covers)) {
     throw std::regex_error(std::regex_constants::error_space);
   }
 }

@@ -3,6 +3,7 @@
 // fraction of the time of a search.
 #pragma once
 
+#include <cstddef>
 #include <regex>
 #include <string>
 #include <string_view>
@@ -12,6 +13,12 @@ namespace Ipsec {
 class LineMatcher {
  public:
   enum class Covers { Start, WholeLine };
+
+  // Returns whether a text holds nothing of an expression but ".".
+  static bool isPlain(std::string_view text) noexcept;
+
+  // Returns whether a text of this length is refused.
+  static bool isTooLong(std::size_t length, Covers extent) noexcept;
 
   // Throws std::regex_error for a text that is not a valid expression or is too long for one. A text that is compared
   // byte by byte and is too long is refused without compiling it: the standard library's compiler recurses at every

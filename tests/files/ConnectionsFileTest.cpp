@@ -165,12 +165,14 @@ TEST_F(ConnectionsFile, RefusesANameThatIsTooLongForAnExpression) {
 }
 
 TEST_F(ConnectionsFile, NeedsLittleStackForALongName) {
-  onASmallStack([] {
-    const std::string name(99000, 'n');
-    writeFile(connectionsFile, "conn " + name + "\n\tx=1\nconn b\n");
-    writeConnections({{"config", name}, {"delete", ""}});
-  });
-  EXPECT_EQ(readFile(connectionsFile), "conn b\n");
+  for (const char character : std::string("n.,\"#&;<>=!~'`\xFC")) {
+    onASmallStack([character] {
+      const std::string name(99000, character);
+      writeFile(connectionsFile, "conn " + name + "\n\tx=1\nconn b\n");
+      writeConnections({{"config", name}, {"delete", ""}});
+    });
+    EXPECT_EQ(readFile(connectionsFile), "conn b\n") << character;
+  }
   const auto tooLong = [] { writeConnections({{"config", std::string(200000, 'n')}, {"delete", ""}}); };
   EXPECT_THROW(onASmallStack(tooLong), std::regex_error);
   EXPECT_EQ(readFile(connectionsFile), "conn b\n");
