@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Checks that the settings listed in Ipsec.h above the two writers are those that the writers read.
+"""Checks that the settings listed in Ipsec.h above the two writers are those that the writers read, and that the checks
+of a change know the same.
 
 Usage: check-settings.py
 
@@ -16,6 +17,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 HEADER = "include/Ipsec.h"
 SOURCE = "src/DaemonFiles.cpp"
 ROWS = "src/SectionRows.h"
+CHECK = "src/SettingCheck.cpp"
 
 TABLE = r"constexpr Row {name}\[\] = \{{\n(.*?)^\}};"
 ROW = re.compile(
@@ -88,7 +90,7 @@ def compare_required(what, listed, required, breaches):
 
 
 def check_section(comment, tables, source, breaches):
-    """The settings of the two sections. Returns those that the ordinary section requires."""
+    """The settings of the two sections. Returns those that are read, and those that the ordinary section requires."""
     read, required = table(tables, "ordinarySection", breaches)
     rows = listing(comment, "* are required:")
     starred = set(re.findall(r"(\w+)\*", " ".join(first + " " + text for first, text in rows)))
@@ -102,7 +104,7 @@ def check_section(comment, tables, source, breaches):
         sys.exit(f"{HEADER}: no sentence tells what the default section holds")
     compare("default section", names_in(sentence[1]) - {"and"}, default_read, breaches)
     compare_required("default section", set(), default_required - given, breaches)
-    return required
+    return read | default_read, required
 
 
 def check_call(what, rows, read, required, breaches):
@@ -112,11 +114,24 @@ def check_call(what, rows, read, required, breaches):
     compare_required(what, said, required & read, breaches)
 
 
+def checked(source, name):
+    """Returns the settings in a table of the checks."""
+    found = re.search(TABLE.format(name=name).replace("Row", "Setting"), source, re.S | re.M)
+    if not found:
+        sys.exit(f"{CHECK} has no table {name}")
+    return set(re.findall(r'\{"(\w+)",', found[1]))
+
+
+def compare_check(what, known, read, breaches):
+    breaches += [f"{CHECK}: {what}: {name} is known, and nothing reads it" for name in sorted(known - read)]
+    breaches += [f"{CHECK}: {what}: {name} is read, and not known" for name in sorted(read - known)]
+
+
 def main():
     header, source, tables = ((ROOT / name).read_text() for name in (HEADER, SOURCE, ROWS))
     breaches = []
     comment = comment_above(header, "IPSEC_EXPORT void writeConnections(")
-    required = check_section(comment, tables, source, breaches)
+    sections, required = check_section(comment, tables, source, breaches)
 
     in_turn = re.search(NAMES_IN_TURN, source)
     call = looked_up(source, "settings") | (names_in(in_turn[1]) if in_turn else set())
@@ -126,6 +141,10 @@ def main():
     entry_required = set(re.findall(r'checkedAt\(entry, "(\w+)"\)', source))
     comment = comment_above(header, "IPSEC_EXPORT void writeSecrets(")
     check_call("writeSecrets", listing(comment, "end."), entry | {"delete"}, entry_required, breaches)
+
+    check = (ROOT / CHECK).read_text()
+    compare_check("connection", checked(check, "connectionSettings"), sections | call, breaches)
+    compare_check("secret", checked(check, "secretSettings"), entry | {"delete"}, breaches)
 
     for breach in breaches:
         print(breach)

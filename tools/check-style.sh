@@ -30,9 +30,9 @@ never '#include "(?!base/|platform/)' 'A platform includes the seam and the grou
   'platform/*'
 never '#include "(?!base/|platform/CryptoShim\.h")' 'The shim includes its interface and the ground floor alone:' \
   'platform/openssl/*'
-never '#include "(?!Ipsec\.h"|base/|platform/\w+\.h"|\w+\.h")' \
-  'The library includes Ipsec.h, its own headers, the seam and the ground floor:' 'src/*'
-never '#include "(?!platform/\w+\.h")' 'The public header includes the seam alone:' 'include/*'
+never '#include "(?!base/|platform/\w+\.h"|\w+\.h")' \
+  'The library includes the public headers, its own headers, the seam and the ground floor:' 'src/*'
+never '#include "(?!Ipsec\.h"|platform/\w+\.h")' 'A public header includes the seam and Ipsec.h alone:' 'include/*'
 never '#include "(platform/\w+/|(\.\./)*src/)' 'Examples and benchmarks see no platform from inside, and no source:' \
   'examples/*' 'bench/*'
 never 'TraceCapture\.h"' 'Only tests watch the stand-in platform trace:' \

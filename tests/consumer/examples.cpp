@@ -1,5 +1,6 @@
-// Runs the examples in the comments of Ipsec.h. examples.py takes them out of the header.
+// Runs the examples in the comments of the public headers. examples.py takes them out.
 #include "Ipsec.h"
+#include "IpsecDaemon.h"
 
 #include <openssl/rand.h>
 
@@ -14,6 +15,7 @@ namespace {
 
 struct Example {
   const char* name;
+  const char* header;
   bool (*run)();     // must return true
   void (*linked)();  // would change the host: it must be there, and is not called
 };
@@ -54,7 +56,7 @@ int main() {
   int failures = 0;
   for (const Example& example : examples) {
     if (!holds(example)) {
-      (void)std::fprintf(stderr, "examples: the example of %s in Ipsec.h does not hold\n", example.name);
+      (void)std::fprintf(stderr, "examples: the example of %s in %s does not hold\n", example.name, example.header);
       ++failures;
     }
   }

@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Prints every example of a header's comments as a function, and a table of them: examples.py HEADER.
+"""Prints every example in the comments of headers as a function, and a table of them: examples.py HEADER...
 
 An example is the lines that follow "// Example:", four blanks further in. Each becomes the body of a function that is
 named after the class or function declared next. One that returns something must return true. One that returns nothing
 would change the host: it is compiled and linked, but not run. A class without an example is an error.
 """
 
+import os
 import re
 import sys
 
@@ -16,7 +17,8 @@ FUNCTION = re.compile(r"IPSEC_EXPORT [^(]*?(\w+)\(")
 
 
 class Example:
-    def __init__(self, first_line, code):
+    def __init__(self, header, first_line, code):
+        self.header = header
         self.first_line = first_line
         self.code = code
         self.name = ""
@@ -27,15 +29,15 @@ class Example:
     def function(self):
         """The example as a function. The compiler's messages name the header's lines."""
         head = f"{'bool' if self.runs() else 'void'} exampleOf{self.name}() {{"
-        return "\n".join([head, f'#line {self.first_line} "Ipsec.h"', *self.code, "}", ""])
+        return "\n".join([head, f'#line {self.first_line} "{self.header}"', *self.code, "}", ""])
 
     def row(self):
         function = f"exampleOf{self.name}"
         pair = f"{function}, nullptr" if self.runs() else f"nullptr, {function}"
-        return f'    {{"{self.name}", {pair}}},'
+        return f'    {{"{self.name}", "{self.header}", {pair}}},'
 
 
-def read_example(lines, mark):
+def read_example(header, lines, mark):
     code = []
     for line in lines[mark + 1 :]:
         found = CODE.fullmatch(line)
@@ -44,15 +46,15 @@ def read_example(lines, mark):
         code.append(found.group(1))
     if not code:
         sys.exit(f"examples: line {mark + 1} announces an example, and none follows")
-    return Example(mark + 2, code)
+    return Example(header, mark + 2, code)
 
 
-def read_header(lines):
+def read_header(header, lines):
     examples = []
     waiting = None  # the example that has no name yet
     for number, line in enumerate(lines):
         if line == MARK:
-            waiting = read_example(lines, number)
+            waiting = read_example(header, lines, number)
             continue
         declared = CLASS.match(line) or FUNCTION.match(line)
         if declared and waiting:
@@ -67,8 +69,10 @@ def read_header(lines):
 
 
 def main():
-    with open(sys.argv[1], encoding="utf-8") as header:
-        examples = read_header(header.read().splitlines())
+    examples = []
+    for path in sys.argv[1:]:
+        with open(path, encoding="utf-8") as header:
+            examples += read_header(os.path.basename(path), header.read().splitlines())
     for example in examples:
         print(example.function())
     print("const Example examples[] = {")

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs a build into a separate folder and builds a program against what is installed there: run.sh BUILD.
 # C++17 and C++20, g++ and clang++, CMake and pkg-config. Every warning counts, including those in the installed
-# headers. The examples in the comments of Ipsec.h are compiled and run too.
+# headers. The examples in their comments are compiled and run too.
 set -uo pipefail
 cd "$(dirname "$(readlink -f "$0")")" || exit 1
 
@@ -57,10 +57,10 @@ alone() {
   "$1" -std=c++"$2" "${warnings[@]}" -I"$3" -fsyntax-only "$work/alone.cpp" $(pkg-config --cflags-only-I libcrypto)
 }
 
-# header_examples COMPILER STANDARD HEADER
+# header_examples COMPILER STANDARD HEADER...
 header_examples() {
   local flags
-  flags=$(pkg-config --cflags --libs ipsechelpers) && python3 examples.py "$3" >"$work/examples.inc" || return 1
+  flags=$(pkg-config --cflags --libs ipsechelpers) && python3 examples.py "${@:3}" >"$work/examples.inc" || return 1
   # shellcheck disable=SC2086  # the flags are words
   "$1" -std=c++"$2" "${warnings[@]}" -I"$work" examples.cpp -o "$work/examples" $flags &&
     LD_LIBRARY_PATH=$libraries "$work/examples"
@@ -69,8 +69,9 @@ header_examples() {
 # broken_example COMPILER EDIT MESSAGE: with a header that is broken by the edit, the check of the examples must fail
 # with the message, or its success proves nothing.
 broken_example() {
-  sed "$2" "$include/Ipsec.h" >"$work/broken.h"
-  ! header_examples "$1" 17 "$work/broken.h" && grep -q "$3" "$work/log"
+  mkdir -p "$work/broken"
+  sed "$2" "$include/Ipsec.h" >"$work/broken/Ipsec.h"
+  ! header_examples "$1" 17 "$work/broken/Ipsec.h" && grep -q "$3" "$work/log"
 }
 
 # A header that casts in the old style must be refused, or the checks above prove nothing.
@@ -97,7 +98,8 @@ check_compiler() {
       expect "$text: $header alone" alone "$compiler" "$standard" "$include" "$header"
     done
     expect "$text: a warning in a header is an error" warning_is_seen "$compiler" "$standard"
-    expect "$text: the examples of Ipsec.h" header_examples "$compiler" "$standard" "$include/Ipsec.h"
+    expect "$text: the examples of the headers" header_examples "$compiler" "$standard" "$include/Ipsec.h" \
+      "$include/IpsecDaemon.h"
   done
   expect "$compiler: an example that does not compile is an error" broken_example "$compiler" \
     's|^//     NonceGenerator |//     NoSuchGenerator |' 'Ipsec.h:[0-9]*:.*NoSuchGenerator'
@@ -116,9 +118,9 @@ pkg_config_file=$(find "$prefix" -name ipsechelpers.pc)
 libraries=$(dirname "$(dirname "$pkg_config_file")")
 export PKG_CONFIG_PATH=$libraries/pkgconfig
 mapfile -t headers < <(cd "$include" && find . -name '*.h' -printf '%P\n' | sort)
-expect 'the public header and eight of the platform are installed' test "${headers[*]}" = \
-  "Ipsec.h platform/AgentTypes.h platform/CryptoShim.h platform/CryptoTypes.h platform/Framework.h platform/Log.h \
-platform/Process.h platform/Trace.h platform/Vrf.h"
+expect 'the two public headers and eight of the platform are installed' test "${headers[*]}" = \
+  "Ipsec.h IpsecDaemon.h platform/AgentTypes.h platform/CryptoShim.h platform/CryptoTypes.h platform/Framework.h \
+platform/Log.h platform/Process.h platform/Trace.h platform/Vrf.h"
 expect 'the key exchange example on its own' example
 
 skipped=0
