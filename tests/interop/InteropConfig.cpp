@@ -5,10 +5,14 @@
 //   secret KEY=VALUE ...                      writeSecrets              -> ok
 //   name FIRST SECOND local|remote NUMBER     getConnNameFromKey        -> ok NAME
 //   running                                   isSswanRunning            -> ok true|false
+//   check-connection KEY=VALUE ...            checkConnection           -> ok true, or ok false SETTING ...
+//   check-secret KEY=VALUE ...                checkSecret               -> ok true, or ok false SETTING ...
 //
+// In KEY and VALUE, "\\xHH" is the byte with this hexadecimal number.
 // The answer to a command that fails is "error TEXT".
 
 #include "Ipsec.h"
+#include "IpsecDaemon.h"
 
 #include <sys/stat.h>
 
@@ -32,6 +36,19 @@ std::vector<std::string> split(const std::string& line) {
   }
 }
 
+std::string unescaped(const std::string& text) {
+  std::string bytes;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text.compare(at, 2, "\\x") == 0) {
+      bytes += static_cast<char>(std::stoi(text.substr(at + 2, 2), nullptr, 16));
+      at += 3;
+    } else {
+      bytes += text[at];
+    }
+  }
+  return bytes;
+}
+
 Ipsec::stringmap settingsOf(const std::vector<std::string>& fields) {
   Ipsec::stringmap settings;
   for (std::size_t index = 1; index < fields.size(); ++index) {
@@ -39,7 +56,7 @@ Ipsec::stringmap settingsOf(const std::vector<std::string>& fields) {
     if (equals == std::string::npos) {
       throw std::invalid_argument("a setting without =: " + fields[index]);
     }
-    settings[fields[index].substr(0, equals)] = Vello::String(fields[index].substr(equals + 1));
+    settings[unescaped(fields[index].substr(0, equals))] = unescaped(fields[index].substr(equals + 1));
   }
   return settings;
 }
@@ -59,6 +76,20 @@ void writeSecret(const std::vector<std::string>& fields) {
   (void)umask(before);
 }
 
+using Check = bool (*)(const Ipsec::stringmap& settings, std::vector<Ipsec::SettingProblem>* problems);
+
+std::string verdict(Check check, const std::vector<std::string>& fields) {
+  std::vector<Ipsec::SettingProblem> problems;
+  if (check(settingsOf(fields), &problems)) {
+    return "ok true";
+  }
+  std::string answer = "ok false";
+  for (const Ipsec::SettingProblem& problem : problems) {
+    answer += " " + problem.setting.str();
+  }
+  return answer;
+}
+
 std::string obey(const std::string& line) {
   const std::vector<std::string> fields = split(line);
   if (fields[0] == "connection") {
@@ -74,6 +105,12 @@ std::string obey(const std::string& line) {
   }
   if (fields[0] == "running") {
     return Ipsec::isSswanRunning() ? "ok true" : "ok false";
+  }
+  if (fields[0] == "check-connection") {
+    return verdict(Ipsec::checkConnection, fields);
+  }
+  if (fields[0] == "check-secret") {
+    return verdict(Ipsec::checkSecret, fields);
   }
   throw std::invalid_argument("unknown command " + fields[0]);
 }

@@ -44,8 +44,7 @@ charon {
       path = /etc/strongswan/charon.log
       flush_line = yes
       default = 1
-      ike = 4
-      chd = 4
+      LEVELS
     }
   }
 }
@@ -128,10 +127,12 @@ def wait_until(condition, what, seconds=10.0):
 
 
 class Sandbox:
-    """The private place. scratch is an empty folder; it is covered by a file system in memory."""
+    """The private place. scratch is an empty folder; it is covered by a file system in memory. levels say how much the
+    daemon logs of what."""
 
-    def __init__(self, scratch):
+    def __init__(self, scratch, levels=("ike = 4", "chd = 4")):
         self.scratch = pathlib.Path(scratch)
+        self.levels = levels
         self.holder = None
         self.starter = None
         self.output = None
@@ -165,7 +166,8 @@ class Sandbox:
 
     def write_daemon_files(self):
         loaded = [name for name, _ in PLUGINS if plugin_file(name).exists()]
-        (CONF_DIR / "strongswan.conf").write_text(STRONGSWAN_CONF.replace("PLUGINS", " ".join(loaded)))
+        text = STRONGSWAN_CONF.replace("PLUGINS", " ".join(loaded)).replace("LEVELS", "\n      ".join(self.levels))
+        (CONF_DIR / "strongswan.conf").write_text(text)
         (CONF_DIR / "ipsec.conf").write_text("")
         (CONF_DIR / "ipsec.secrets").write_text("")
 
