@@ -398,8 +398,12 @@ Finding judgeDuration(const ReadValue& value) noexcept {
   return judgeNumber(text, readNumber(text, 10), most);
 }
 
-Finding judgeSeconds(std::string_view written) noexcept {
+Finding judgeSecondsOfIke(std::string_view written) noexcept {
   return judgeNumber(written, readNumber(written, 10), most32);
+}
+
+Finding judgeSecondsOfTunnel(std::string_view written) noexcept {
+  return judgeNumber(written, readNumber(written, 10), most64);
 }
 
 bool isMarginTooLarge(std::string_view margin, std::string_view limit) noexcept {
@@ -426,7 +430,7 @@ bool hasIdentityType(std::string_view text) noexcept {
 
 bool isSelector(std::string_view text) noexcept {
   if (text.front() == '#') {
-    return false;  // a comment
+    return false;  // a comment, over which the daemon may even crash
   }
   const bool other = (has(text, '@') && !has(text, ',')) || hasIdentityType(text);
   return other || (isHost(text) && !has(text, ','));

@@ -31,8 +31,10 @@ Finding judgeReplayWindow(const ReadValue& value) noexcept;  // 32 bits, or -1
 Finding judgeLimit(const ReadValue& value) noexcept;         // 64 bits
 Finding judgeDuration(const ReadValue& value) noexcept;      // with or without a unit
 
-// Judges a number of seconds to which the writer adds the unit.
-Finding judgeSeconds(std::string_view written) noexcept;
+// Judges a number of seconds to which the writer adds the unit. The daemon keeps 32 bits of an IKE SA's life, and 64 of
+// a tunnel's.
+Finding judgeSecondsOfIke(std::string_view written) noexcept;
+Finding judgeSecondsOfTunnel(std::string_view written) noexcept;
 
 // Whether a limit is a number, is not zero, and the margin is a number that is not below it.
 bool isMarginTooLarge(std::string_view margin, std::string_view limit) noexcept;

@@ -270,7 +270,7 @@ Finding judgeLine(const Row& row, std::string_view written, const Connection& gi
   const std::string_view setting = row.value.setting;
   switch (row.value.form) {
     case Value::Form::Seconds:
-      return judgeSeconds(written);
+      return setting == "lifetime" ? judgeSecondsOfTunnel(written) : judgeSecondsOfIke(written);
     case Value::Form::AuthType:
       return judgeAuthType(written);
     case Value::Form::Verbatim:
@@ -297,19 +297,28 @@ Finding judgeOverwritten(const ReadValue&) noexcept {
   return {};
 }
 
+// How many bytes of values the daemon's starter can pass on. A longer section is left out, and one that is only a
+// little longer stops the starter.
+constexpr std::size_t longestSection = 64480;
+
 template <std::size_t rowCount>
 void judgeRows(const Row (&rows)[rowCount], const Connection& given, bool withDefaults, Findings& findings) {
+  std::size_t size = 0;
   for (const Row& row : rows) {
     if (row.value.setting == nullptr || !holds(row.when, given)) {
       continue;
     }
     const Vello::String* const value = given.find(row.value.setting);
     if (value != nullptr) {
+      size += value->size();
       findings.add(row.value.setting, isOverwritten(row, given) ? judgeWritten(*value, judgeOverwritten, false)
                                                                 : judgeLine(row, *value, given));
     } else if (!withDefaults) {
       findings.add(row.value.setting, missing);
     }
+  }
+  if (size > longestSection) {
+    findings.add("", {"The values are too long together: the daemon would leave the section out or hang."});
   }
 }
 

@@ -125,7 +125,7 @@ const std::vector<Values> valuesOfSettings = {
     {"ikeVersion", {"ike", "ikev1", "ikev2", ""}, {"2", "IKEv2", "ikev2\t"}},
     {"authby", {"pre-share", "pki"}, {"psk", "", "rsa-sig", "Pre-share"}},
     {"ikelifetime", {"0", "28800", "4294967295"}, {"", "1h", "28800s", "-1", "4294967296", "1 ", "\"1\""}},
-    {"lifetime", {"3600"}, {"1.5", "18446744073709551617"}},
+    {"lifetime", {"3600", "4294967296"}, {"1.5", "18446744073709551617"}},
     {"reqid", {"0", "4294967295", "\"7\"", "+7"}, {"", "4294967296", "-1", "7x", "0x7", "7 8", "18446744073709551617"}},
     {"left", {"host.example.org", "%any", "10.0.0.0/24", "fd50::1"}, {"", "10.0.0.256", "10.0.0.1#", "10.0.0.1 x"}},
     {"right", {"10.0.0.1-10.0.0.9", "10.0.0.1,fd50::/64", "%host"}, {"10.0.0.9-10.0.0.1", "10.0.0.0/33", "%", ","}},
@@ -212,11 +212,22 @@ TEST(CheckConnection, LooksOnlyAtTheNameOfWhatIsRemoved) {
   EXPECT_EQ(inConnection({{"delete", ""}}), "config");
 }
 
-TEST(CheckConnection, TakesNamesAsLongAsTheWriterDoes) {
+TEST(CheckConnection, RemovesNamesAsLongAsTheWriterDoes) {
   const std::string longest(99989, 'a');
-  EXPECT_EQ(inConnection(with(ordinary(), {{"config", longest}})), "");
-  EXPECT_EQ(inConnection(with(ordinary(), {{"config", longest + "a"}})), "config");
+  EXPECT_EQ(inConnection({{"config", longest}, {"delete", ""}}), "");
   EXPECT_EQ(inConnection({{"config", longest + "a"}, {"delete", ""}}), "config");
+  EXPECT_EQ(inSecret({{"peerIp", longest + "aaaa"}, {"delete", ""}}), "");
+  EXPECT_EQ(inSecret({{"peerIp", longest + "aaaaa"}, {"delete", ""}}), "peerIp");
+}
+
+TEST(CheckConnection, AddsUpWhatTheDaemonMustPassOn) {
+  const std::string half(32000, 'a');
+  Problems problems;
+  EXPECT_EQ(inConnection(with(ordinary(), {{"localid", half}, {"remoteid", half}})), "");
+  EXPECT_FALSE(checkConnection(with(ordinary(), {{"localid", half}, {"remoteid", half + half}}), &problems));
+  ASSERT_EQ(problems.size(), 1U);
+  EXPECT_EQ(problems[0].setting, "");
+  EXPECT_EQ(inConnection(with(ordinary(), {{"interval", half + half + half}})), "");
 }
 
 TEST(CheckSecret, NamesTheSettingOfABadValue) {

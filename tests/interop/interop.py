@@ -17,6 +17,7 @@ import time
 
 import charonlog
 import life
+import limits
 import matrix
 import sandbox
 
@@ -43,6 +44,10 @@ class Library:
 
     def connection(self, **settings):
         self.ask("connection", *(f"{key}={value}" for key, value in settings.items()))
+
+    def passes(self, **settings):
+        """Says whether the check finds nothing wrong with a connection."""
+        return self.ask("check-connection", *(f"{key}={value}" for key, value in settings.items())) == "true"
 
     def secret(self, **settings):
         self.ask("secret", *(f"{key}={value}" for key, value in settings.items()))
@@ -75,21 +80,25 @@ class Bench:
             log.seek(offset)
             return log.read()
 
-    def configure(self, address, number, suite, psk, **more):
-        """Writes a connection and its secret through the library; returns the connection's name."""
+    def configure(self, address, number, suite, psk, expected=True, **more):
+        """Writes a connection and its secret through the library; returns the connection's name. The check must find
+        nothing wrong with it, or something if that is expected."""
         local = sandbox.DAEMON6 if ":" in address else sandbox.DAEMON
         name = self.library.name(local, address, number)
-        self.library.connection(
-            config=name,
-            ikeVersion=f"ikev{suite.version}",
-            authby="pre-share",
-            reqid=str(number),
-            left=local,
-            right=address,
-            ike=suite.ike(),
-            esp=suite.esp(),
+        settings = {
+            "config": name,
+            "ikeVersion": f"ikev{suite.version}",
+            "authby": "pre-share",
+            "reqid": str(number),
+            "left": local,
+            "right": address,
+            "ike": suite.ike(),
+            "esp": suite.esp(),
             **more,
-        )
+        }
+        if self.library.passes(**settings) != expected:
+            raise RuntimeError(f"the check of {name} does not say {expected}")
+        self.library.connection(**settings)
         self.library.secret(peerIp=address, key=f'"{psk}"')
         return name
 
@@ -194,6 +203,8 @@ def run_matrix(bench, options):
     run_rows(bench, rows, options.most_failures)
     if options.only in life.SECTION:
         life.run(bench)
+    if options.only in limits.SECTION:
+        limits.run(bench)
     bench.place.stop_daemon()
     life.check_stopped(bench, "after the daemon's end")
 

@@ -114,6 +114,7 @@ def time_rows():
         rows += facts(setting, TAKEN, {"28800": 28800, "0": 0, "86400": 86400, "010": 10, "+5": 5, str(MOST32): MOST32})
         rows += facts(setting, MISREAD, {"": 0, "-5": MOST64 - 4, "18446744073709551617": MOST64})
         rows += rows_of(setting, REFUSED, ("1h", "28800s", "0x10", "1.5", "3600 ", '"3600"', "60m", "abc"))
+    rows += facts("lifetime", TAKEN, {str(MOST32 + 8): MOST32 + 8, str(MOST64): MOST64})
     delay = {"30": 30, "30s": 30, "2m": 120, "1h": 3600, "1d": 86400, "0": 0, "+30": 30, '"30"': 30, "030": 30}
     dpd = {"action": "clear", "timeout": "150"}
     rows += facts("interval", TAKEN, {**delay, str(MOST32): MOST32}, **dpd)
@@ -196,7 +197,7 @@ def host_rows():
     rows += [Row("right", value.strip(), MISREAD, False) for value in unknown.split("|")]
     rows += [Row("right", value.strip(), MISREAD, True) for value in ignored.split("|")]
     rows += [Row("right", f"{AGENT}#x", MISREAD, AGENT), Row("right", f"{AGENT} #x", MISREAD, AGENT)]
-    rows += [Row("right", "", MISREAD, "%any")]
+    rows += [Row("right", "", MISREAD, "%any"), Row("right", "10.51.0.1-fd51::20", MISREAD, False)]
     near = (
         "10.50.0.1|%any|%any4|%defaultroute|10.50.0.1-10.50.0.9|10.50.0.0/24|fd50::1|fd50::/64|fd50::1-fd50::20|%any6"
     )

@@ -468,6 +468,22 @@ def prove_secrets(proof):
     proof.place.stop_daemon()
 
 
+# --- Length -----------------------------------------------------------------------------------------------------------
+
+
+def prove_length(proof):
+    for length, verdict in ((64000, TAKEN), (66000, DROPPED)):
+        settings = base("long", localid="a" * length)
+        proof.clear()
+        proof.write(settings)
+        proof.write(base("last"))
+        proof.start("last")
+        loaded = "added configuration 'long'" in proof.log()
+        trouble = None if loaded == (verdict == TAKEN) else f"the section is{'' if loaded else ' not'} loaded"
+        proof.judge(f"an identity of {length} bytes", verdict, proof.passes("check-connection", settings), trouble)
+        proof.place.stop_daemon()
+
+
 # --- The run ----------------------------------------------------------------------------------------------------------
 
 
@@ -496,6 +512,7 @@ def inside(options):
             prove_missing,
             prove_matrix,
             prove_secrets,
+            prove_length,
         ):
             began = time.monotonic()
             prove(proof)
