@@ -79,10 +79,6 @@ std::string sectionText(const Row (&rows)[rowCount], const stringmap& settings) 
 
 // --- Lines -----------------------------------------------------------------------------------------------------------
 
-bool isSectionHead(std::string_view line) {
-  return line.substr(0, 5) == "conn ";
-}
-
 // Returns the name of the section that is removed.
 // Kept (default-names-another): for a default other than "%default", config still names the section that is written.
 std::string replacedSection(const stringmap& settings) {
@@ -95,20 +91,6 @@ std::string replacedSection(const stringmap& settings) {
   return {};  // Kept (empty-name): it is a name. The head is then "conn " alone.
 }
 
-// Returns what finds the line that is removed, or nothing when the entry names no line.
-std::optional<LineMatcher> replacedSecret(const stringmap& entry) {
-  if (isDefaultSecret(entry)) {
-    // Kept (default-entry-blank): an entry without the leading blank is a different line.
-    return LineMatcher(" : PSK", LineMatcher::Covers::Start);
-  }
-  const auto peer = entry.find("peerIp");
-  if (peer == entry.end()) {
-    return std::nullopt;
-  }
-  // Kept (address-unescaped): the address is put into the expression as it is.
-  return LineMatcher(peer->second.str() + " :", LineMatcher::Covers::Start);
-}
-
 }  // namespace
 
 // Kept (presence-counts): the value does not count. "no" means yes.
@@ -118,15 +100,22 @@ bool deletes(const stringmap& settings) {
 
 // --- The connections file --------------------------------------------------------------------------------------------
 
+std::string replacedHead(const stringmap& settings) {
+  return std::string(sectionHead) + replacedSection(settings);
+}
+
+bool replacesGlobalSection(const stringmap& settings) {
+  return has(settings, "uniqueids");
+}
+
 // Kept (name-unescaped): the name is put into the expression as it is, and the first head that matches is removed.
-ConnectionLines::ConnectionLines(const stringmap& settings)
-    : ownHead("conn " + replacedSection(settings), LineMatcher::Covers::WholeLine),
-      global(has(settings, "uniqueids") ? Part::Ahead : Part::Behind) {}
+ConnectionLines::ConnectionLines(std::string head, bool replacesGlobal)
+    : ownHead(std::move(head), LineMatcher::Covers::WholeLine), global(replacesGlobal ? Part::Ahead : Part::Behind) {}
 
 bool ConnectionLines::keeps(std::string_view line) {
   // Kept (config-setup-anywhere): the words start the global section wherever they are in a line, even in a comment.
   // Kept (first-global-only): a second global section stays.
-  if (global == Part::Ahead && line.find("config setup") != std::string_view::npos) {
+  if (global == Part::Ahead && line.find(globalSection) != std::string_view::npos) {
     global = Part::Within;
     return false;
   }
@@ -160,10 +149,11 @@ std::string_view newGlobalSection(const stringmap& settings) {
   return hasValue(settings, "uniqueids", "add") ? "config setup\n\tuniqueids=no\n" : "";
 }
 
-std::string newSection(stringmap settings) {
-  if (!isDefaultSection(settings)) {
-    return sectionText(ordinarySection, settings);
+std::string newSection(const stringmap& given) {
+  if (!isDefaultSection(given)) {
+    return sectionText(ordinarySection, given);
   }
+  stringmap settings = given;
   // emplace keeps a setting that is present already.
   settings.emplace("authby", Ike::stringValue(Ike::IpsecAuthType::PreSharedKey));
   settings.emplace("ikelifetime", Cor::_fmt("%u", 28800U));
@@ -175,7 +165,22 @@ std::string newSection(stringmap settings) {
 
 // --- The secrets file ------------------------------------------------------------------------------------------------
 
-SecretLines::SecretLines(const stringmap& entry) : replaced(replacedSecret(entry)) {}
+std::optional<std::string> replacedStart(const stringmap& entry) {
+  if (isDefaultSecret(entry)) {
+    return " : PSK";  // Kept (default-entry-blank): an entry without the leading blank is a different line.
+  }
+  const auto peer = entry.find("peerIp");
+  if (peer == entry.end()) {
+    return std::nullopt;
+  }
+  return peer->second.str() + " :";  // Kept (address-unescaped): the address is put into the expression as it is.
+}
+
+SecretLines::SecretLines(std::optional<std::string> start) {
+  if (start) {
+    replaced.emplace(std::move(*start), LineMatcher::Covers::Start);
+  }
+}
 
 bool SecretLines::keeps(std::string_view line) {
   if (!replaced || !replaced->matches(line)) {

@@ -10,7 +10,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace Ipsec {
 
@@ -41,12 +40,29 @@ bool deletes(const stringmap& settings);
 // --- The connections file --------------------------------------------------------------------------------------------
 
 inline constexpr char connectionsPath[] = "/etc/strongswan/ipsec.conf";
+inline constexpr std::string_view sectionHead = "conn ";
+inline constexpr std::string_view globalSection = "config setup";  // wherever it is in a line
 
-// ConnectionLines is the rule that decides which old lines stay when one section is replaced. The constructor throws
+// Returns whether a line is a section's head, the line that the section begins with.
+inline bool isSectionHead(std::string_view line) {
+  return line.substr(0, sectionHead.size()) == sectionHead;
+}
+
+// Returns the head of the section that a call removes, an expression (see LineMatcher).
+std::string replacedHead(const stringmap& settings);
+
+// Returns whether a call removes the file's global section.
+bool replacesGlobalSection(const stringmap& settings);
+
+// ConnectionLines is the rule that decides which old lines stay when one section is replaced. The constructors throw
 // std::regex_error for a section name that is not a valid expression.
 class ConnectionLines {
  public:
-  explicit ConnectionLines(const stringmap& settings);
+  explicit ConnectionLines(const stringmap& settings)
+      : ConnectionLines(replacedHead(settings), replacesGlobalSection(settings)) {}
+
+  // The head of the section that is removed is an expression.
+  ConnectionLines(std::string head, bool replacesGlobal);
 
   // Takes the lines in their order.
   bool keeps(std::string_view line);
@@ -65,17 +81,17 @@ class ConnectionLines {
 std::string_view newGlobalSection(const stringmap& settings);
 
 // Returns the section that the call writes. Throws std::out_of_range for a required setting that is missing.
-std::string newSection(stringmap settings);
+std::string newSection(const stringmap& given);
 
 // Appends the new file to the copy, which has an append(). Throws what the functions above throw.
 template <class Copy>
-void rewriteConnections(std::string_view oldText, stringmap settings, Copy& copy) {
+void rewriteConnections(std::string_view oldText, const stringmap& settings, Copy& copy) {
   ConnectionLines lines(settings);
   copy.append(newGlobalSection(settings));
   copyLines(oldText, lines, copy);
   // Kept (missing-setting-late): a missing one throws here, after the copy, and the temporary file stays.
   if (!deletes(settings)) {
-    copy.append(newSection(std::move(settings)));
+    copy.append(newSection(settings));
   }
 }
 
@@ -83,11 +99,17 @@ void rewriteConnections(std::string_view oldText, stringmap settings, Copy& copy
 
 inline constexpr char secretsPath[] = "/etc/strongswan/ipsec.secrets";
 
-// SecretLines is the rule that decides which old lines stay when one entry is replaced. The constructor throws
+// Returns the start of the line that a call removes, an expression (see LineMatcher), or nothing if it names no line.
+std::optional<std::string> replacedStart(const stringmap& entry);
+
+// SecretLines is the rule that decides which old lines stay when one entry is replaced. The constructors throw
 // std::regex_error for an address that is not a valid expression.
 class SecretLines {
  public:
-  explicit SecretLines(const stringmap& entry);
+  explicit SecretLines(const stringmap& entry) : SecretLines(replacedStart(entry)) {}
+
+  // The start of the line that is removed, if there is one, is an expression.
+  explicit SecretLines(std::optional<std::string> start);
 
   // Takes the lines in their order.
   bool keeps(std::string_view line);

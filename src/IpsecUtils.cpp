@@ -126,10 +126,10 @@ Vello::String getConnNameFromKey(const ConnectionKey& key) {
 
 // --- The IKE daemon's files ------------------------------------------------------------------------------------------
 
-void writeConnections(stringmap settings) {
+void writeConnections(stringmap settings) {  // NOLINT(performance-unnecessary-value-param)
   const Base::CancellationHeld held;
   Replacement file(connectionsPath);
-  rewriteConnections(file.oldText(), std::move(settings), file);
+  rewriteConnections(file.oldText(), settings, file);
   if (!file.moveIntoPlace()) {
     (void)trace.failed("writeConnections", "Error renaming tmp file to ipsec.conf");
   }

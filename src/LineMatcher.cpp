@@ -19,10 +19,6 @@ bool standsForItself(char character) noexcept {
   return code >= 0x20 && code != 0x7F && std::strchr("^$\\*+?()[]{}|", character) == nullptr;
 }
 
-bool matchesOne(char expected, char character) noexcept {
-  return expected == character || (expected == '.' && character != '\r' && character != '\n');
-}
-
 }  // namespace
 
 bool LineMatcher::isPlain(std::string_view text) noexcept {

@@ -10,6 +10,11 @@
 
 namespace Ipsec {
 
+// Returns whether a character of a plain start, in which "." stands for all but a line's end, matches one of a line.
+inline bool matchesOne(char expected, char character) noexcept {
+  return expected == character || (expected == '.' && character != '\r' && character != '\n');
+}
+
 class LineMatcher {
  public:
   enum class Covers { Start, WholeLine };

@@ -1,4 +1,6 @@
 // What is wrong with the settings of a change, in words for a log. Nothing here traces or opens a file.
+#include "SettingCheck.h"
+
 #include "DaemonSyntax.h"
 #include "Finding.h"
 #include "IpsecDaemon.h"
@@ -402,6 +404,13 @@ void judgeSecret(const Secret& given, Findings& findings) {
 }
 
 }  // namespace
+
+std::string_view knownSetting(std::string_view name) noexcept {
+  const auto named = [name](const Setting& setting) { return setting.name == name; };
+  const bool known = std::any_of(std::begin(connectionSettings), std::end(connectionSettings), named) ||
+                     std::any_of(std::begin(secretSettings), std::end(secretSettings), named);
+  return known ? name : std::string_view();
+}
 
 bool checkConnection(const stringmap& settings, std::vector<SettingProblem>* problems) {
   Findings findings(problems != nullptr);

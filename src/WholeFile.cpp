@@ -28,10 +28,6 @@ bool isExhaustion(int error) noexcept {
   return error == EMFILE || error == ENFILE || error == ENOMEM || error == EAGAIN;
 }
 
-bool isRegular(const Descriptor& file, struct stat& status) noexcept {
-  return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
-}
-
 // Opens the temporary file, and empties one that a failed call left. Only a regular file with one link that belongs to
 // this user is written: anything else has been put there by somebody else, to be written through or to be moved.
 Descriptor openTemporary(const char* path) noexcept {
@@ -43,19 +39,14 @@ Descriptor openTemporary(const char* path) noexcept {
 
 }  // namespace
 
-FileText readWholeFile(const char* path) {
+bool isRegular(const Descriptor& file, struct stat& status) noexcept {
+  return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+int readRest(const Descriptor& file, std::size_t size, FileText* read) {
   constexpr std::size_t roomAtLeast = 4096;
-  // Kept (unread-is-empty): a file that cannot be opened has no lines. If reading fails, those before that count.
-  const Descriptor file = Base::openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-  if (!file.isOpen()) {
-    return {{}, isExhaustion(errno)};
-  }
-  struct stat status = {};
-  if (!isRegular(file, status)) {
-    return {};
-  }
-  // The size is only a hint: the file may grow, and some have none.
-  Base::SecretText text(static_cast<std::size_t>(status.st_size) + roomAtLeast);
+  auto& text = read->text;
+  text.resize(size + roomAtLeast);  // the file may have grown, and some have no size
   std::size_t length = 0;
   ssize_t count;
   while ((count = readSome(file, text.data() + length, text.size() - length)) > 0) {
@@ -64,11 +55,23 @@ FileText readWholeFile(const char* path) {
       text.resize(2 * text.size());
     }
   }
+  const int error = count < 0 ? errno : 0;
   text.resize(length);
-  if (count < 0) {
-    text.resize(std::string_view(text.data(), length).rfind('\n') + 1);  // npos + 1 is 0: no whole line.
+  return error;
+}
+
+FileText readWholeFile(const char* path) {
+  // Kept (unread-is-empty): a file that cannot be opened has no lines. If reading fails, those before that count.
+  const Descriptor file = Base::openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  if (!file.isOpen()) {
+    return {{}, isExhaustion(errno)};
   }
-  return {std::move(text), false};
+  struct stat status = {};
+  FileText read;
+  if (isRegular(file, status) && readRest(file, static_cast<std::size_t>(status.st_size), &read) != 0) {
+    read.text.resize(read.view().rfind('\n') + 1);  // npos + 1 is 0: no whole line.
+  }
+  return read;
 }
 
 // Kept (mode-from-umask): the old file's mode is ignored.

@@ -4,6 +4,9 @@
 #include "base/Descriptor.h"
 #include "base/SecretText.h"
 
+#include <sys/stat.h>
+
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -20,6 +23,13 @@ struct FileText {
 // Reads a file. If reading fails half-way, the text is the whole lines before that. A file that cannot be opened, and
 // whatever is not a regular file, counts as empty: a pipe is never waited for. A link is followed.
 FileText readWholeFile(const char* path);
+
+// Returns whether an open file is a regular one, and what it is.
+bool isRegular(const Base::Descriptor& file, struct stat& status) noexcept;
+
+// Reads the rest of an open file. The size is a hint. Returns 0, or the number of the error after which the text ends.
+// Throws std::bad_alloc.
+int readRest(const Base::Descriptor& file, std::size_t size, FileText* read);
 
 // Writes all of the text, and goes on after an interruption or a short write. Returns false if it could not.
 bool writeAll(const Base::Descriptor& file, std::string_view text) noexcept;

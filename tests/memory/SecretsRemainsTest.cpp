@@ -1,4 +1,5 @@
-// What the writer of the secrets file leaves of the old file's secrets and of the new one in memory: nothing.
+// What the functions for the secrets file leave of the old file's secrets and of the new one in memory: nothing.
+#include "IpsecDaemon.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/Remains.h"
@@ -12,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -103,6 +105,35 @@ TEST_F(SecretsRemains, OfAnExpressionThatDoesNotCompile) {
 TEST_F(SecretsRemains, OfAFileThatIsNotReplaced) {
   const Mount readOnly = Mount::readOnly(daemonFolder);
   expectNothingLeft({{"peerIp", peer}, {"key", newSecret}});
+}
+
+TEST_F(SecretsRemains, OfAppliedChanges) {
+  const std::vector<stringmap> changes = {{{"peerIp", peer}, {"key", newSecret}},
+                                          {{"peerIp", "10.0.0.3"}, {"delete", ""}}};
+  for (const std::size_t count : {2, 1}) {
+    const std::vector<stringmap> some(changes.begin(), changes.begin() + static_cast<std::ptrdiff_t>(count));
+    const Remains left([&] { EXPECT_TRUE(applySecrets(some)); });
+    expectFindings(left.dead(needles), {});
+    expectFindings(left.live(needles), {});
+    EXPECT_EQ(readFile(secretsFile), newFile);
+  }
+}
+
+TEST_F(SecretsRemains, OfChangesThatAreRefused) {
+  const std::vector<stringmap> changes = {{{"peerIp", peer}, {"key", newSecret}},
+                                          {{"peerIp", peer}, {"key", "not quoted, " + newSecret}}};
+  const Remains left([&] { EXPECT_FALSE(applySecrets(changes)); });
+  expectFindings(left.dead(needles), {});
+  expectFindings(left.live(needles), {});
+  EXPECT_EQ(readFile(secretsFile), oldFile);
+}
+
+TEST_F(SecretsRemains, OfAList) {
+  std::vector<Vello::String> peers;
+  const Remains left([&] { EXPECT_TRUE(listSecrets(&peers)); });
+  expectFindings(left.dead(needles), {});
+  expectFindings(left.live(needles), {});
+  EXPECT_EQ(peers, (std::vector<Vello::String>{peer, "10.0.0.2"}));
 }
 
 // The buffer grows several times while such a file is read.

@@ -1,6 +1,7 @@
 // A thread is cancelled while it is in one of the library's or the platform's functions. The process must live on, the
 // call must have done its work or have left as an exception leaves it, and no descriptor may stay open.
 #include "Ipsec.h"
+#include "IpsecDaemon.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "platform/Trace.h"
@@ -50,6 +51,20 @@ const Call calls[] = {
     {"writeSecrets",
      [] {
        writeSecrets({{"peerIp", "10.0.0.1"}, {"key", "k"}});
+     }},
+    {"applyConnections",
+     [] {
+       (void)applyConnections(
+           {{{"config", "a"}, {"ikeVersion", "ikev2"}, {"reqid", "7"}, {"left", "10.0.0.1"}, {"right", "10.0.0.2"}}});
+     }},
+    {"applySecrets",
+     [] {
+       (void)applySecrets({{{"peerIp", "10.0.0.1"}, {"key", "k"}}});
+     }},
+    {"listConnections",
+     [] {
+       std::vector<Vello::String> names;
+       (void)listConnections(&names);
      }},
     {"setMaxReplayWindow", [] { setMaxReplayWindow(); }},
     {"isSswanRunning", [] { (void)isSswanRunning(); }},

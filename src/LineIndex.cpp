@@ -1,0 +1,148 @@
+#include "LineIndex.h"
+
+#include <algorithm>
+#include <new>
+
+namespace Ipsec {
+
+void LineIndex::add(std::string_view line, std::size_t number) {
+  if (number >= none / 2 || line.size() >= none) {  // a line adds up to two nodes
+    throw std::bad_alloc();
+  }
+  const auto added = static_cast<Number>(number);
+  const char* rest = begin(line);
+  std::size_t left = line.size();
+  NodeNumber at = 0;
+  nodes[at].smallest = std::min(nodes[at].smallest, added);
+  while (left != 0) {
+    NodeNumber child = childFor(at, *rest);
+    if (child == 0) {
+      child = addChild(at, rest, left);
+    }
+    const std::uint32_t length = common(nodes[child], rest, left);
+    if (length < nodes[child].labelLength) {
+      split(child, length);
+    }
+    rest += length * step;
+    left -= length;
+    at = child;
+    nodes[at].smallest = std::min(nodes[at].smallest, added);
+  }
+  equals.resize(number + 1);
+  Number& first = nodes[at].firstLine;
+  if (first == none) {
+    first = added;
+  } else {
+    equals[equals[first].last].next = added;
+  }
+  equals[first].last = added;
+}
+
+void LineIndex::remove(std::string_view line) {
+  path.assign(1, 0);
+  const char* rest = begin(line);
+  for (std::size_t left = line.size(); left != 0;) {
+    path.push_back(childFor(path.back(), *rest));
+    rest += nodes[path.back()].labelLength * step;
+    left -= nodes[path.back()].labelLength;
+  }
+  Number& first = nodes[path.back()].firstLine;
+  const Number removed = first;
+  first = equals[removed].next;
+  if (first != none) {
+    equals[first].last = equals[removed].last;
+  }
+  for (auto node = path.rbegin(); node != path.rend() && nodes[*node].smallest == removed; ++node) {
+    nodes[*node].smallest = smallestBelow(nodes[*node]);
+  }
+}
+
+LineIndex::Number LineIndex::first(std::string_view start) {
+  const char* const read = begin(start);
+  Number found = none;
+  places.assign(1, {0, 0});
+  while (!places.empty()) {
+    const Place place = places.back();
+    places.pop_back();
+    const Node& node = nodes[place.node];
+    if (!matches(node, read + place.matched * step, start.size() - place.matched)) {
+      continue;
+    }
+    const std::uint32_t matched = place.matched + node.labelLength;
+    if (matched < start.size()) {
+      for (NodeNumber child = node.firstChild; child != 0; child = nodes[child].nextSibling) {
+        if (matchesOne(read[matched * step], nodes[child].labelBegin) && nodes[child].smallest < found) {
+          places.push_back({child, matched});
+        }
+      }
+    } else if (covers == LineMatcher::Covers::Start) {
+      found = std::min(found, node.smallest);
+    } else if (matched == start.size()) {
+      found = std::min(found, node.firstLine);
+    }
+  }
+  return found;
+}
+
+// Returns the first character in the order of reading.
+const char* LineIndex::begin(std::string_view line) const {
+  return step > 0 || line.empty() ? line.data() : &line.back();
+}
+
+// Returns how many characters a node's label and a line have in common.
+std::uint32_t LineIndex::common(const Node& node, const char* line, std::size_t length) const {
+  std::uint32_t count = 0;
+  while (count < node.labelLength && count < length && node.label[count * step] == line[count * step]) {
+    ++count;
+  }
+  return count;
+}
+
+// Returns whether a node's label matches what is left of a start, as far as the shorter of the two goes.
+bool LineIndex::matches(const Node& node, const char* start, std::size_t length) const {
+  std::uint32_t count = 0;
+  while (count < node.labelLength && count < length && matchesOne(start[count * step], node.label[count * step])) {
+    ++count;
+  }
+  return count == node.labelLength || count == length;
+}
+
+// Returns the child whose label begins with a character, or 0.
+LineIndex::NodeNumber LineIndex::childFor(NodeNumber parent, char next) const {
+  NodeNumber child = nodes[parent].firstChild;
+  while (child != 0 && nodes[child].labelBegin != next) {
+    child = nodes[child].nextSibling;
+  }
+  return child;
+}
+
+LineIndex::NodeNumber LineIndex::addChild(NodeNumber parent, const char* label, std::size_t length) {
+  const auto child = static_cast<NodeNumber>(nodes.size());
+  nodes.push_back({label, static_cast<std::uint32_t>(length), nodes[parent].firstChild, 0, none, none, *label});
+  nodes[parent].firstChild = child;
+  return child;
+}
+
+// Shortens a node's label, and moves the rest, with all that the node had, into a new child.
+void LineIndex::split(NodeNumber node, std::uint32_t length) {
+  Node rest = nodes[node];
+  rest.label += length * step;
+  rest.labelLength -= length;
+  rest.labelBegin = *rest.label;
+  rest.nextSibling = 0;
+  nodes.push_back(rest);
+  Node& above = nodes[node];
+  above.labelLength = length;
+  above.firstChild = static_cast<NodeNumber>(nodes.size() - 1);
+  above.firstLine = none;
+}
+
+LineIndex::Number LineIndex::smallestBelow(const Node& node) const {
+  Number smallest = node.firstLine;
+  for (NodeNumber child = node.firstChild; child != 0; child = nodes[child].nextSibling) {
+    smallest = std::min(smallest, nodes[child].smallest);
+  }
+  return smallest;
+}
+
+}  // namespace Ipsec
