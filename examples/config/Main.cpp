@@ -1,7 +1,7 @@
 // A configuration change as an IPsec agent makes it, from naming a connection to loading the kernel's modules, on the
 // demo's private host. Fails if anything that it shows is not as expected.
 
-#include "Ipsec.h"
+#include "IpsecDaemon.h"
 #include "PrivateHost.h"
 
 #include <sys/stat.h>
@@ -16,6 +16,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -110,6 +111,58 @@ void changeSecrets() {
   expect((fs::status(secretsFile).permissions() & fs::perms(0777)) == fs::perms(0600), "the secrets file's mode");
 }
 
+Ipsec::stringmap connection(const char* left, const char* right, std::uint32_t number) {
+  return {{"config", nameOf(left, right, number)},
+          {"ikeVersion", "ikev2"},
+          {"authby", Ipsec::Ike::stringValue(Ipsec::Ike::IpsecAuthType::PreSharedKey)},
+          {"reqid", std::to_string(number)},
+          {"left", left},
+          {"right", right}};
+}
+
+// The same files in one step each, after a check.
+void checkApplyAndList() {
+  title("A check before the change");
+  Ipsec::stringmap wrong = connection("10.0.0.1", "10.0.0.4", 10);
+  wrong["ikeVersion"] = "2";
+  wrong["lifetiem"] = "3600";
+  std::vector<Ipsec::SettingProblem> problems;
+  expect(!Ipsec::checkConnection(wrong, &problems) && problems.size() == 2, "two problems");
+  for (const Ipsec::SettingProblem& problem : problems) {
+    std::cout << problem.setting << ": " << problem.text << "\n";
+  }
+
+  title("A thousand connections and their secrets in two calls");
+  std::vector<Ipsec::stringmap> connections;
+  std::vector<Ipsec::stringmap> secrets;
+  for (std::uint32_t number = 100; number < 1100; ++number) {
+    const std::string peer = "10.1." + std::to_string(number / 200) + "." + std::to_string(number % 200 + 1);
+    connections.push_back(connection("10.0.0.1", peer.c_str(), number));
+    secrets.push_back({{"peerIp", peer}, {"key", "\"secret of peer " + std::to_string(number) + "\""}});
+  }
+  expect(Ipsec::applyConnections(connections) && Ipsec::applySecrets(secrets), "the changes");
+
+  std::vector<Vello::String> names;
+  std::vector<Vello::String> peers;
+  expect(Ipsec::listConnections(&names) && Ipsec::listSecrets(&peers), "the lists");
+  std::cout << names.size() << " connections, from " << names.front() << " to " << names.back() << "\n"
+            << peers.size() << " secrets, from " << peers.front() << " to " << peers.back() << "\n";
+  expect(names.size() == 1003 && peers.size() == 1002, "the numbers of connections and secrets");
+
+  title("What is no longer wanted goes, also in one step");
+  std::vector<Ipsec::stringmap> removals;
+  for (const Vello::String& name : names) {
+    if (name != "%default") {
+      removals.push_back({{"config", name}, {"delete", ""}});
+    }
+  }
+  expect(Ipsec::applyConnections(removals) && Ipsec::listConnections(&names), "the removals");
+  for (const Vello::String& name : names) {
+    std::cout << name << "\n";
+  }
+  expect(names == std::vector<Vello::String>{"%default"}, "what is left");
+}
+
 void askForDaemon() {
   title("Does the daemon run?");
   const bool before = Ipsec::isSswanRunning();
@@ -158,7 +211,7 @@ void startWithTraces(char** argv) {
   if (std::getenv("TRACE_LEVELS") != nullptr) {
     return;
   }
-  expect(setenv("TRACE_LEVELS", "IpsecUtils=0-8", 1) == 0, "the environment");
+  expect(setenv("TRACE_LEVELS", "IpsecUtils=0-8,IpsecDaemon=0-8", 1) == 0, "the environment");
   (void)execv("/proc/self/exe", argv);
   throw std::runtime_error("cannot start again");
 }
@@ -185,6 +238,7 @@ int main(int, char** argv) {
     std::cout << std::unitbuf << "A configuration change, in its own mount namespace\n";
     changeConnections();
     changeSecrets();
+    checkApplyAndList();
     askForDaemon();
     setReplayWindow();
     handleModules();
