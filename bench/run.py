@@ -10,8 +10,12 @@ shared machine are no assertion.
 
 import argparse
 import csv
+import datetime
+import html
+import math
 import os
 import re
+import ssl
 import statistics
 import subprocess
 import sys
@@ -94,6 +98,8 @@ def measure(build, quick):
             print(f"\r  process {count + 1} of {processes}: {program:<16}", end="", file=sys.stderr, flush=True)
             results.run(os.path.join(programs, program), ["--slices", str(wanted)])
     results.run(os.path.join(programs, "footprint-bench"), ["--slices", str(slices)])
+    print(f"\r  {'apply-bench':<36}", end="", file=sys.stderr, flush=True)
+    results.run(os.path.join(programs, "apply-bench"), ["--slices", "3" if quick else "10"])
     libraries = ["libcrypto.so.3", os.path.join(os.path.abspath(build), "libipsechelpers.so.1")]
     for _ in range(3 if quick else 15):
         results.run(os.path.join(programs, "load-bench"), libraries)
@@ -188,6 +194,36 @@ def print_table(results):
                     f"  {label:<48}{'ratio':>6}{ratio:>8.3f}{'goal':>7}{goal:>6.2f}{'met':>6} "
                     f"{'yes' if ratio <= goal else 'NO'}"
                 )
+    print_applied(results)
+
+
+def applied(results):
+    """Yields the number of connections, the time of apply, that of single calls, and whether that is extrapolated."""
+    single = None
+    for case in results.cases("apply"):
+        count, _, what = case.partition(" ")
+        if what != "new":
+            continue
+        measured = results.median("apply", case, "single calls")
+        # Each single call costs the whole file: ten times the connections cost a hundred times the time.
+        single = measured if measured is not None else single * 100
+        yield int(count), results.median("apply", case, "apply"), single, measured is None
+
+
+def print_applied(results):
+    rows = list(applied(results))
+    if not rows:
+        return
+    print("\nNew connections in an empty file, one applyConnections or as many writeConnections, milliseconds of CPU")
+    print(f"  {'connections':>11}{'apply':>12}{'single calls':>16}{'times':>9}")
+    for count, at_once, single, extrapolated in rows:
+        mark = "*" if extrapolated else " "
+        print(f"  {count:>11}{at_once / 1000:>12.2f}{single / 1000:>15.1f}{mark}{single / at_once:>9.0f}")
+    print("  * extrapolated from the row above")
+    for case in results.cases("apply"):
+        for side in results.sides("apply", case):
+            if results.units["apply", case, side] == "ratio":
+                print(f"  {case + ', ' + side:<60}{results.median('apply', case, side):.4f}")
 
 
 def write_csv(results, path):
@@ -205,7 +241,7 @@ def write_csv(results, path):
             out.writerow([subject, case, side, "ratio", f"{ratio:.4f}", f"{goal:.2f}", met])
 
 
-def write_chart(results, path):
+def write_chart(results, path, note):
     """Draws each ratio as a bar from 1.00, with its goal as a line across."""
     rows = [(label, ratio, goal) for _, _, label, ratio, goal in rated(results)]
     step, left, right, top = 22, 230, 760, 60
@@ -216,11 +252,11 @@ def write_chart(results, path):
 
     height = top + step * len(rows) + 40
     out = [
-        f'<svg xmlns="http://www.w3.org/2000/svg" width="{right + 70}" height="{height}" '
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{right + 130}" height="{height}" '
         'font-family="sans-serif" font-size="12">',
         '<rect width="100%" height="100%" fill="white"/>',
         '<text x="10" y="22" font-size="15">CPU time, the library to bare OpenSSL called the best way</text>',
-        '<text x="10" y="40" fill="#666">1.00 is bare OpenSSL; the dark line is the goal</text>',
+        f'<text x="10" y="40" fill="#666">1.00 is bare OpenSSL, the dark line is the goal; {html.escape(note)}</text>',
     ]
     for tick in range(round(low * 100), int(high * 100) + 1, 5):
         out.append(
@@ -238,7 +274,59 @@ def write_chart(results, path):
             f'<line x1="{x(goal):.1f}" y1="{y - 2}" x2="{x(goal):.1f}" y2="{y + 17}" stroke="#222" '
             'stroke-width="2"/>'
         )
-        out.append(f'<text x="{max(end, x(goal)) + 6:.1f}" y="{y + 12}">{ratio:.3f}</text>')
+        out.append(f'<text x="{max(end, x(goal)) + 6:.1f}" y="{y + 12}">{ratio:.3f}, goal {goal:.2f}</text>')
+    out.append("</svg>")
+    with open(path, "w", encoding="utf-8") as file:
+        file.write("\n".join(out) + "\n")
+
+
+def machine():
+    """The processor, OpenSSL's version and the day, for a chart that is looked at later and elsewhere."""
+    with open("/proc/cpuinfo", encoding="utf-8") as info:
+        models = [line.partition(":")[2].strip() for line in info if line.startswith("model name")]
+    version = ssl.OPENSSL_VERSION.split()
+    return f"{models[0] if models else 'unknown processor'}, {' '.join(version[:2])}, {datetime.date.today()}"
+
+
+def write_applied(results, path, note):
+    """Draws the time against the number of connections, both in powers of ten."""
+    rows = list(applied(results))
+    if not rows:
+        return
+    left, top, step_x, step_y, high = 90, 70, 130, 45, 8  # of a power of ten; the time begins at 10 us
+
+    def place(count, microseconds):
+        return (
+            left + step_x * (math.log10(count) - 1),
+            top + step_y * (high - math.log10(max(microseconds, 10)) + 1),
+        )
+
+    width, height = left + 4 * step_x + 190, top + step_y * high + 60
+    out = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" font-family="sans-serif" '
+        'font-size="12">',
+        '<rect width="100%" height="100%" fill="white"/>',
+        '<text x="10" y="22" font-size="15">CPU time to configure new connections in an empty file</text>',
+        f'<text x="10" y="40" fill="#666">{html.escape(note)}</text>',
+    ]
+    names = ("10 us", "100 us", "1 ms", "10 ms", "100 ms", "1 s", "10 s", "100 s", "1000 s")
+    for power, name in enumerate(names):
+        y = place(10, 10 ** (power + 1))[1]
+        out.append(f'<line x1="{left}" y1="{y:.1f}" x2="{left + 4 * step_x}" y2="{y:.1f}" stroke="#ddd"/>')
+        out.append(f'<text x="{left - 8}" y="{y + 4:.1f}" text-anchor="end">{name}</text>')
+    for power in range(1, 6):
+        x = place(10**power, 10)[0]
+        out.append(f'<text x="{x:.1f}" y="{height - 30}" text-anchor="middle">{10 ** power}</text>')
+    sides = (("one applyConnections", "#4a90a4", 1), ("single calls, * extrapolated", "#c0504d", 2))
+    for label, colour, column in sides:
+        points = [(*place(row[0], row[column]), row[3] and column == 2) for row in rows]
+        line = " ".join(f"{x:.1f},{y:.1f}" for x, y, _ in points)
+        out.append(f'<polyline points="{line}" fill="none" stroke="{colour}" stroke-width="2"/>')
+        for x, y, extrapolated in points:
+            out.append(f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3" fill="{colour}"/>')
+            if extrapolated:
+                out.append(f'<text x="{x - 4:.1f}" y="{y - 6:.1f}">*</text>')
+        out.append(f'<text x="{points[-1][0] + 8:.1f}" y="{points[-1][1] + 4:.1f}" fill="{colour}">{label}</text>')
     out.append("</svg>")
     with open(path, "w", encoding="utf-8") as file:
         file.write("\n".join(out) + "\n")
@@ -254,8 +342,10 @@ def main():
         print_table(results)
         folder = os.path.join(arguments.build, "bench")
         write_csv(results, os.path.join(folder, "bench.csv"))
-        write_chart(results, os.path.join(folder, "bench.svg"))
-        print(f"\n{folder}/bench.csv, {folder}/bench.svg")
+        note = machine() + (" (--quick: not a measurement)" if arguments.quick else "")
+        write_chart(results, os.path.join(folder, "bench.svg"), note)
+        write_applied(results, os.path.join(folder, "apply.svg"), note)
+        print(f"\n{note}\n{folder}/bench.csv, {folder}/bench.svg, {folder}/apply.svg")
     for failure in dict.fromkeys(results.failures):
         print(f"FAILED: {failure}", file=sys.stderr)
     return 1 if results.failures else 0
