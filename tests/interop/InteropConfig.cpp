@@ -7,6 +7,10 @@
 //   running                                   isSswanRunning            -> ok true|false
 //   check-connection KEY=VALUE ...            checkConnection           -> ok true, or ok false SETTING ...
 //   check-secret KEY=VALUE ...                checkSecret               -> ok true, or ok false SETTING ...
+//   queue-connection KEY=VALUE ...            puts a change aside       -> ok
+//   queue-secret KEY=VALUE ...                puts a change aside       -> ok
+//   apply                                     applyConnections and applySecrets of what was put aside -> ok true|false
+//   list-connections                          listConnections           -> ok NAME ...
 //
 // In KEY and VALUE, "\\xHH" is the byte with this hexadecimal number.
 // The answer to a command that fails is "error TEXT".
@@ -90,7 +94,32 @@ std::string verdict(Check check, const std::vector<std::string>& fields) {
   return answer;
 }
 
-std::string obey(const std::string& line) {
+// The changes that are put aside.
+struct Queue {
+  std::vector<Ipsec::stringmap> connections;
+  std::vector<Ipsec::stringmap> secrets;
+
+  bool apply() {
+    const bool applied = Ipsec::applyConnections(connections) && Ipsec::applySecrets(secrets);
+    connections.clear();
+    secrets.clear();
+    return applied;
+  }
+};
+
+std::string listedConnections() {
+  std::vector<Vello::String> names;
+  if (!Ipsec::listConnections(&names)) {
+    throw std::runtime_error("no list");
+  }
+  std::string answer = "ok";
+  for (const Vello::String& name : names) {
+    answer += " " + name.str();
+  }
+  return answer;
+}
+
+std::string obey(const std::string& line, Queue& queue) {
   const std::vector<std::string> fields = split(line);
   if (fields[0] == "connection") {
     Ipsec::writeConnections(settingsOf(fields));
@@ -112,6 +141,20 @@ std::string obey(const std::string& line) {
   if (fields[0] == "check-secret") {
     return verdict(Ipsec::checkSecret, fields);
   }
+  if (fields[0] == "queue-connection") {
+    queue.connections.push_back(settingsOf(fields));
+    return "ok";
+  }
+  if (fields[0] == "queue-secret") {
+    queue.secrets.push_back(settingsOf(fields));
+    return "ok";
+  }
+  if (fields[0] == "apply") {
+    return queue.apply() ? "ok true" : "ok false";
+  }
+  if (fields[0] == "list-connections") {
+    return listedConnections();
+  }
   throw std::invalid_argument("unknown command " + fields[0]);
 }
 
@@ -119,9 +162,10 @@ std::string obey(const std::string& line) {
 
 int main() {
   std::string line;
+  Queue queue;
   while (std::getline(std::cin, line)) {
     try {
-      std::cout << obey(line) << std::endl;
+      std::cout << obey(line, queue) << std::endl;
     } catch (const std::exception& error) {
       std::cout << "error " << error.what() << std::endl;
     }

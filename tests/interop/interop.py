@@ -20,6 +20,7 @@ import life
 import limits
 import matrix
 import sandbox
+import scale
 
 SKIPPED = 77
 
@@ -51,6 +52,18 @@ class Library:
 
     def secret(self, **settings):
         self.ask("secret", *(f"{key}={value}" for key, value in settings.items()))
+
+    def queue(self, kind, **settings):
+        """Puts a change of a connection or a secret aside, for apply."""
+        self.ask(f"queue-{kind}", *(f"{key}={value}" for key, value in settings.items()))
+
+    def apply(self):
+        """Makes all changes that were put aside, in one call for each file."""
+        if self.ask("apply") != "true":
+            raise RuntimeError("the changes were not applied")
+
+    def list_connections(self):
+        return self.ask("list-connections").split()
 
     def name(self, first, second, number):
         return self.ask("name", first, second, "local", str(number))
@@ -205,6 +218,8 @@ def run_matrix(bench, options):
         life.run(bench)
     if options.only in limits.SECTION:
         limits.run(bench)
+    if options.only in scale.SECTION:
+        scale.run(bench, judge, psk_of)
     bench.place.stop_daemon()
     life.check_stopped(bench, "after the daemon's end")
 

@@ -226,6 +226,9 @@ class Sandbox:
     def reread_connections(self):
         self.starter.send_signal(1)  # SIGHUP
 
+    def daemon_pid(self):
+        return int((CONF_DIR / "ipsec.d" / "run" / "charon.pid").read_text())
+
     def stroke(self, *arguments):
         return run(str(IPSEC_DIR / "stroke"), *arguments)
 
