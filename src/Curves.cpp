@@ -22,7 +22,7 @@ using Base::triedPublicValue;
 
 namespace {
 
-constexpr std::size_t longestPoint = 2 * 66;  // x | y of group 21
+constexpr std::size_t longestPoint = std::size_t{2} * 66;  // x | y of group 21
 
 // The parts of a curve that take long to build. Without sharing them, group 19 would spend a quarter of a whole
 // exchange on building the curve by its name and on generating a key by that name.

@@ -82,7 +82,8 @@ bool writePieces(const Descriptor& file, const std::vector<std::string_view>& pi
   std::size_t written = 0;  // bytes of the first piece of the batch
   for (std::size_t from = 0; from < pieces.size();) {
     const std::size_t count = std::min(batch.size(), pieces.size() - from);
-    std::transform(pieces.begin() + from, pieces.begin() + from + count, batch.begin(), [](std::string_view piece) {
+    const std::string_view* const first = pieces.data() + from;
+    std::transform(first, first + count, batch.begin(), [](std::string_view piece) {
       return iovec{const_cast<char*>(piece.data()), piece.size()};
     });
     batch[0].iov_base = static_cast<char*>(batch[0].iov_base) + written;
