@@ -86,6 +86,9 @@ def what_is_missing():
     for name, optional in PLUGINS:
         if not optional and not plugin_file(name).exists():
             return f"strongSwan's plugin {name} (packages libcharon-extra-plugins, libstrongswan-standard-plugins)"
+    for names in ("/etc/protocols", "/etc/services"):
+        if not os.access(names, os.R_OK):
+            return f"the names in {names} (package netbase)"
     try:
         os.close(os.open("/dev/net/tun", os.O_RDWR))
     except OSError as error:

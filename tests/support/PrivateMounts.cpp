@@ -163,7 +163,8 @@ void enterPrivateMounts() {
 }
 
 void resetHost() {
-  while (umount2(connectionsFile, MNT_DETACH) == 0 || umount2(secretsFile, MNT_DETACH) == 0) {
+  while (umount2(connectionsFile, MNT_DETACH | UMOUNT_NOFOLLOW) == 0 ||
+         umount2(secretsFile, MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
   }
   emptyFolder(daemonFolder);
   emptyFolder(kernelSettings);
