@@ -192,9 +192,9 @@ bool SecretLines::keeps(std::string_view line) {
 
 Base::SecretText newSecret(const stringmap& entry) {
   const std::string_view peer = isDefaultSecret(entry) ? "" : std::string_view(checkedAt(entry, "peerIp"));
+  const std::string_view key = checkedAt(entry, "key");
   Base::SecretText line;
-  for (const std::string_view piece :
-       {peer, std::string_view(" : PSK "), std::string_view(checkedAt(entry, "key")), std::string_view("\n")}) {
+  for (const std::string_view piece : {peer, std::string_view(" : PSK "), key, std::string_view("\n")}) {
     line.insert(line.end(), piece.begin(), piece.end());
   }
   return line;
