@@ -4,6 +4,10 @@
 #include "tests/fuzz/FuzzInput.h"
 #include "tests/support/PlainGroups.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <vector>
+
 namespace Ipsec::Testing {
 
 inline DhGroupNum groupFrom(FuzzInput& input) {
@@ -25,9 +29,10 @@ inline ByteVector privateFrom(DhGroupNum group, FuzzInput& input) {
       return edge;
     }
   }
-  ByteVector value(how % 4 == 0 ? 2 : 0, 0);
   const ByteVector bytes = input.bytes(how % 80);
-  value.insert(value.end(), bytes.begin(), bytes.end());
+  const std::ptrdiff_t zeros = how % 4 == 0 ? 2 : 0;
+  ByteVector value(static_cast<std::size_t>(zeros) + bytes.size(), 0);
+  std::copy(bytes.begin(), bytes.end(), value.begin() + zeros);
   return value;
 }
 
