@@ -72,7 +72,7 @@ void readChoice(ByteView body, Offer offer) {
           "a group is chosen that was not offered");
   offer.spi = choice.spi;
   if (!groups.empty()) {
-    offer.groups = {choice.group};
+    offer.groups.assign(1, choice.group);
   }
   const Choice again = readAgain([&] { return parseSa(makeSa(offer).body, offer); });
   require(again.spi == choice.spi && again.group == choice.group, "a choice that is offered again is another one");
