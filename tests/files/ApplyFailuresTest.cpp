@@ -3,6 +3,7 @@
 #include "IpsecDaemon.h"
 #include "tests/files/DaemonChanges.h"
 #include "tests/support/HostTests.h"
+#include "tests/support/OperatorNew.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TraceRecorder.h"
 
@@ -115,29 +116,12 @@ VISIBLE int unlink(const char* path) noexcept {
   return error != 0 ? failWith(error) : next<int(const char*)>("unlink")(path);
 }
 
-// Out of line: otherwise the compiler sees free() for memory from operator new, and warns.
-[[gnu::noinline]] static void* take(std::size_t size) {
+void* Ipsec::Testing::takeMemory(std::size_t size) noexcept {
   return failing != 0 && ++allocations == failing ? nullptr : std::malloc(std::max(size, std::size_t{1}));
 }
 
-[[gnu::noinline]] static void give(void* memory) {
+void Ipsec::Testing::giveMemory(void* memory) noexcept {
   std::free(memory);
-}
-
-void* operator new(std::size_t size) {
-  void* const memory = take(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-void operator delete(void* memory) noexcept {
-  give(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  give(memory);
 }
 
 namespace Ipsec::Testing {

@@ -1,6 +1,7 @@
 // The checks of a change, in memory: which setting has a problem, what the texts may hold, what becomes of the output.
 // Whether the daemon agrees is what tests/interop/settings.py proves.
 #include "IpsecDaemon.h"
+#include "tests/support/OperatorNew.h"
 
 #include <gtest/gtest.h>
 
@@ -22,20 +23,11 @@ std::atomic<unsigned long> failing = 0;  // which of them fails; 0 means none
 
 }  // namespace
 
-// Out of line: otherwise the compiler sees free() for memory from operator new, and warns.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const memory = ++allocations == failing ? nullptr : std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
+void* Ipsec::Testing::takeMemory(std::size_t size) noexcept {
+  return ++allocations == failing ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+void Ipsec::Testing::giveMemory(void* memory) noexcept {
   std::free(memory);
 }
 

@@ -2,6 +2,7 @@
 // file stays unless the call returned, and neither memory nor a descriptor is leaked.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"
+#include "tests/support/OperatorNew.h"
 #include "tests/support/PrivateMounts.h"
 
 #include <gtest/gtest.h>
@@ -33,62 +34,17 @@ bool refuses() {
   return number == wanted || (failingOnwards && number > wanted);
 }
 
-// Out of line: otherwise the compiler sees free() for memory from operator new, and warns.
-[[gnu::noinline]] void* take(std::size_t size) {
+}  // namespace
+
+void* Ipsec::Testing::takeMemory(std::size_t size) noexcept {
   void* const memory = refuses() ? nullptr : std::malloc(size == 0 ? 1 : size);
   live += memory != nullptr;
   return memory;
 }
 
-[[gnu::noinline]] void give(void* memory) {
+void Ipsec::Testing::giveMemory(void* memory) noexcept {
   live -= memory != nullptr;
   std::free(memory);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  void* const memory = take(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return take(size);
-}
-
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return take(size);
-}
-
-void operator delete(void* memory) noexcept {
-  give(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  give(memory);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  give(memory);
-}
-
-void operator delete[](void* memory) noexcept {
-  give(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept {
-  give(memory);
-}
-
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-  give(memory);
 }
 
 namespace Ipsec::Testing {

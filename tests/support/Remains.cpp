@@ -1,5 +1,7 @@
 #include "tests/support/Remains.h"
 
+#include "tests/support/OperatorNew.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/crypto.h>
@@ -19,7 +21,6 @@
 #include <exception>
 #include <iostream>
 #include <mutex>
-#include <new>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -54,8 +55,7 @@ void unlink(Block* block) {
   }
 }
 
-// Out of line: otherwise the compiler sees free() for memory from operator new, and warns.
-[[gnu::noinline]] void* take(std::size_t size) {
+void* take(std::size_t size) {
   auto* const block = static_cast<Block*>(std::malloc(sizeof(Block) + size));
   if (block == nullptr) {
     return nullptr;
@@ -73,7 +73,7 @@ void unlink(Block* block) {
   return block->bytes();
 }
 
-[[gnu::noinline]] void give(void* memory) {
+void give(void* memory) {
   if (memory == nullptr) {
     return;
   }
@@ -121,47 +121,11 @@ void* openSslResize(void* memory, std::size_t size, const char*, int) {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-  void* const memory = take(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+void* Ipsec::Testing::takeMemory(std::size_t size) noexcept {
   return take(size);
 }
 
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return take(size);
-}
-
-void operator delete(void* memory) noexcept {
-  give(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  give(memory);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  give(memory);
-}
-
-void operator delete[](void* memory) noexcept {
-  give(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept {
-  give(memory);
-}
-
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+void Ipsec::Testing::giveMemory(void* memory) noexcept {
   give(memory);
 }
 

@@ -6,6 +6,7 @@
 #include "base/OpenSslPtr.h"
 #include "platform/linux/TraceCapture.h"
 #include "tests/support/CryptoCases.h"
+#include "tests/support/OperatorNew.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -59,14 +60,13 @@ struct Allocator {
     return count >= from;
   }
 
-  // Out of line: otherwise the compiler sees free() for memory from operator new, and warns.
-  [[gnu::noinline]] void* take(std::size_t size) {
+  void* take(std::size_t size) {
     void* const memory = refuses() ? nullptr : std::malloc(size == 0 ? 1 : size);
     live += memory != nullptr;
     return memory;
   }
 
-  [[gnu::noinline]] void give(void* memory) {
+  void give(void* memory) {
     live -= memory != nullptr;
     std::free(memory);
   }
@@ -92,47 +92,11 @@ void openSslFree(void* memory, const char*, int) {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-  void* const memory = operatorNew.take(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+void* Ipsec::Testing::takeMemory(std::size_t size) noexcept {
   return operatorNew.take(size);
 }
 
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return operatorNew.take(size);
-}
-
-void operator delete(void* memory) noexcept {
-  operatorNew.give(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  operatorNew.give(memory);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  operatorNew.give(memory);
-}
-
-void operator delete[](void* memory) noexcept {
-  operatorNew.give(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept {
-  operatorNew.give(memory);
-}
-
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+void Ipsec::Testing::giveMemory(void* memory) noexcept {
   operatorNew.give(memory);
 }
 
