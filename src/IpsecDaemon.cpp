@@ -9,8 +9,13 @@
 #include "Tracer.h"
 #include "base/CancellationHeld.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 namespace Ipsec {
 

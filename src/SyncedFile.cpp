@@ -190,7 +190,7 @@ FileError replaceSynced(const SyncedFile& file, const OldFile& old, mode_t mode,
   const Descriptor folder = Base::openFile(file.folder, O_RDONLY | O_DIRECTORY);
   if (!folder.isOpen() ||
       (uninterrupted([&] { return ::fsync(folder.get()); }) != 0 && errno != EINVAL)) {  // some file systems cannot
-    return {"The new file is in place, but may not outlast a power failure: cannot sync the folder", errno, true};
+    return {"The new file is in place, but may not outlast a power failure: cannot sync the folder", errno};
   }
   return {};
 }

@@ -19,7 +19,6 @@ namespace Ipsec {
 struct FileError {
   const char* what = nullptr;
   int number = 0;
-  bool moved = false;  // the new file is in place all the same
 
   explicit operator bool() const noexcept { return what != nullptr; }
 };

@@ -17,7 +17,7 @@ import time
 import unittest
 
 DEV = pathlib.Path(sys.argv.pop(1)).resolve()
-TOOLS = "bash cat cut dirname env find git grep id kill mktemp nproc readlink rm sh sleep tail tput tr xargs"
+TOOLS = "bash cat dirname env grep id mkdir mktemp nproc readlink rm sh sleep tail tput tr"
 
 
 class DevCommand(unittest.TestCase):
@@ -37,7 +37,6 @@ class DevCommand(unittest.TestCase):
         self.program("apt-get", "exit 0")
         self.program("cmake", 'mkdir -p build/dev; echo "cmake $*" >>calls')
         self.program("ctest", 'echo "ctest $*" >>calls')
-        (self.programs / "mkdir").symlink_to(shutil.which("mkdir"))
 
     def program(self, name, script):
         path = self.programs / name
