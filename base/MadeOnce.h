@@ -29,9 +29,6 @@ class MadeOnce<std::unique_ptr<T, Free>> {
     return held;
   }
 
-  // Returns the object if it has been created.
-  T* peek() const { return slot.load(std::memory_order_acquire); }
-
  private:
   std::atomic<T*> slot = nullptr;
 };
