@@ -40,6 +40,8 @@ namespace {
 // An answer other than 0 is the error that the call fails with.
 std::function<int(std::string_view function, std::string_view file)> onCall;
 
+bool writesAreShort = false;  // each takes half of the first piece only
+
 constexpr std::string_view folder = "/etc/strongswan";
 
 // Returns what is left of a path below the folder ("ipsec.conf"), "." for the folder, or an empty text for others.
@@ -82,7 +84,15 @@ std::atomic<unsigned long> failing = 0;  // which allocation fails; 0 means none
 
 VISIBLE ssize_t writev(int file, const struct iovec* pieces, int count) {
   const int error = before("write", file);
-  return error != 0 ? failWith(error) : next<ssize_t(int, const struct iovec*, int)>("writev")(file, pieces, count);
+  if (error != 0) {
+    return failWith(error);
+  }
+  static auto* const real = next<ssize_t(int, const struct iovec*, int)>("writev");
+  if (writesAreShort) {
+    const struct iovec half = {pieces->iov_base, (pieces->iov_len + 1) / 2};
+    return real(file, &half, 1);
+  }
+  return real(file, pieces, count);
 }
 
 VISIBLE int fchown(int file, uid_t owner, gid_t group) noexcept {
@@ -222,6 +232,23 @@ TEST_P(ApplyFailures, DoNotComeFromInterruptions) {
   };
   EXPECT_TRUE(changed.update(2));
   EXPECT_EQ(readFile(changed.file), changed.whole(2));
+}
+
+// So many changes that the new file has more pieces than one write takes.
+TEST_P(ApplyFailures, DoNotComeFromShortWrites) {
+  std::vector<stringmap> changes;
+  for (int number = 0; number < 600; ++number) {
+    const std::string name = "10.9." + std::to_string(number / 200) + "." + std::to_string(number % 200);
+    changes.push_back(changed.change(number));
+    changes.back()[&changed == &changedConnections ? "config" : "peerIp"] = name;
+  }
+  EXPECT_TRUE(changed.apply(changes));
+  const std::string whole = readFile(changed.file);
+  writesAreShort = true;
+  EXPECT_TRUE(changed.apply(changes));
+  writesAreShort = false;
+  EXPECT_EQ(readFile(changed.file), whole);
+  EXPECT_GT(whole.size(), 20000U);
 }
 
 TEST_P(ApplyFailures, OfMemoryThrowAndChangeNothing) {

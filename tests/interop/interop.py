@@ -8,11 +8,9 @@ strongSwan's starter; where something is missing it says so and exits with 77, o
 
 import argparse
 import os
-import pathlib
 import re
 import subprocess
 import sys
-import tempfile
 import time
 
 import charonlog
@@ -21,8 +19,6 @@ import limits
 import matrix
 import sandbox
 import scale
-
-SKIPPED = 77
 
 # This is long for a veth pair, but short enough for a run in which nothing works.
 PATIENCE = ("--timeout", "400", "--tries", "3")
@@ -281,25 +277,16 @@ def inside(options):
         print(f"interop: FAILED: {error}", flush=True)
         return 1
     finally:
-        if options.keep_log:
-            log = sandbox.CONF_DIR / "charon.log"
-            pathlib.Path(options.keep_log).write_bytes(log.read_bytes() if log.exists() else b"")
+        sandbox.keep_log(options.keep_log)
         place.close()
 
 
 def outside(options):
-    missing = sandbox.what_is_missing() or sandbox.namespaces_missing()
-    if missing:
-        in_ci = bool(os.environ.get("CI"))
-        print(f"interop: {'FAILED' if in_ci else 'SKIPPED'}: this machine lacks {missing}", flush=True)
-        return 1 if in_ci else SKIPPED
     began = time.monotonic()
-    with tempfile.TemporaryDirectory(prefix="interop-") as scratch:
-        command = sandbox.namespace_command() + [sys.executable, os.path.abspath(__file__), "--inside", scratch]
-        result = subprocess.run(command + sys.argv[1:], check=False)
+    code = sandbox.run_inside("interop")
     if not options.demo and options.by_hand is None:
         print(f"took {time.monotonic() - began:.0f} s", file=sys.stderr)
-    return result.returncode
+    return code
 
 
 def parse_options():

@@ -7,8 +7,11 @@ leaves them.
 import os
 import pathlib
 import subprocess
+import sys
+import tempfile
 import time
 
+SKIPPED = 77
 CONF_DIR = pathlib.Path("/etc/strongswan")
 IPSEC_DIR = pathlib.Path("/usr/lib/ipsec")
 TOOLS = ("ip", "mount", "unshare", "nsenter")
@@ -111,6 +114,26 @@ def namespaces_missing():
     if result.returncode == 0:
         return None
     return f"mount, network and pid namespaces with a veth pair ({result.stderr.strip()})"
+
+
+def run_inside(name):
+    """Starts this program again inside private namespaces, with --inside and a scratch folder; returns its exit code.
+    Where the machine lacks something it says so and returns 77, or 1 when CI is set."""
+    missing = what_is_missing() or namespaces_missing()
+    if missing:
+        in_ci = bool(os.environ.get("CI"))
+        print(f"{name}: {'FAILED' if in_ci else 'SKIPPED'}: this machine lacks {missing}", flush=True)
+        return 1 if in_ci else SKIPPED
+    with tempfile.TemporaryDirectory(prefix=f"{name}-") as scratch:
+        command = [*namespace_command(), sys.executable, os.path.abspath(sys.argv[0]), "--inside", scratch]
+        return subprocess.run(command + sys.argv[1:], check=False).returncode
+
+
+def keep_log(path):
+    """Copies the daemon's log to a file, if one is wanted."""
+    log = CONF_DIR / "charon.log"
+    if path:
+        pathlib.Path(path).write_bytes(log.read_bytes() if log.exists() else b"")
 
 
 def run(*command):

@@ -8,13 +8,10 @@ fails as interop.py does.
 
 import argparse
 import os
-import pathlib
 import re
 import socket
 import struct
-import subprocess
 import sys
-import tempfile
 import time
 
 import interop
@@ -521,9 +518,7 @@ def inside(options):
         print(f"settings: FAILED: {error}", flush=True)
         return 1
     finally:
-        if options.keep_log:
-            log = sandbox.CONF_DIR / "charon.log"
-            pathlib.Path(options.keep_log).write_bytes(log.read_bytes() if log.exists() else b"")
+        sandbox.keep_log(options.keep_log)
         place.close()
     for failure in proof.failures:
         print(f"FAIL  {failure}")
@@ -538,16 +533,7 @@ def main():
     parser.add_argument("--inside", help=argparse.SUPPRESS)
     options = parser.parse_args()
     options.config = os.path.abspath(options.config)
-    if options.inside:
-        return inside(options)
-    missing = sandbox.what_is_missing() or sandbox.namespaces_missing()
-    if missing:
-        in_ci = bool(os.environ.get("CI"))
-        print(f"settings: {'FAILED' if in_ci else 'SKIPPED'}: this machine lacks {missing}", flush=True)
-        return 1 if in_ci else interop.SKIPPED
-    with tempfile.TemporaryDirectory(prefix="settings-") as scratch:
-        command = sandbox.namespace_command() + [sys.executable, os.path.abspath(__file__), "--inside", scratch]
-        return subprocess.run(command + sys.argv[1:], check=False).returncode
+    return inside(options) if options.inside else sandbox.run_inside("settings")
 
 
 if __name__ == "__main__":
