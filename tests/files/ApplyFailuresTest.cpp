@@ -41,6 +41,7 @@ namespace {
 std::function<int(std::string_view function, std::string_view file)> onCall;
 
 bool writesAreShort = false;  // each takes half of the first piece only
+unsigned shortWrites = 0;
 
 constexpr std::string_view folder = "/etc/strongswan";
 
@@ -89,6 +90,7 @@ VISIBLE ssize_t writev(int file, const struct iovec* pieces, int count) {
   }
   static auto* const real = next<ssize_t(int, const struct iovec*, int)>("writev");
   if (writesAreShort) {
+    ++shortWrites;
     const struct iovec half = {pieces->iov_base, (pieces->iov_len + 1) / 2};
     return real(file, &half, 1);
   }
@@ -244,11 +246,12 @@ TEST_P(ApplyFailures, DoNotComeFromShortWrites) {
   }
   EXPECT_TRUE(changed.apply(changes));
   const std::string whole = readFile(changed.file);
+  shortWrites = 0;
   writesAreShort = true;
   EXPECT_TRUE(changed.apply(changes));
   writesAreShort = false;
   EXPECT_EQ(readFile(changed.file), whole);
-  EXPECT_GT(whole.size(), 20000U);
+  EXPECT_GT(shortWrites, 600U);
 }
 
 TEST_P(ApplyFailures, OfMemoryThrowAndChangeNothing) {
