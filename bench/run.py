@@ -61,8 +61,10 @@ class Results:
         self.units = {}
         self.failures = []
 
-    def run(self, program, arguments, env=None):
-        done = subprocess.run([program, *arguments], capture_output=True, text=True, env=env)
+    def run(self, program, arguments, env=None, folder=None):
+        done = subprocess.run(
+            [os.path.abspath(program), *arguments], capture_output=True, text=True, env=env, cwd=folder
+        )
         for line in done.stdout.splitlines():
             subject, case, side, unit, value = line.split(",")
             self.values.setdefault((subject, case, side), []).append(float(value))
@@ -99,7 +101,7 @@ def measure(build, quick):
             results.run(os.path.join(programs, program), ["--slices", str(wanted)])
     results.run(os.path.join(programs, "footprint-bench"), ["--slices", str(slices)])
     print(f"\r  {'apply-bench':<36}", end="", file=sys.stderr, flush=True)
-    results.run(os.path.join(programs, "apply-bench"), ["--slices", "3" if quick else "10"])
+    results.run(os.path.join(programs, "apply-bench"), ["--slices", "3" if quick else "10"], folder=programs)
     libraries = ["libcrypto.so.3", os.path.join(os.path.abspath(build), "libipsechelpers.so.1")]
     for _ in range(3 if quick else 15):
         results.run(os.path.join(programs, "load-bench"), libraries)
@@ -222,8 +224,11 @@ def print_applied(results):
     print("  * extrapolated from the row above")
     for case in results.cases("apply"):
         for side in results.sides("apply", case):
+            value = results.median("apply", case, side)
             if results.units["apply", case, side] == "ratio":
-                print(f"  {case + ', ' + side:<60}{results.median('apply', case, side):.4f}")
+                print(f"  {case + ', ' + side:<60}{value:.4f}")
+            elif "on the disk" in case:
+                print(f"  {case + ', ' + side:<60}{value / 1000:.2f} ms")
 
 
 def write_csv(results, path):
