@@ -246,11 +246,9 @@ Finding judgeSearchedName(std::string_view name) noexcept {
 
 // --- One section -----------------------------------------------------------------------------------------------------
 
-bool holds(const When& when, const Connection& given) noexcept {
-  if (when.value != nullptr) {
-    return given.hasValue(when.setting, when.value);
-  }
-  return when.setting == nullptr || given.find(when.setting) != nullptr;
+// Whether a line that has a value is written.
+bool isWritten(const Row& row, const Connection& given) noexcept {
+  return row.when.setting == nullptr || given.find(row.when.setting) != nullptr;
 }
 
 // Judges a value that is written as it is. The line may be written without a value only if its setting is optional.
@@ -304,10 +302,18 @@ Finding judgeOverwritten(const ReadValue&) noexcept {
 constexpr std::size_t longestSection = 64480;
 
 template <std::size_t rowCount>
+constexpr bool areValuesFree(const Row (&rows)[rowCount]) {
+  return std::none_of(rows, rows + rowCount, [](const Row& row) { return row.value.setting && row.when.value; });
+}
+
+static_assert(areValuesFree(ordinarySection) && areValuesFree(defaultSection),
+              "isWritten() would have to look at the value of a condition");
+
+template <std::size_t rowCount>
 void judgeRows(const Row (&rows)[rowCount], const Connection& given, bool withDefaults, Findings& findings) {
   std::size_t size = 0;
   for (const Row& row : rows) {
-    if (row.value.setting == nullptr || !holds(row.when, given)) {
+    if (row.value.setting == nullptr || !isWritten(row, given)) {
       continue;
     }
     const Vello::String* const value = given.find(row.value.setting);

@@ -22,6 +22,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -95,6 +96,24 @@ VISIBLE ssize_t writev(int file, const struct iovec* pieces, int count) {
     return real(file, &half, 1);
   }
   return real(file, pieces, count);
+}
+
+VISIBLE int open(const char* path, int flags, ...) {
+  va_list more;
+  va_start(more, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
+  va_end(more);
+  const int error = (flags & O_CREAT) != 0 ? before("create", path) : 0;
+  return error != 0 ? failWith(error) : next<int(const char*, int, ...)>("open")(path, flags, mode);
+}
+
+VISIBLE int fcntl(int file, int command, ...) {
+  va_list more;
+  va_start(more, command);
+  void* const argument = va_arg(more, void*);
+  va_end(more);
+  const int error = command == F_SETLK ? before("lock", file) : 0;
+  return error != 0 ? failWith(error) : next<int(int, int, ...)>("fcntl")(file, command, argument);
 }
 
 VISIBLE int fchown(int file, uid_t owner, gid_t group) noexcept {
@@ -174,7 +193,8 @@ TEST_P(ApplyFailures, CallsAreInTheOrderThatOutlastsAPowerFailure) {
   EXPECT_TRUE(changed.update(2));
   onCall = nullptr;
   const std::string old = fs::path(changed.file).filename();
-  EXPECT_EQ(calls, (Lines{"close " + old, "unlink " + old + ".new", "write " + old + ".new", "fchown " + old + ".new",
+  EXPECT_EQ(calls, (Lines{"create " + old + ".lock", "lock " + old + ".lock", "close " + old, "unlink " + old + ".new",
+                          "create " + old + ".new", "write " + old + ".new", "fchown " + old + ".new",
                           "fchmod " + old + ".new", "fsync " + old + ".new", "close " + old + ".new",
                           "rename " + old + ".new", "fsync .", "close .", "close " + old + ".lock"}));
 }
@@ -182,6 +202,7 @@ TEST_P(ApplyFailures, CallsAreInTheOrderThatOutlastsAPowerFailure) {
 TEST_P(ApplyFailures, ThatComeBeforeTheMoveLeaveTheOldFile) {
   const std::pair<const char*, const char*> failures[] = {
       {"unlink", "Cannot remove what an earlier change left: Input/output error"},
+      {"create", "Cannot create the new file: Input/output error"},
       {"write", "Cannot write the new file: Input/output error"},
       {"fchown", "Cannot keep the owner and the group: Input/output error"},
       {"fchmod", "Cannot set the mode of the new file: Input/output error"},
@@ -202,6 +223,15 @@ TEST_P(ApplyFailures, ThatComeBeforeTheMoveLeaveTheOldFile) {
     EXPECT_EQ(readFile(changed.file), changed.whole(1));
     EXPECT_FALSE(exists(changed.newFile()));
   }
+  expectWorks();
+}
+
+TEST_P(ApplyFailures, ToLockLeaveTheOldFile) {
+  onCall = [](std::string_view function, std::string_view) { return function == "lock" ? ENOLCK : 0; };
+  const TraceRecorder traces;
+  EXPECT_FALSE(changed.update(2));
+  EXPECT_EQ(traces.errors(), Lines{line("Cannot lock the lock file: No locks available")});
+  EXPECT_EQ(readFile(changed.file), changed.whole(1));
   expectWorks();
 }
 
@@ -311,7 +341,7 @@ bool succeeds(pid_t child) {
 // Lets a call stop in the middle of its change, with the lock held, until it is told to go on.
 class StoppedChange {
  public:
-  StoppedChange() {
+  explicit StoppedChange(int releasesNeeded = 1) : releases(releasesNeeded) {
     EXPECT_EQ(pipe(reached), 0);
     EXPECT_EQ(pipe(released), 0);
   }
@@ -328,8 +358,12 @@ class StoppedChange {
     onCall = [this](std::string_view function, std::string_view) {
       if (function == "rename") {
         char byte = 0;
+        isStopped = true;
+        isStopped.notify_all();
         (void)!write(reached[1], &byte, 1);
-        (void)!read(released[0], &byte, 1);
+        for (int left = releases; left != 0; --left) {
+          (void)!read(released[0], &byte, 1);
+        }
       }
       return 0;
     };
@@ -341,9 +375,14 @@ class StoppedChange {
     EXPECT_EQ(read(reached[0], &byte, 1), 1);
   }
 
+  // The same, for another thread of its process.
+  void waitUntilStopped() const { isStopped.wait(false); }
+
   void release() const { EXPECT_EQ(write(released[1], "", 1), 1); }
 
  private:
+  const int releases;
+  std::atomic<bool> isStopped = false;
   int reached[2];
   int released[2];
 };
@@ -503,15 +542,26 @@ TEST_P(ApplyFailures, OfTheProcessAtAnyMomentLeaveTheOldFileOrTheNewOne) {
 
 // --- Waiting ---------------------------------------------------------------------------------------------------------
 
-// Both files at once, because it takes its time. That also shows that each has a lock of its own.
+// Both files at once, and another process at the same time as another thread of the first one, because it takes its
+// time. That also shows that each file has a lock of its own.
 TEST(ApplyWaits, TenSecondsForTheLockAndNotLonger) {
   resetHost();
   const ChangedFile* const files[] = {&changedConnections, &changedSecrets};
-  StoppedChange stopped[2];
+  StoppedChange stopped[] = {StoppedChange(2), StoppedChange(2)};
   pid_t holders[2];
   for (int i = 0; i < 2; ++i) {
     writeFile(files[i]->file, files[i]->whole(1));
-    holders[i] = start([&, i] { return stopped[i].update(*files[i], 2); });
+    holders[i] = start([&, i] {
+      bool isRefused = false;
+      std::thread other([&, i] {
+        stopped[i].waitUntilStopped();
+        isRefused = !files[i]->update(4);
+        stopped[i].release();
+      });
+      const bool isUpdated = stopped[i].update(*files[i], 2);
+      other.join();
+      return isUpdated && isRefused;
+    });
     stopped[i].waitUntilReached();
   }
   const TraceRecorder traces;

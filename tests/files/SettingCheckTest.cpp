@@ -133,7 +133,7 @@ const std::vector<Values> valuesOfSettings = {
     {"marginbytes", {"0"}, {"1k"}},
     {"reauth", {"yes", "no", ""}, {"Yes", "1"}},
     {"ike",
-     {"aes256-sha256-modp2048,aes128gcm16-prfsha1-ecp256!", ""},
+     {"aes256-sha256-modp2048,aes128gcm16-prfsha1-ecp256!", "", "\" \""},
      {"aes256-sha256", "foo", "aes256-sha256-ecp256,"}},
     {"esp", {"aes256", "aes256gcm16-x25519-ke1_mlkem768"}, {"sha256", "aes256-aes256gcm16", "aes256-ke1_sha1"}},
     {"tunnelMode", {"IpsecGre", "IpsecVti", "", "other"}, {"IpsecGRE", "ipsecvti"}},
@@ -225,10 +225,11 @@ TEST(CheckConnection, AddsUpWhatTheDaemonMustPassOn) {
 TEST(CheckSecret, NamesTheSettingOfABadValue) {
   const stringmap entry = {{"peerIp", "10.0.0.2"}, {"key", "\"a secret\""}};
   EXPECT_EQ(inSecret(entry), "");
-  for (const char* const key : {"abc", "'a b'", "0x6162", "0sYWJj", "0x", "it's", "a\"b"}) {
+  for (const char* const key : {"abc", "'a b'", "0x6162", "0x61:62", "0sYWJj", "0x", "it's", "a\"b"}) {
     EXPECT_EQ(inSecret(with(entry, {{"key", key}})), "") << key;
   }
-  for (const char* const key : {"", "a b", "\"a\" b", "\"a", "'", "0xzz", "0sYWJ", "0sY=Jj", "#a", "a\tb", "a\n"}) {
+  for (const char* const key :
+       {"", "a b", "\"a\" b", "\"a", "'", "0xzz", "0x6:162", "0sYWJ", "0sY=Jj", "#a", "a\tb", "a\n"}) {
     EXPECT_EQ(inSecret(with(entry, {{"key", key}})), "key") << key;
   }
   for (const char* const peer : {"fd50::1", "%any", "host.example.org", "@a", "a@b", "10.0.0.1 10.0.0.2", "\"CN=a\""}) {
@@ -269,6 +270,7 @@ TEST(CheckConnection, NamesWhatAMistakeResembles) {
   names(with(ordinary(), {{"ike", "aes256-sha265-modp2048"}}), "sha256");
   names(with(ordinary(), {{"tunnelMode", "IPsecVti"}}), "IpsecVti");
   EXPECT_EQ(textFor(with(ordinary(), {{"unheardOf", ""}})), "There is no setting of this name.");
+  EXPECT_EQ(textFor(with(ordinary(), {{std::string(1000, 'l'), ""}})), "There is no setting of this name.");
 }
 
 // A text that holds this, or a part of it, came from the caller.
