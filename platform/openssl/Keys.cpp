@@ -349,7 +349,8 @@ int EVP_PKEY_get_shared_secret(EVP_PKEY* own, EVP_PKEY* peer, unsigned char** se
   if (own == nullptr || peer == nullptr) {
     return 1;
   }
-  const bool modp = EVP_PKEY_is_a(own, "EC") != 1;  // of either kind, "DH" or "DHX"
+  // Asked by number: EVP_PKEY_is_a() would look the name up under four locks that all threads share.
+  const bool modp = EVP_PKEY_get_id(own) != EVP_PKEY_EC;
   if (modp && !peerIsAcceptable(own, peer)) {
     return 1;
   }
