@@ -51,6 +51,7 @@ EXCHANGE_GOALS = {
 PRF_GOAL = 1.10
 WRITER_GOAL = 3.00  # as a multiple of the cp command's CPU time for a copy of the same file
 WRITER_RATIO = "library to cp command"
+LOCK_KINDS = ("read", "write", "mutex")
 
 
 class Results:
@@ -102,6 +103,8 @@ def measure(build, quick):
     results.run(os.path.join(programs, "footprint-bench"), ["--slices", str(slices)])
     print(f"\r  {'apply-bench':<36}", end="", file=sys.stderr, flush=True)
     results.run(os.path.join(programs, "apply-bench"), ["--slices", "3" if quick else "10"], folder=programs)
+    print(f"\r  {'thread-bench':<36}", end="", file=sys.stderr, flush=True)
+    results.run(os.path.join(programs, "thread-bench"), ["--slices", "3" if quick else "25"])
     libraries = ["libcrypto.so.3", os.path.join(os.path.abspath(build), "libipsechelpers.so.1")]
     for _ in range(3 if quick else 15):
         results.run(os.path.join(programs, "load-bench"), libraries)
@@ -196,7 +199,28 @@ def print_table(results):
                     f"  {label:<48}{'ratio':>6}{ratio:>8.3f}{'goal':>7}{goal:>6.2f}{'met':>6} "
                     f"{'yes' if ratio <= goal else 'NO'}"
                 )
+    print_threads(results)
     print_applied(results)
+
+
+def print_threads(results):
+    for number, case in enumerate(results.cases("threads")):
+        if number == 0:
+            print("\nIKE SA set-ups per second, of all threads together")
+            print(f"  {'':<30}{'threads':>8}{'library':>10}{'OpenSSL':>10}{'ratio':>8}")
+        group, threads = case.split()
+        label = f"group {group}, {GROUPS[group]}"
+        ours, theirs = (results.median("threads", case, side) for side in ("library", "openssl"))
+        print(f"  {label:<30}{threads:>8}{ours:>10.0f}{theirs:>10.0f}{ours / theirs:>8.3f}")
+    for number, case in enumerate(results.cases("locks")):
+        if number == 0:
+            print("\nLocks that a set-up takes, for reading + for writing + mutexes")
+        label = f"group {case}, {GROUPS[case]}"
+        sides = [
+            f"{side} " + " + ".join(figure(results.median("locks", case, f"{side} {kind}")) for kind in LOCK_KINDS)
+            for side in ("library", "openssl")
+        ]
+        print(f"  {label:<40}{'; '.join(sides)}")
 
 
 def applied(results):
