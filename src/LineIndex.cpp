@@ -1,6 +1,7 @@
 #include "LineIndex.h"
 
 #include <algorithm>
+#include <bit>
 #include <new>
 
 namespace Ipsec {
@@ -70,9 +71,9 @@ LineIndex::Number LineIndex::first(std::string_view start) {
     }
     const std::uint32_t matched = place.matched + node.labelLength;
     if (matched < start.size()) {
-      for (NodeNumber child = node.firstChild; child != 0; child = nodes[child].nextSibling) {
-        if (matchesOne(read[matched * step], nodes[child].labelBegin) && nodes[child].smallest < found) {
-          places.push_back({child, matched});
+      for (const Child& child : childrenOf(node)) {
+        if (matchesOne(read[matched * step], child.labelBegin) && nodes[child.node].smallest < found) {
+          places.push_back({child.node, matched});
         }
       }
     } else if (covers == LineMatcher::Covers::Start) {
@@ -107,19 +108,32 @@ bool LineIndex::matches(const Node& node, const char* start, std::size_t length)
   return count == node.labelLength || count == length;
 }
 
+std::span<const LineIndex::Child> LineIndex::childrenOf(const Node& node) const {
+  return {children.data() + node.firstChild, node.childCount};
+}
+
 // Returns the child whose label begins with a character, or 0.
 LineIndex::NodeNumber LineIndex::childFor(NodeNumber parent, char next) const {
-  NodeNumber child = nodes[parent].firstChild;
-  while (child != 0 && nodes[child].labelBegin != next) {
-    child = nodes[child].nextSibling;
+  for (const Child& child : childrenOf(nodes[parent])) {
+    if (child.labelBegin == next) {
+      return child.node;
+    }
   }
-  return child;
+  return 0;
 }
 
 LineIndex::NodeNumber LineIndex::addChild(NodeNumber parent, const char* label, std::size_t length) {
   const auto child = static_cast<NodeNumber>(nodes.size());
-  nodes.push_back({label, static_cast<std::uint32_t>(length), nodes[parent].firstChild, 0, none, none, *label});
-  nodes[parent].firstChild = child;
+  nodes.push_back({label, static_cast<std::uint32_t>(length), 0, 0, none, none});
+  Node& above = nodes[parent];
+  if (above.childCount == 0 || std::has_single_bit(above.childCount)) {  // all the room is taken: make twice as much
+    const std::size_t room = children.size();
+    children.resize(room + std::max<std::size_t>(1, 2 * above.childCount));
+    std::copy_n(children.begin() + static_cast<std::ptrdiff_t>(above.firstChild), above.childCount,
+                children.begin() + static_cast<std::ptrdiff_t>(room));
+    above.firstChild = room;
+  }
+  children[above.firstChild + above.childCount++] = {child, *label};
   return child;
 }
 
@@ -128,19 +142,20 @@ void LineIndex::split(NodeNumber node, std::uint32_t length) {
   Node rest = nodes[node];
   rest.label += length * step;
   rest.labelLength -= length;
-  rest.labelBegin = *rest.label;
-  rest.nextSibling = 0;
+  const auto below = static_cast<NodeNumber>(nodes.size());
   nodes.push_back(rest);
   Node& above = nodes[node];
   above.labelLength = length;
-  above.firstChild = static_cast<NodeNumber>(nodes.size() - 1);
+  above.childCount = 1;
+  above.firstChild = children.size();
   above.firstLine = none;
+  children.push_back({below, *rest.label});
 }
 
 LineIndex::Number LineIndex::smallestBelow(const Node& node) const {
   Number smallest = node.firstLine;
-  for (NodeNumber child = node.firstChild; child != 0; child = nodes[child].nextSibling) {
-    smallest = std::min(smallest, nodes[child].smallest);
+  for (const Child& child : childrenOf(node)) {
+    smallest = std::min(smallest, nodes[child.node].smallest);
   }
   return smallest;
 }

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -41,13 +42,19 @@ class LineIndex {
   struct Node {
     const char* label = nullptr;  // what it adds to the node above: its first character in the order of reading
     std::uint32_t labelLength = 0;
-    NodeNumber nextSibling = 0;  // 0 stands for no node: the root is neither a child nor a sibling
-    NodeNumber firstChild = 0;
-    Number firstLine = none;  // of the lines that end here, which are chained in their order
-    Number smallest = none;   // the smallest number here and below
-    char labelBegin = 0;
+    std::uint32_t childCount = 0;
+    std::size_t firstChild = 0;  // the place of its children, with room for as many as the next power of two
+    Number firstLine = none;     // of the lines that end here, which are chained in their order
+    Number smallest = none;      // the smallest number here and below
   };
   static_assert(sizeof(Node) == 32);
+
+  // All children of a node lie side by side, so that a search looks at one or two cache lines for the one it goes on
+  // with.
+  struct Child {
+    NodeNumber node;
+    char labelBegin;
+  };
 
   // A node to be searched, and how much of the start the nodes above it have matched.
   struct Place {
@@ -64,6 +71,7 @@ class LineIndex {
   const char* begin(std::string_view line) const;
   std::uint32_t common(const Node& node, const char* line, std::size_t length) const;
   bool matches(const Node& node, const char* start, std::size_t length) const;
+  std::span<const Child> childrenOf(const Node& node) const;
   NodeNumber childFor(NodeNumber parent, char next) const;
   NodeNumber addChild(NodeNumber parent, const char* label, std::size_t length);
   void split(NodeNumber node, std::uint32_t length);
@@ -72,6 +80,7 @@ class LineIndex {
   LineMatcher::Covers covers;
   std::ptrdiff_t step;  // from one character to the next in the order of reading
   std::vector<Node> nodes;
+  std::vector<Child> children;
   std::vector<Equal> equals;
   std::vector<Place> places;     // of a search, kept for its memory
   std::vector<NodeNumber> path;  // of a removal, likewise
