@@ -9,8 +9,9 @@ test is one that a test program lists, or a folder of golden files.
 
 import pathlib
 import re
-import subprocess
 import sys
+
+from listed_tests import known_tests
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 ROWS = "docs/kept.md"
@@ -50,29 +51,11 @@ def marks(breaches):
     return found
 
 
-def listed_tests(program):
-    """Returns the tests of a program as Suite.Name, without what parameters and types add."""
-    listing = subprocess.run([program, "--gtest_list_tests"], stdout=subprocess.PIPE, text=True, check=True).stdout
-    names = set()
-    suites = []
-    for line in listing.splitlines():
-        name = line.split("#")[0].strip()
-        if line.startswith("  "):
-            names.update(f"{suite}.{name.split('/')[0]}" for suite in suites)
-        elif name.endswith("."):
-            suites = name[:-1].split("/")
-    return names
-
-
-def golden_folders():
-    return {path.name for folder in (ROOT / "tests").rglob("golden") for path in folder.iterdir() if path.is_dir()}
-
-
 def main():
     if len(sys.argv) < 2:
         sys.exit(__doc__)
     breaches = []
-    known = golden_folders().union(*(listed_tests(program) for program in sys.argv[1:]))
+    known = known_tests(sys.argv[1:])
     all_rows, all_marks = rows(breaches), marks(breaches)
     for place, key, tests in all_rows:
         if key not in all_marks:
