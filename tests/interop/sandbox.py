@@ -116,10 +116,10 @@ def namespaces_missing():
     return f"mount, network and pid namespaces with a veth pair ({result.stderr.strip()})"
 
 
-def run_inside(name):
+def run_inside(name, lacks=what_is_missing):
     """Starts this program again inside private namespaces, with --inside and a scratch folder; returns its exit code.
     Where the machine lacks something it says so and returns 77, or 1 when CI is set."""
-    missing = what_is_missing() or namespaces_missing()
+    missing = lacks() or namespaces_missing()
     if missing:
         in_ci = bool(os.environ.get("CI"))
         print(f"{name}: {'FAILED' if in_ci else 'SKIPPED'}: this machine lacks {missing}", flush=True)
