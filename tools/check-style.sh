@@ -28,6 +28,8 @@ never() {
 never '#include "(?!base/)' 'The ground floor includes nothing else of ours:' 'base/*'
 never '#include "(?!base/|platform/)' 'A platform includes the seam and the ground floor, nothing of the library:' \
   'platform/*'
+never '#include "platform/linux/' 'Only the stand-in and its own tests see it from inside:' '*.cpp' '*.h' \
+  ':!platform/linux/*' ':!tests/platform/*' ':!tests/fuzz/TraceLevelsFuzz.cpp' ':!tests/fuzz/VrfFuzz.cpp'
 never '#include "(?!base/|platform/CryptoShim\.h")' 'The shim includes its interface and the ground floor alone:' \
   'platform/openssl/*'
 never '#include "(?!base/|platform/\w+\.h"|\w+\.h")' \
@@ -35,8 +37,8 @@ never '#include "(?!base/|platform/\w+\.h"|\w+\.h")' \
 never '#include "(?!Ipsec\.h"|platform/\w+\.h")' 'A public header includes the seam and Ipsec.h alone:' 'include/*'
 never '#include "(platform/\w+/|(\.\./)*src/)' 'Examples and benchmarks see no platform from inside, and no source:' \
   'examples/*' 'bench/*'
-never 'TraceCapture\.h"' 'Only tests watch the stand-in platform trace:' \
-  '*.cpp' '*.h' ':!tests/*' ':!platform/linux/Trace.cpp'
+never '#include "platform/testing/' 'Only tests use what a platform has for them, and only platforms implement it:' \
+  '*.cpp' '*.h' ':!tests/*' ':!platform/linux/*'
 never '#include ".*\.cpp"' 'One test includes a source, no other file does:' '*.cpp' '*.h' \
   ':!tests/dh/DhInternalsTest.cpp'
 

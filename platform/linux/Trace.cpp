@@ -2,8 +2,8 @@
 
 #include "base/CancellationHeld.h"
 #include "platform/linux/TextSink.h"
-#include "platform/linux/TraceCapture.h"
 #include "platform/linux/TraceLevels.h"
+#include "platform/testing/TraceCapture.h"
 
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/ringbuffer_sink.h>

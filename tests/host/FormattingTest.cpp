@@ -1,19 +1,14 @@
 #include "Ipsec.h"
-#include "platform/linux/VrfSegment.h"
+#include "platform/testing/VrfTable.h"
 #include "tests/support/TraceRecorder.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -116,62 +111,29 @@ TEST(Timestamp, IsEmptyForATimeWithoutAYear) {
 // The test's own VRF status table.
 class VrfName : public testing::Test {
  protected:
-  VrfName() : segment("/ipsec-formatting-test-" + std::to_string(getpid())) {
-    table = VrfIdMap::Status::create(segment.c_str());
-  }
-  ~VrfName() override { VrfIdMap::Status::remove(segment.c_str()); }
+  std::string name(std::uint32_t vrf) const { return vrfIdToName(VrfIdMap::VrfId(vrf), reader).string().str(); }
 
-  std::string name(std::uint32_t vrf) const { return vrfIdToName(VrfIdMap::VrfId(vrf), table).string().str(); }
-
-  // Changes a byte of a stored name without the table's knowledge.
-  void damage(const std::string& stored) const {
-    std::fstream memory("/dev/shm" + segment, std::ios::in | std::ios::out | std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(memory), {}};
-    const std::size_t found = bytes.find(stored);
-    ASSERT_NE(found, std::string::npos);
-    memory.clear();
-    memory.seekp(static_cast<std::streamoff>(found));
-    memory.put('X');
-    ASSERT_TRUE(memory.flush());
-  }
-
-  // Gives the first entry another length and a matching checksum, as a faulty writer would.
-  void setStoredLength(std::uint32_t length) const {
-    const int file = shm_open(segment.c_str(), O_RDWR, 0);
-    ASSERT_GE(file, 0);
-    void* const memory = mmap(nullptr, sizeof(Vrf::Segment), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    (void)close(file);
-    ASSERT_NE(memory, MAP_FAILED);
-    const Vrf::MappedSegment mapped(static_cast<Vrf::Segment*>(memory));
-    Vrf::Slot& slot = mapped->slots[0];
-    Vrf::SlotCopy& copy = slot.copyOf(slot.changes);
-    copy[Vrf::LengthWord] = length;
-    Vrf::SlotWords words;
-    std::copy(copy.begin(), copy.end(), words.begin());
-    copy[Vrf::ChecksumWord] = Vrf::checksumOf(words);
-  }
-
-  std::string segment;
-  Vello::Ptr<VrfIdMap::Status> table;
+  const Vrf::TestTable table{"/ipsec-formatting-test-" + std::to_string(getpid())};
+  const Vello::Ptr<VrfIdMap::Status> reader = table.open();
 };
 
 using VrfNameDeathTest = VrfName;
 
 TEST_F(VrfName, ComesFromTheTable) {
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), "customer-a"));
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(8), "customer-b"));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), "customer-a"));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(8), "customer-b"));
   EXPECT_EQ(name(7), "customer-a");
   EXPECT_EQ(name(8), "customer-b");
 }
 
 TEST_F(VrfName, OfTheDefaultVrfIsWhatItsEntryHolds) {
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(0), "main"));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(0), "main"));
   EXPECT_EQ(name(0), "main");
 }
 
 TEST_F(VrfName, MayHave100BytesAndNoMore) {
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(1), std::string(100, 'a')));
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(2), std::string(101, 'b')));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(1), std::string(100, 'a')));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(2), std::string(101, 'b')));
   EXPECT_EQ(name(1), std::string(100, 'a'));
   try {
     (void)name(2);
@@ -182,9 +144,9 @@ TEST_F(VrfName, MayHave100BytesAndNoMore) {
 }
 
 TEST_F(VrfName, OfALengthThatNoEntryHoldsIsRefused) {
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), std::string(101, 'a')));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), std::string(101, 'a')));
   for (const std::uint32_t length : {102U, 105U, 0xFFFFFFFFU}) {
-    setStoredLength(length);
+    table.setStoredLength(VrfIdMap::VrfId(7), length);
     try {
       (void)name(7);
       ADD_FAILURE() << "A name of " << length << " bytes was accepted.";
@@ -196,7 +158,7 @@ TEST_F(VrfName, OfALengthThatNoEntryHoldsIsRefused) {
 }
 
 TEST_F(VrfName, IsTracedNowhere) {
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), "customer-a"));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), "customer-a"));
   const TraceRecorder traces("IpsecUtils=0-31");
   (void)name(7);
   EXPECT_TRUE(traces.lines().empty());
@@ -207,22 +169,22 @@ TEST_F(VrfNameDeathTest, AnUnknownVrfStopsTheProcess) {
 }
 
 TEST_F(VrfNameDeathTest, AVrfWithoutANameStopsTheProcess) {
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7)));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7)));
   EXPECT_DEATH((void)name(7), "IpsecUtils\\.cpp:.*vrfIdToName.*`vrfName'");
 }
 
 TEST_F(VrfNameDeathTest, ADamagedEntryGoesToTheHandlerAndThenStopsTheProcess) {
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), "customer-a"));
-  damage("customer-a");
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), "customer-a"));
+  table.damage("customer-a");
   std::string message;
   try {
-    (void)table->vrfEntry(VrfIdMap::VrfId(7));
+    (void)reader->vrfEntry(VrfIdMap::VrfId(7));
     FAIL() << "The damage was not seen.";
   } catch (const Vello::CorruptionDetectedException& corruption) {
     message = corruption.what();
   }
   ASSERT_FALSE(message.empty());
-  table->setCorruptionHandler([&message](const char* text) {
+  reader->setCorruptionHandler([&message](const char* text) {
     if (message == text) {
       (void)!write(STDERR_FILENO, "handled;", 8);
     }
@@ -231,9 +193,9 @@ TEST_F(VrfNameDeathTest, ADamagedEntryGoesToTheHandlerAndThenStopsTheProcess) {
 }
 
 TEST_F(VrfName, OfAnotherEntryIsReadBesideADamagedOne) {
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), "customer-a"));
-  table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(8), "customer-b"));
-  damage("customer-a");
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(7), "customer-a"));
+  table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(8), "customer-b"));
+  table.damage("customer-a");
   EXPECT_EQ(name(8), "customer-b");
 }
 

@@ -1,7 +1,7 @@
 // What a capture sees, and the ring.
 
 #include "platform/Trace.h"
-#include "platform/linux/TraceCapture.h"
+#include "platform/testing/TraceCapture.h"
 #include "tests/platform/Children.h"
 
 #include <gtest/gtest.h>

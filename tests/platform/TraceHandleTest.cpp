@@ -1,7 +1,7 @@
 // Text traces and their levels.
 
 #include "platform/Trace.h"
-#include "platform/linux/TraceCapture.h"
+#include "platform/testing/TraceCapture.h"
 #include "tests/platform/Roles.h"
 
 #include <gtest/gtest.h>

@@ -5,7 +5,7 @@
 //   EXPECT_EQ(traces.errors(), std::vector<std::string>{"IpsecDHGeneral::initIpsecDH Cannot initialize ..."});
 #pragma once
 
-#include "platform/linux/TraceCapture.h"
+#include "platform/testing/TraceCapture.h"
 
 #include <mutex>
 #include <string>

@@ -4,7 +4,7 @@
 // OpenSSL's allocator can be replaced only before its first use, so this program has its own main.
 
 #include "base/OpenSslPtr.h"
-#include "platform/linux/TraceCapture.h"
+#include "platform/testing/TraceCapture.h"
 #include "tests/support/CryptoCases.h"
 #include "tests/support/OperatorNew.h"
 

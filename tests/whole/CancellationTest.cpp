@@ -5,6 +5,7 @@
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "platform/Trace.h"
+#include "platform/testing/VrfTable.h"
 #include "tests/support/HostTests.h"
 #include "tests/support/PrivateMounts.h"
 
@@ -91,11 +92,9 @@ const Call calls[] = {
     {"vrfStatus",
      [] {
        using Vrf::VrfIdMap;
-       const std::string name = "/cancellation-test-" + std::to_string(getpid());
-       const auto table = VrfIdMap::Status::create(name.c_str());
-       table->set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(1), "one"));
-       (void)VrfIdMap::Status::open(name.c_str())->vrfEntry(VrfIdMap::VrfId(2));
-       VrfIdMap::Status::remove(name.c_str());
+       const Vrf::TestTable table("/cancellation-test-" + std::to_string(getpid()));
+       table.set(VrfIdMap::VrfEntry(VrfIdMap::VrfId(1), "one"));
+       (void)table.open()->vrfEntry(VrfIdMap::VrfId(2));
      }},
 };
 
