@@ -47,9 +47,15 @@ class DevCommand(unittest.TestCase):
     def environment(self):
         return {"PATH": str(self.programs), "TMPDIR": str(self.scratch), "TERM": "xterm"}
 
-    def run_dev(self, *arguments):
+    def run_dev(self, *arguments, cwd=None):
         return subprocess.run(
-            [self.dev, *arguments], env=self.environment(), capture_output=True, text=True, timeout=60, check=False
+            [self.dev, *arguments],
+            env=self.environment(),
+            cwd=cwd,
+            capture_output=True,
+            text=True,
+            timeout=60,
+            check=False,
         )
 
     def calls(self):
@@ -63,13 +69,26 @@ class DevCommand(unittest.TestCase):
         return folder / "left over"
 
     def test_help_lists_every_command_and_a_wrong_one_is_refused(self):
-        commands = " | ".join(re.findall(r"^  ([a-z |]+)\) \"\$1\" ", DEV.read_text(), re.MULTILINE)).split(" | ")
+        lists = re.findall(r"^  ([a-z |\\\n]+)\) \"\$1\" ", DEV.read_text(), re.MULTILINE)
+        commands = re.findall("[a-z]+", " ".join(lists))
         self.assertGreater(len(commands), 8)
         shown = self.run_dev("help")
         self.assertEqual(shown.returncode, 0)
         for command in [*commands, "test"]:
             self.assertRegex(shown.stdout, rf"(?m)^  {command}  ")
         self.assertEqual(self.run_dev("nonsense").returncode, 2)
+
+    def test_a_platform_is_named_by_its_folder_as_the_caller_sees_it(self):
+        self.program("python3", "exit 0")
+        for wrong in ([], ["no-such-folder"]):
+            done = self.run_dev("platform", *wrong)
+            self.assertEqual((done.returncode, len(done.stderr.splitlines())), (2, 1), done.stderr)
+        mine = self.folder / "mine"
+        mine.mkdir()
+        done = self.run_dev("platform", "mine", "-R", "Some", cwd=self.folder)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertIn(f"cmake --preset platform -B build/platform -DIPSEC_PLATFORM={mine.resolve()}", self.calls())
+        self.assertRegex(self.calls(), r"ctest --test-dir build/platform .*-R Some")
 
     def test_without_apt_one_sentence_says_what_is_needed(self):
         for missing in ("apt-get", "dpkg-query"):

@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# Builds the library with other platforms than the stand-in: run.sh BUILD, a folder with the libraries already built.
+# Builds with other platforms than the stand-in, and runs tests with one: run.sh BUILD, a folder in which the libraries
+# and the tests have been built.
 set -uo pipefail
 
 if [ $# -ne 1 ] || [ ! -e "$1/libipsecplatform.so.1" ]; then
-  echo "Usage: run.sh BUILD, a folder in which the libraries have been built" >&2
+  echo "Usage: run.sh BUILD, a folder in which the libraries and the tests have been built" >&2
   exit 2
 fi
-platform=$(readlink -f "$1/libipsecplatform.so.1")
+build=$(readlink -f "$1")
 cd "$(dirname "$(readlink -f "$0")")" || exit 1
 source=$(readlink -f ../../..)
+minimal=$source/examples/platform-minimal
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failed=0
@@ -27,16 +29,38 @@ check() {
 }
 
 outside_target() {
-  cmake -G Ninja -S . -B "$work/target" -DIPSEC_SOURCE="$source" -DPLATFORM_LIBRARY="$platform" &&
+  cmake -G Ninja -S . -B "$work/target" -DCMAKE_BUILD_TYPE=Debug -DIPSEC_SOURCE="$source" \
+    -DPLATFORM_LIBRARY="$build/libipsecplatform.so.1" &&
     cmake --build "$work/target" &&
     readelf -d "$work/target/ipsec/libipsechelpers.so" | grep -q 'NEEDED.*libipsecplatform.so.1' &&
     [ ! -e "$work/target/ipsec/libipsecplatform.so" ] && ! grep -q 'platform/linux' "$work/target/build.ninja"
 }
 
 folder() {
-  cmake -G Ninja -S "$source" -B "$work/folder" -DIPSEC_TESTS=OFF -DIPSEC_EXAMPLES=OFF -DIPSEC_PLATFORM="$PWD/folder" &&
-    grep -q "$PWD/folder/Platform.cpp" "$work/folder/build.ninja" &&
-      ! grep -q 'platform/linux' "$work/folder/build.ninja"
+  cmake -G Ninja -S "$source" -B "$work/minimal" -DIPSEC_PLATFORM="$minimal" &&
+    ! grep -q 'platform/linux' "$work/minimal/build.ninja" &&
+    python3 "$source/tools/disabled-tests.py" "$work/minimal" "$minimal" &&
+    cmake --build "$work/minimal" --target ipsecplatform
+}
+
+# The headers are the same, and so is what a platform's library exports: one can stand in for the other at run time.
+swapped() {
+  local name
+  export LD_LIBRARY_PATH=$work/minimal
+  for name in DhModpTest DhEcpTest HmacPrfTest PrfPlusTest NonceTest ConnectionsFileTest SecretsFileTest HostTest \
+    ModulesTest InterfaceTest SecrecyTest; do
+    ldd "$build/tests/$name" | grep "$work/minimal/libipsecplatform.so.1" || return 1
+    "$build/tests/$name" || [ $? -eq 77 ] || return 1
+  done
+}
+
+# A platform's own header goes before the one of the same name here, also where a header of this tree includes it.
+own_header() {
+  local object=CMakeFiles/ipsechelpers.dir/src/IpsecUtils.cpp.o
+  cmake -G Ninja -S "$source" -B "$work/own" -DCMAKE_BUILD_TYPE=Debug -DIPSEC_TESTS=OFF -DIPSEC_EXAMPLES=OFF \
+    -DIPSEC_PLATFORM="$PWD/folder" && cmake --build "$work/own" --target "$object" &&
+    ninja -C "$work/own" -t deps "$object" | grep -q "$PWD/folder/platform/Vrf.h" &&
+    ! ninja -C "$work/own" -t deps "$object" | grep -q "$source/platform/Vrf.h"
 }
 
 unknown() {
@@ -46,5 +70,7 @@ unknown() {
 
 check "a target of an enclosing project" outside_target
 check "a folder elsewhere" folder
+check "the tests with the library of that folder in place of the stand-in's" swapped
+check "a platform with a header of its own" own_header
 check "a platform that is neither is refused by name" unknown
 [ "$failed" -eq 0 ]
