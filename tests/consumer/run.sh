@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs a build into a separate folder and builds a program against what is installed there: run.sh BUILD.
 # C++17 and C++20, g++ and clang++, CMake and pkg-config. Every warning counts, including those in the installed
-# headers. The examples in their comments are compiled and run too.
+# headers. The examples in their comments and the program of the README are compiled and run too.
 set -uo pipefail
 cd "$(dirname "$(readlink -f "$0")")" || exit 1
 
@@ -74,6 +74,19 @@ broken_example() {
   ! header_examples "$1" 17 "$work/broken/Ipsec.h" && grep -q "$3" "$work/log"
 }
 
+# page_holds PAGE: builds and runs the program of a page by the page's own commands; it must print what the page says.
+page_holds() {
+  python3 page.py --program "$1" >"$work/tour.cpp" && python3 page.py --output "$1" >"$work/expected" &&
+    python3 page.py --commands "$1" >"$work/commands" || return 1
+  (cd "$work" && LD_LIBRARY_PATH=$libraries sh -e commands) >"$work/printed" && diff "$work/expected" "$work/printed"
+}
+
+# A page whose program prints something else must be refused, or the check proves nothing.
+page_that_lies() {
+  sed 's/{ENCR_AES_GCM_16, 256}/{ENCR_AES_GCM_16, 128}/' ../../README.md >"$work/lie.md"
+  ! page_holds "$work/lie.md" && grep -q '^> 136 bytes of keys' "$work/log"
+}
+
 # A header that casts in the old style must be refused, or the checks above prove nothing.
 warning_is_seen() {
   rm -rf "$work/spoilt"
@@ -124,6 +137,13 @@ platform/Log.h platform/Process.h platform/Trace.h platform/Vrf.h"
 expect 'the key exchange example on its own' example
 
 skipped=0
+if unshare --map-root-user --mount true 2>/dev/null; then
+  expect 'the program of the README prints what the README says' page_holds ../../README.md
+  expect 'a README whose program prints something else is an error' page_that_lies
+else
+  echo "SKIPPED: this machine allows no private mount namespace; the program of the README was not run." >&2
+  skipped=$((skipped + 1))
+fi
 for compiler in g++ clang++; do
   if command -v "$compiler" >/dev/null; then
     check_compiler "$compiler"
