@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -14,6 +15,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -37,8 +39,9 @@ void write(const char* path, const std::string& text) {
   file << text;
 }
 
-void title(const char* text) {
-  std::cout << "\n--- " << text << " ---\n" << std::flush;
+// A step: its title, and why it matters.
+void title(const char* text, const char* why) {
+  std::cout << "\n=== " << text << " ===\n" << why << "\n\n" << std::flush;
 }
 
 void expect(bool held, const char* what) {
@@ -72,17 +75,19 @@ void writeSecret(const char* peer, const char* key) {
 }
 
 void showFile(const char* path) {
-  title(path);
   struct stat status = {};
   expect(stat(path, &status) == 0, "the file is there");
-  std::printf("(mode %03o)\n", status.st_mode & 0777U);
+  std::printf("%s (mode %03o):\n", path, status.st_mode & 0777U);
   std::cout << contents(path);
 }
 
 void changeConnections() {
-  title("A connection's name");
+  title("Can one connection change and leave the others alone?",
+        "Each is a section with a name of its own, made from the VRF, both ends and a number. Six calls\n"
+        "write the defaults and three connections, then the first of these again with a longer lifetime,\n"
+        "and remove the second. Each call writes a new file and renames it: the daemon sees the old file or\n"
+        "the new one.");
   const std::string name = nameOf("10.0.0.1", "10.0.0.2", 7);
-  std::cout << name << "\n";
   expect(name == "default-10.0.0.1-10.0.0.2-local-7", "the name");
 
   Ipsec::writeConnections({{"uniqueids", "add"}, {"default", "%default"}, {"ikeVersion", "ikev2"}});
@@ -101,6 +106,9 @@ void changeConnections() {
 }
 
 void changeSecrets() {
+  title("Who can read the secrets?",
+        "Only their owner: the umask around the call gives the file its mode. There is one entry for each\n"
+        "peer; the first peer's secret has been replaced.");
   writeSecret("10.0.0.2", "\"first secret of the demo\"");
   writeSecret("2001:db8::2", "0x00112233445566778899aabbccddeeff");
   writeSecret("10.0.0.2", "\"second secret of the demo\"");
@@ -122,17 +130,22 @@ Ipsec::stringmap connection(const char* left, const char* right, std::uint32_t n
 
 // The same files in one step each, after a check.
 void checkApplyAndList() {
-  title("A check before the change");
+  title("Is a mistake found before the daemon sees it?",
+        "A connection has a version that the daemon would refuse, and a setting that is misspelt. The check\n"
+        "names both, in words for a log and without their values. No file is opened.");
   Ipsec::stringmap wrong = connection("10.0.0.1", "10.0.0.4", 10);
   wrong["ikeVersion"] = "2";
   wrong["lifetiem"] = "3600";
   std::vector<Ipsec::SettingProblem> problems;
   expect(!Ipsec::checkConnection(wrong, &problems) && problems.size() == 2, "two problems");
   for (const Ipsec::SettingProblem& problem : problems) {
-    std::cout << problem.setting << ": " << problem.text << "\n";
+    std::cout << "  " << problem.setting << ": " << problem.text << "\n";
   }
 
-  title("A thousand connections and their secrets in two calls");
+  title("And a thousand changes at once?",
+        "Two calls configure a thousand connections and their secrets: all of them or none, and they are on\n"
+        "the disk before the call returns. An agent that restarts asks what there is, and removes what is\n"
+        "no longer wanted.");
   std::vector<Ipsec::stringmap> connections;
   std::vector<Ipsec::stringmap> secrets;
   for (std::uint32_t number = 100; number < 1100; ++number) {
@@ -140,16 +153,19 @@ void checkApplyAndList() {
     connections.push_back(connection("10.0.0.1", peer.c_str(), number));
     secrets.push_back({{"peerIp", peer}, {"key", "\"secret of peer " + std::to_string(number) + "\""}});
   }
+  const auto start = std::chrono::steady_clock::now();
   expect(Ipsec::applyConnections(connections) && Ipsec::applySecrets(secrets), "the changes");
+  const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+  std::printf("  applied      in %.0f ms\n", took.count());
 
   std::vector<Vello::String> names;
   std::vector<Vello::String> peers;
   expect(Ipsec::listConnections(&names) && Ipsec::listSecrets(&peers), "the lists");
-  std::cout << names.size() << " connections, from " << names.front() << " to " << names.back() << "\n"
-            << peers.size() << " secrets, from " << peers.front() << " to " << peers.back() << "\n";
+  std::cout << "  configured   " << names.size() << " connections, from " << names.front() << " to " << names.back()
+            << "\n               " << peers.size() << " secrets, from " << peers.front() << " to " << peers.back()
+            << "\n";
   expect(names.size() == 1003 && peers.size() == 1002, "the numbers of connections and secrets");
 
-  title("What is no longer wanted goes, also in one step");
   std::vector<Ipsec::stringmap> removals;
   for (const Vello::String& name : names) {
     if (name != "%default") {
@@ -157,30 +173,28 @@ void checkApplyAndList() {
     }
   }
   expect(Ipsec::applyConnections(removals) && Ipsec::listConnections(&names), "the removals");
-  for (const Vello::String& name : names) {
-    std::cout << name << "\n";
-  }
   expect(names == std::vector<Vello::String>{"%default"}, "what is left");
+  std::cout << "  left         " << names.front() << ", after one call that removed the others\n";
 }
 
 void askForDaemon() {
-  title("Does the daemon run?");
+  title("Does the daemon run?", "The library asks the process whose number is in the daemon's pid file.");
   const bool before = Ipsec::isSswanRunning();
-  std::cout << "without a pid file: " << (before ? "yes" : "no") << "\n";
+  std::cout << "  without a pid file                       " << (before ? "yes" : "no") << "\n";
   write(pidFile, std::to_string(getpid()) + "\n");  // The demo itself takes the part of the daemon.
   const bool after = Ipsec::isSswanRunning();
-  std::cout << "with the pid file of a running process: " << (after ? "yes" : "no") << "\n";
+  std::cout << "  with the pid file of a running process   " << (after ? "yes" : "no") << "\n";
   expect(!before && after, "the daemon's liveness");
 }
 
 void setReplayWindow() {
-  title("The kernel's limit of replay windows");
+  title("Is the kernel ready?",
+        "Fast links need replay windows beyond the kernel's default limit, and ESP needs its crypto\n"
+        "modules. A tool that only notes its arguments stands in for modprobe and rmmod here.");
   write(replaySetting, "4096\n");
   Ipsec::setMaxReplayWindow();
   expect(contents(replaySetting) == "65536\n", "the setting");
-  fs::remove(replaySetting);
-  Ipsec::setMaxReplayWindow();  // On a kernel without the setting.
-  expect(!fs::exists(replaySetting), "the missing setting");
+  std::cout << "  limit of replay windows   4096 before, 65536 after\n";
 }
 
 // Installs a module tool that only records its arguments. The library reports only a tool that cannot be run.
@@ -190,30 +204,30 @@ void placeModuleTool(const char* path) {
 }
 
 void handleModules() {
-  title("Kernel modules");
   placeModuleTool("/sbin/modprobe");
   placeModuleTool("/sbin/rmmod");
   Ipsec::enableCryptoModules();
   Ipsec::enableFlowEncapModule();
   Ipsec::disableCryptoModules();
-  expect(contents("/etc/commands") ==
+  const std::string commands = contents("/etc/commands");
+  expect(commands ==
              "/sbin/modprobe aes-x86_64\n/sbin/modprobe aesni_intel\n/sbin/modprobe crypto_null\n"
              "/sbin/modprobe ipsec_flow_parallelization\n"
              "/sbin/rmmod aesni_intel\n/sbin/rmmod aes-x86_64\n/sbin/rmmod crypto_null\n",
          "the commands");
-  title("Kernel modules on a host without the tool");
-  fs::remove("/sbin/modprobe");
-  Ipsec::enableFlowEncapModule();
+  std::istringstream lines(commands);
+  for (std::string line; std::getline(lines, line);) {
+    std::cout << "  command                   " << line << "\n";
+  }
 }
 
-// The levels of the text trace are read when the library is loaded, so the program sets them and starts again.
-void startWithTraces(char** argv) {
-  if (std::getenv("TRACE_LEVELS") != nullptr) {
-    return;
-  }
-  expect(setenv("TRACE_LEVELS", "IpsecUtils=0-8,IpsecDaemon=0-8", 1) == 0, "the environment");
-  (void)execv("/proc/self/exe", argv);
-  throw std::runtime_error("cannot start again");
+void failOnPurpose() {
+  title("What does a failure look like?",
+        "The module tool is gone now, and a module is asked for again. A failure is one line on standard\n"
+        "error: when, which part, how grave (0 is an error), where in the source, and what. Nothing else in\n"
+        "this demo fails, so it is the only such line. No key and no setting's value is ever in one:");
+  fs::remove("/sbin/modprobe");
+  Ipsec::enableFlowEncapModule();
 }
 
 // Returns the program's exit code for a machine that does not allow a private host.
@@ -226,22 +240,23 @@ int skipped(const std::exception& reason) {
 
 }  // namespace
 
-int main(int, char** argv) {
+int main() {
   try {
-    startWithTraces(argv);
     enterPrivateHost();
   } catch (const std::exception& error) {
     return skipped(error);
   }
   try {
     (void)dup2(STDOUT_FILENO, STDERR_FILENO);  // The traces then appear between the lines that they belong to.
-    std::cout << std::unitbuf << "A configuration change, in its own mount namespace\n";
+    (void)std::setvbuf(stdout, nullptr, _IONBF, 0);
+    std::cout << std::unitbuf;
     changeConnections();
     changeSecrets();
     checkApplyAndList();
     askForDaemon();
     setReplayWindow();
     handleModules();
+    failOnPurpose();
   } catch (const std::exception& error) {
     std::cerr << "config-demo: " << error.what() << "\n";
     return EXIT_FAILURE;

@@ -27,7 +27,10 @@ void endRow() {
 }  // namespace
 
 void printPublishedHead() {
-  std::puts("Published exchanges: private keys imported, public values and shared secrets computed\n");
+  std::puts(
+      "=== Are the results right? ===\n"
+      "RFC 5903 and RFC 5114 print whole key exchanges. The library gets the private keys printed there,\n"
+      "and must compute the same public values and secrets. Then it agrees with other implementations.\n");
   std::printf("  %-21s  %-16s %3s  %-13s  %-12s  %-13s  %s\n", "Source", "Side", "No.", "Group", "Public value",
               "Shared secret", "Matches");
 }
@@ -46,7 +49,11 @@ void printNothingPublished(const Group& group) {
 }
 
 void printGroupHead() {
-  std::puts("\nExchanges between two processes over a socket on 127.0.0.1, one with each PRF\n");
+  std::puts(
+      "\n=== Do two agents get the same keys? ===\n"
+      "Two processes exchange keys over a socket on 127.0.0.1, as the two ends of an IKE negotiation do:\n"
+      "each group once with each PRF. They compare all that they computed. A leading zero byte that gets\n"
+      "lost (one secret in 256 has one) would make all keys differ.\n");
   std::printf("  %3s  %-13s %12s %12s   %-16s %8s %12s %9s\n", "No.", "Group", "Public bytes", "Secret bytes",
               "Both sides agree", "Init us", "Agreement us", "Key bytes");
 }
@@ -64,8 +71,11 @@ void printGroup(const GroupResult& result) {
 
 void printSuites() {
   std::puts("\n  Init: set up the group, create a key pair. Agreement: read the peer's value, compute the secret.");
-  std::puts("  Both are times of the initiator, the median of the four exchanges.");
-  std::puts("\nKeys that each side draws from prf+ in one exchange (RFC 7296 section 2.14), in bytes\n");
+  std::puts("  Both are times of the initiator in microseconds, the median of the four exchanges.");
+  std::puts(
+      "\n=== How many bytes of keys does a suite need? ===\n"
+      "From one secret, prf+ makes the seven keys of an IKE SA (RFC 7296 section 2.14). The library knows\n"
+      "how long each must be: one wrong length, and all keys after it are wrong too. In bytes:\n");
   std::printf("  %-15s %-16s %-19s %5s %9s %9s %9s %6s\n", "PRF", "Encryption", "Integrity", "SK_d", "SK_ai/ar",
               "SK_ei/er", "SK_pi/pr", "Sum");
   for (const Suite& suite : suites) {

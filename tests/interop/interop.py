@@ -22,6 +22,13 @@ import scale
 
 # This is long for a veth pair, but short enough for a run in which nothing works.
 PATIENCE = ("--timeout", "400", "--tries", "3")
+DEMO_STORY = """\
+=== Does a real IKE daemon agree? ===
+An unmodified strongSwan daemon, in a network namespace of its own, reads the connections and
+secrets that the library has written. A small IKEv2 agent, whose every key comes from the library,
+negotiates with it. The daemon logs its keys here, and each is compared with the agent's: the
+secret, SKEYSEED, the keys of the IKE SA and of the tunnel. Then an echo passes the tunnel.
+"""
 ECHO = re.compile(r"^echo through \S+ in ([0-9.]+) ms$", re.MULTILINE)
 
 
@@ -225,19 +232,29 @@ def run_demo(bench):
     bench.library.connection(default="%default", uniqueids="add")
     configure_rows(bench, rows)
     start_daemon(bench, rows)
-    print(f"{'group':<17} {'IKE SA':<34} {'tunnel':<16} {'keys equal to the daemon log':<30} echo")
+    print(DEMO_STORY)
+    width = max(len(row.suite.ike()) for row in rows)
+    print(f"  {'Group':<15} {'IKE SA':<{width}} {'Tunnel':<14} {'Equal keys':<11} {'Echo ms':>7}")
+    keys = 0
     for row in rows:
         offset = bench.log_size()
         result = bench.negotiate(row.agent_address(), row.suite.arguments(), psk_of(row))
         trouble, count, echo = judge(bench, row, result, bench.log_since(offset))
         if trouble is None:
             bench.passed += 1
+            keys += count
         else:
             bench.failures.append(f"group {row.suite.group}: {trouble}")
         name = f"{row.suite.group:>2} {matrix.GROUPS[row.suite.group]}"
-        verdict = f"{count} of {count}" if trouble is None else trouble
-        print(f"{name:<17} {row.suite.ike()[:-1]:<34} {row.suite.esp()[:-1]:<16} {verdict:<30} {echo} ms", flush=True)
+        verdict = f"{count} of {count}" if trouble is None else "none"
+        ike, esp = row.suite.ike()[:-1], row.suite.esp()[:-1]
+        print(f"  {name:<15} {ike:<{width}} {esp:<14} {verdict:<11} {echo:>7}", flush=True)
     bench.place.stop_daemon()
+    well = "FAILED" if bench.failures else "All well"
+    print(f"\n{well}: {bench.passed} of {len(rows)} negotiations, {keys} keys equal to the daemon's.", flush=True)
+    for failure in bench.failures:
+        print(failure, flush=True)
+    return 1 if bench.failures else 0
 
 
 def run_by_hand(bench, arguments):
@@ -271,7 +288,9 @@ def inside(options):
         bench = Bench(place, library, options.agent)
         if options.by_hand is not None:
             return run_by_hand(bench, options.by_hand)
-        run_demo(bench) if options.demo else run_matrix(bench, options)
+        if options.demo:
+            return run_demo(bench)
+        run_matrix(bench, options)
         return bench.tally()
     except RuntimeError as error:
         print(f"interop: FAILED: {error}", flush=True)
