@@ -481,7 +481,7 @@ TEST_P(ApplyFailures, CannotBeHadByAUserWhoMayOnlyReadTheFolder) {
   struct stat status = {};
   ASSERT_EQ(stat(changed.lockFile().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600U);
-  for (const mode_t open : {0640, 0604, 0660}) {  // somebody may hold a lock on it for ever
+  for (const mode_t open : {0640U, 0604U, 0660U}) {  // somebody may hold a lock on it for ever
     ASSERT_EQ(chmod(changed.lockFile().c_str(), open), 0);
     const TraceRecorder traces;
     EXPECT_FALSE(changed.update(2));

@@ -74,7 +74,7 @@ TEST_P(Apply, OfNoChangesTouchesNothing) {
 }
 
 TEST_P(Apply, MakesAMissingFileWithItsOwnMode) {
-  for (const mode_t mask : {0, 022, 077}) {
+  for (const mode_t mask : {0U, 022U, 077U}) {
     resetHost();
     const mode_t before = umask(mask);
     EXPECT_TRUE(changed.update(1));
