@@ -531,8 +531,8 @@ IPSEC_EXPORT void printVector(const char* label, const ByteVector* vec);
 // Warning: the name of the section and the address of the entry are put unescaped into the regular expression
 // (ECMAScript) that finds what is to be replaced. "." matches any character, so another section or entry that is
 // spelled similarly may be removed instead. Other metacharacters have their meaning too: such a name, if it is long or
-// is compared with long lines, can exhaust the stack in the standard library's compiler or matcher. The names from
-// getConnNameFromKey hold no metacharacter but ".".
+// is compared with long lines, can exhaust the stack in the standard library's compiler or matcher, or keep the matcher
+// busy for hours ("(|a)*"). The names from getConnNameFromKey hold no metacharacter but ".".
 
 // The settings of one section or entry, by name. The names are listed at the two writers.
 using stringmap = std::unordered_map<Vello::String, Vello::String>;

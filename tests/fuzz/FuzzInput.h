@@ -74,12 +74,14 @@ class FuzzInput {
 };
 
 // Takes from a name what could make the standard library's matcher run for hours or exhaust the stack: every repetition
-// after the first one, and long counts. The writers' callers must avoid such names too.
+// after the first one, alternatives beside one, and long counts. The writers' callers must avoid such names too.
 inline std::string tamed(std::string name) {
   constexpr std::string_view repetitions = "*+?{";
   const std::size_t first = name.find_first_of(repetitions);
   for (std::size_t at = 0; at < name.size(); ++at) {
-    if (at > first && repetitions.find(name[at]) != std::string_view::npos) {
+    const bool repeatsAgain = at > first && repetitions.find(name[at]) != std::string_view::npos;
+    const bool choosesToo = first != std::string::npos && name[at] == '|';
+    if (repeatsAgain || choosesToo) {
       name[at] = 'q';
     }
     if (at > 0 && first != std::string::npos && std::isdigit(static_cast<unsigned char>(name[at - 1])) != 0 &&
