@@ -194,7 +194,7 @@ int main(int argc, char** argv) {
   const Bench::Arguments arguments(argc, argv);
   try {
     Ipsec::Testing::enterPrivateMounts();
-    for (const std::size_t count : {10, 100, 1000, 10000, 100000}) {
+    for (const std::size_t count : {10U, 100U, 1000U, 10000U, 100000U}) {
       if (arguments.wants(std::to_string(count))) {
         Bench::measureScale(count, arguments.slices);
       }

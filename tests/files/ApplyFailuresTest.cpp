@@ -256,6 +256,24 @@ TEST_P(ApplyFailures, DoNotComeFromAFileSystemThatCannotSyncFolders) {
   EXPECT_EQ(readFile(changed.file), changed.whole(2));
 }
 
+// Whatever the umask and the old file's mode: nobody may open the new file before it is complete.
+TEST_P(ApplyFailures, NeverShowTheNewFileToOthers) {
+  const mode_t umaskBefore = umask(0);
+  int seen = 0;
+  onCall = [&](std::string_view function, std::string_view) {
+    struct stat status = {};
+    if (function == "write" || function == "fchown") {
+      ++seen;
+      EXPECT_EQ(stat(changed.newFile().c_str(), &status), 0);
+      EXPECT_EQ(status.st_mode & ALLPERMS, mode_t{S_IRUSR | S_IWUSR});
+    }
+    return 0;
+  };
+  EXPECT_TRUE(changed.update(2));
+  EXPECT_EQ(seen, 2);
+  (void)umask(umaskBefore);
+}
+
 TEST_P(ApplyFailures, DoNotComeFromInterruptions) {
   bool interrupted = false;
   onCall = [&interrupted](std::string_view function, std::string_view) {

@@ -110,7 +110,7 @@ TEST_F(SecretsRemains, OfAFileThatIsNotReplaced) {
 TEST_F(SecretsRemains, OfAppliedChanges) {
   const std::vector<stringmap> changes = {{{"peerIp", peer}, {"key", newSecret}},
                                           {{"peerIp", "10.0.0.3"}, {"delete", ""}}};
-  for (const std::size_t count : {2, 1}) {
+  for (const std::size_t count : {2U, 1U}) {
     const std::vector<stringmap> some(changes.begin(), changes.begin() + static_cast<std::ptrdiff_t>(count));
     const Remains left([&] { EXPECT_TRUE(applySecrets(some)); });
     expectFindings(left.dead(needles), {});
