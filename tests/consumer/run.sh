@@ -78,7 +78,7 @@ broken_example() {
 page_holds() {
   python3 page.py --program "$1" >"$work/tour.cpp" && python3 page.py --output "$1" >"$work/expected" &&
     python3 page.py --commands "$1" >"$work/commands" || return 1
-  (cd "$work" && LD_LIBRARY_PATH=$libraries sh -e commands) >"$work/printed" && diff "$work/expected" "$work/printed"
+  (cd "$work" && sh -e commands) >"$work/printed" && diff "$work/expected" "$work/printed"
 }
 
 # A page whose program prints something else must be refused, or the check proves nothing.
