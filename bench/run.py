@@ -20,6 +20,8 @@ import statistics
 import subprocess
 import sys
 
+from report import machine_facts, write_report
+
 GROUPS = {
     "1": "MODP 768",
     "2": "MODP 1024",
@@ -361,11 +363,27 @@ def write_applied(results, path, note):
         file.write("\n".join(out) + "\n")
 
 
+def write_page(results, folder, note, load_before):
+    """Writes the report. One with figures of programs that failed would be wrong, so there is none then."""
+    write_chart(results, os.path.join(folder, "performance-ratios.svg"), note)
+    write_applied(results, os.path.join(folder, "performance-apply.svg"), note)
+    rows = {
+        "rated": list(rated(results)),
+        "writers": list(rated_writers(results)),
+        "applied": list(applied(results)),
+    }
+    facts = machine_facts(note, load_before, os.getloadavg()[0])
+    write_report(os.path.join(folder, "performance.md"), facts, results, GROUPS, rows)
+    print(os.path.join(folder, "performance.md"))
+
+
 def main():
     parser = argparse.ArgumentParser(description="Runs the benchmarks of a build folder.")
     parser.add_argument("build", help="a build folder configured with -DIPSEC_BENCH=ON, best as Release")
     parser.add_argument("--quick", action="store_true", help="one process and few slices: not a measurement")
+    parser.add_argument("--report", metavar="FOLDER", help="also write the page performance.md with its pictures there")
     arguments = parser.parse_args()
+    load_before = os.getloadavg()[0]
     results = measure(arguments.build, arguments.quick)
     if results.cases("ike-sa") or results.cases("prf+"):
         print_table(results)
@@ -375,6 +393,8 @@ def main():
         write_chart(results, os.path.join(folder, "bench.svg"), note)
         write_applied(results, os.path.join(folder, "apply.svg"), note)
         print(f"\n{note}\n{folder}/bench.csv, {folder}/bench.svg, {folder}/apply.svg")
+        if arguments.report and not results.failures:
+            write_page(results, arguments.report, note, load_before)
     for failure in dict.fromkeys(results.failures):
         print(f"FAILED: {failure}", file=sys.stderr)
     return 1 if results.failures else 0

@@ -49,8 +49,9 @@ def emptied(folder):
 
 
 def tracked():
-    """The files of the project, also in an archive that is no clone."""
-    done = subprocess.run(["git", "-C", ROOT, "ls-files"], capture_output=True, text=True, check=False)
+    """The files of the project, also new ones, and also in an archive that is no clone."""
+    command = ["git", "-C", ROOT, "ls-files", "--cached", "--others", "--exclude-standard"]
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
     if done.returncode == 0 and done.stdout:
         return [line for line in done.stdout.splitlines() if (ROOT / line).is_file()]
     found = (path.relative_to(ROOT) for path in ROOT.rglob("*") if path.is_file())
@@ -183,7 +184,7 @@ class Site:
             return f'{start}{html.escape(target)}"'
         path, _, fragment = target.partition("#")
         source = os.path.normpath(os.path.join(os.path.dirname(page.source), path))
-        if "img" in start:
+        if source.endswith((".svg", ".png")) and source in self.files:
             self.pictures.add(source)
             return f'{start}{html.escape(page.to(source))}"'
         if source in self.folders and f"{source}/README.md" in self.files:
