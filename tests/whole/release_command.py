@@ -127,6 +127,8 @@ class ReleaseCommand(unittest.TestCase):
                 self.assertEqual(content, (repository.tree / name).read_bytes(), name)
         other = self.repository()
         other.out = other.out.with_name("another name")
+        for file in other.git("ls-files").splitlines():  # a checkout by another user
+            (other.tree / file).chmod((other.tree / file).stat().st_mode & 0o700)
         self.prepared(other, "7.8.9", zone="Pacific/Kiritimati", umask=0o077)
         self.assertEqual((other.out / "SHA256SUMS").read_text(), (first / "SHA256SUMS").read_text())
         checked = subprocess.run(["sha256sum", "-c", "SHA256SUMS"], cwd=first, capture_output=True, check=False)
