@@ -59,7 +59,8 @@ def source_files(tree):
         names = git(tree, "ls-files", "-z").split("\0")
         return sorted(name for name in names if name and os.path.lexists(tree / name))
     found = (path.relative_to(tree) for path in tree.rglob("*") if path.is_symlink() or path.is_file())
-    return sorted(str(path) for path in found if path.parts[0] != "build" and "__pycache__" not in path.parts)
+    made = {"build", ".git"}
+    return sorted(str(path) for path in found if path.parts[0] not in made and path.parent.name != "__pycache__")
 
 
 def write_archive(tree, names, top, seconds, target):

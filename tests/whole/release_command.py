@@ -63,6 +63,13 @@ class Repository:
         command = [sys.executable, self.tree / "tools" / "release.py", *arguments]
         return subprocess.run(command, env=environment, umask=umask, capture_output=True, text=True, check=False)
 
+    def package_version(self):
+        """The version that packages of this tree get in the place of the newest in debian/changelog."""
+        code = "import pathlib, package; print(package.snapshot_version(pathlib.Path('..')))"
+        command = [sys.executable, "-B", "-c", code]
+        done = subprocess.run(command, cwd=self.tree / "tools", capture_output=True, text=True, check=True)
+        return done.stdout.strip()
+
 
 class ReleaseCommand(unittest.TestCase):
     def repository(self):
@@ -152,6 +159,14 @@ class ReleaseCommand(unittest.TestCase):
         self.assertEqual(
             len(re.findall(r"(?m)^ipsec-helpers \(7\.8\.\d+-1\) ", repository.read("debian/changelog"))), 2
         )
+
+    def test_packages_of_a_tree_that_has_moved_on_have_a_version_above_the_release(self):
+        repository = self.released("7.8.9")
+        self.assertEqual(repository.package_version(), "None")
+        repository.edit("CHANGELOG.md", "## [Unreleased]\n", f"## [Unreleased]\n\n{NEWS}")
+        repository.commit("Add a thing")
+        version = repository.package_version()
+        self.assertRegex(version, rf"^7\.8\.9\+git\d{{8}}\.{repository.git('rev-parse', '--short', 'HEAD')}-1$")
 
     def test_the_interface_may_grow_and_not_shrink_within_a_major_version(self):
         symbol = "function _ZN5Ipsec10HmacPRFunc6setKey"
