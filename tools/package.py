@@ -130,14 +130,12 @@ def prepare(tree, version, folder):
     original = folder / f"ipsec-helpers_{upstream}.orig.tar.gz"
     upstream_files = [name for name in names if not name.startswith("debian/")]
     write_archive(copy, upstream_files, f"ipsec-helpers-{upstream}", int(entry_time(copy).timestamp()), original)
-    return copy
 
 
-def build(tree, version, folder, changed=(), umask=0o022):
-    """Builds in the folder, and returns the packages."""
-    copy = prepare(tree, version, folder)
+def build(folder, changed=(), umask=0o022):
+    """Builds what has been prepared in the folder, and returns the packages."""
     log = folder / "build.log"
-    run("dpkg-buildpackage", "-uc", "-us", folder=copy, log=log, changed=changed, umask=umask)
+    run("dpkg-buildpackage", "-uc", "-us", folder=folder / "source", log=log, changed=changed, umask=umask)
     return sorted(folder.glob("*.deb"))
 
 
@@ -181,12 +179,16 @@ def main():
     out = chosen.out.resolve()
     out.mkdir(parents=True, exist_ok=True)
     first = out / "work"
-    packages = build(chosen.tree.resolve(), chosen.version, first)
+    second = out / "the-other-build-whose-path-is-longer"
+    tree = chosen.tree.resolve()
+    prepare(tree, chosen.version, first)
     if chosen.action == "twice":
-        second = out / "the-other-build-whose-path-is-longer"
-        compare(packages, build(chosen.tree.resolve(), chosen.version, second, ELSEWHERE, 0o077))
+        prepare(tree, chosen.version, second)  # before the builds: somebody may edit the tree in the meantime
+        packages = build(first)
+        compare(packages, build(second, ELSEWHERE, 0o077))
         shutil.rmtree(second)
     else:
+        packages = build(first)
         judge(first)
     deliver(first, packages, out)
     shutil.rmtree(first)
