@@ -1,8 +1,10 @@
-// Uses each part of the public interface once, in C++17, with nothing but the public header.
+// Uses each part of the public interface once, in C++17, with nothing but the public headers.
 #include "Ipsec.h"
+#include "IpsecVersion.h"
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -159,6 +161,20 @@ void useNamesAndFormatting() {
   check("stringmap", settings.find(Vello::String("config")) != settings.end());
 }
 
+// The package's version is what CMake or pkg-config say.
+void useVersion() {
+  char composed[32];
+  (void)std::snprintf(composed, sizeof composed, "%d.%d.%d", IPSEC_HELPERS_VERSION_MAJOR, IPSEC_HELPERS_VERSION_MINOR,
+                      IPSEC_HELPERS_VERSION_PATCH);
+  check("the version's numbers", std::strcmp(composed, PACKAGE_VERSION) == 0);
+  check("the version's text", std::strcmp(IPSEC_HELPERS_VERSION_STRING, PACKAGE_VERSION) == 0);
+#if IPSEC_HELPERS_VERSION < IPSEC_HELPERS_VERSION_NUMBER(1, 0, 0)
+  check("the preprocessor compares versions", false);
+#elif IPSEC_HELPERS_VERSION >= IPSEC_HELPERS_VERSION_NUMBER(2, 0, 0)
+  check("the preprocessor compares versions", false);
+#endif
+}
+
 // These change the host. They are only linked here, and never called.
 void linkHostControl() {
   using Function = void (*)();
@@ -185,6 +201,7 @@ int main() {
   useKeyMaterial();
   useDump();
   useNamesAndFormatting();
+  useVersion();
   linkHostControl();
   return failures == 0 ? 0 : 1;
 }

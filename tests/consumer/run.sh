@@ -46,7 +46,8 @@ with_pkg_config() {
   [[ $flags == *"-I$prefix/"* && $flags == *"-L$prefix/"* ]] ||
     { echo "flags of another installation: $flags"; return 1; }
   # shellcheck disable=SC2086  # the flags are words
-  "$1" -std=c++"$2" -pedantic-errors "${warnings[@]}" main.cpp -o "$work/consumer" $flags &&
+  "$1" -std=c++"$2" -pedantic-errors "${warnings[@]}" -DPACKAGE_VERSION="\"$(pkg-config --modversion ipsechelpers)\"" \
+    main.cpp -o "$work/consumer" $flags &&
     LD_LIBRARY_PATH=$libraries "$work/consumer"
 }
 
@@ -131,9 +132,9 @@ pkg_config_file=$(find "$prefix" -name ipsechelpers.pc)
 libraries=$(dirname "$(dirname "$pkg_config_file")")
 export PKG_CONFIG_PATH=$libraries/pkgconfig
 mapfile -t headers < <(cd "$include" && find . -name '*.h' -printf '%P\n' | sort)
-expect 'the two public headers and eight of the platform are installed' test "${headers[*]}" = \
-  "Ipsec.h IpsecDaemon.h platform/AgentTypes.h platform/CryptoShim.h platform/CryptoTypes.h platform/Framework.h \
-platform/Log.h platform/Process.h platform/Trace.h platform/Vrf.h"
+expect 'the three public headers and eight of the platform are installed' test "${headers[*]}" = \
+  "Ipsec.h IpsecDaemon.h IpsecVersion.h platform/AgentTypes.h platform/CryptoShim.h platform/CryptoTypes.h \
+platform/Framework.h platform/Log.h platform/Process.h platform/Trace.h platform/Vrf.h"
 expect 'the key exchange example on its own' example
 
 skipped=0
