@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds with other platforms than the stand-in, and runs tests with one: run.sh BUILD, a folder in which the libraries
-# and the tests have been built.
+# Builds the library as a part of another project, and with other platforms than the stand-in, and runs tests with one:
+# run.sh BUILD, a folder in which the libraries and the tests have been built.
 set -uo pipefail
 
 if [ $# -ne 1 ] || [ ! -e "$1/libipsecplatform.so.1" ]; then
@@ -13,6 +13,7 @@ source=$(readlink -f ../../..)
 minimal=$source/examples/platform-minimal
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+built=$work/target/_deps/ipsechelpers-build
 failed=0
 
 # check TEXT COMMAND...: shows what a failed command printed.
@@ -32,8 +33,18 @@ outside_target() {
   cmake -G Ninja -S . -B "$work/target" -DCMAKE_BUILD_TYPE=Debug -DIPSEC_SOURCE="$source" \
     -DPLATFORM_LIBRARY="$build/libipsecplatform.so.1" &&
     cmake --build "$work/target" &&
-    readelf -d "$work/target/ipsec/libipsechelpers.so" | grep -q 'NEEDED.*libipsecplatform.so.1' &&
-    [ ! -e "$work/target/ipsec/libipsecplatform.so" ] && ! grep -q 'platform/linux' "$work/target/build.ninja"
+    readelf -d "$built/libipsechelpers.so" | grep -q 'NEEDED.*libipsecplatform.so.1' &&
+    [ ! -e "$built/libipsecplatform.so" ] && ! grep -q 'platform/linux' "$work/target/build.ninja" &&
+    "$work/target/agent" | tee /dev/stderr | grep -q 'C++ 201703, version'
+}
+
+# Without being asked the library installs nothing; asked, all that it has built.
+installation() {
+  DESTDIR=$work/nothing cmake --install "$work/target" && [ ! -e "$work/nothing" ] &&
+    cmake -B "$work/target" -DIPSEC_INSTALL=ON && cmake --build "$work/target" &&
+    cmake --install "$work/target" --prefix "$work/all" &&
+    [ -e "$work/all/include/ipsec-helpers/platform/Trace.h" ] &&
+    [ "$(find "$work/all" -name '*.so' -printf '%f\n' | sort | xargs)" = 'libipsechelpers.so libipsecshim.so' ]
 }
 
 folder() {
@@ -68,7 +79,8 @@ unknown() {
     grep -q 'IPSEC_PLATFORM is "none"' "$work/log"
 }
 
-check "a target of an enclosing project" outside_target
+check "a part of another project, with a platform target of that project" outside_target
+check "such a part is installed only if asked for" installation
 check "a folder elsewhere" folder
 check "the tests with the library of that folder in place of the stand-in's" swapped
 check "a platform with a header of its own" own_header
