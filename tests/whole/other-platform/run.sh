@@ -79,10 +79,16 @@ unknown() {
     grep -q 'IPSEC_PLATFORM is "none"' "$work/log"
 }
 
+static() {
+  ! cmake -G Ninja -S "$source" -B "$work/static" -DBUILD_SHARED_LIBS=OFF &&
+    grep -q 'ipsec-helpers has no static libraries' "$work/log"
+}
+
 check "a part of another project, with a platform target of that project" outside_target
 check "such a part is installed only if asked for" installation
 check "a folder elsewhere" folder
 check "the tests with the library of that folder in place of the stand-in's" swapped
 check "a platform with a header of its own" own_header
 check "a platform that is neither is refused by name" unknown
+check "static libraries are refused with the reason" static
 [ "$failed" -eq 0 ]
