@@ -6,8 +6,18 @@ set(installedPackage ${CMAKE_INSTALL_LIBDIR}/cmake/IpsecHelpers)
 
 install(TARGETS ipsechelpers ipsecshim ${installedPlatform} EXPORT IpsecHelpersTargets)
 install(FILES include/Ipsec.h include/IpsecDaemon.h include/IpsecVersion.h DESTINATION ${installedHeaders})
-install(DIRECTORY platform/ DESTINATION ${installedHeaders}/platform
-  FILES_MATCHING PATTERN "*.h" PATTERN "linux" EXCLUDE PATTERN "openssl" EXCLUDE PATTERN "testing" EXCLUDE)
+
+# In the tree these headers include each other by the include path, so that a platform may replace some of them. Once
+# installed, they belong together and each is found beside the other: a program's own folder platform/ may then come
+# first in the include path.
+foreach(name AgentTypes CryptoShim CryptoTypes Framework Log Process Trace Vrf)
+  set(header ${PROJECT_SOURCE_DIR}/platform/${name}.h)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${header})
+  file(READ ${header} text)
+  string(REPLACE "#include \"platform/" "#include \"" text "${text}")
+  file(WRITE ${PROJECT_BINARY_DIR}/installed/platform/${name}.h "${text}")
+endforeach()
+install(DIRECTORY ${PROJECT_BINARY_DIR}/installed/platform DESTINATION ${installedHeaders})
 
 install(EXPORT IpsecHelpersTargets NAMESPACE IpsecHelpers:: DESTINATION ${installedPackage})
 configure_package_config_file(packaging/IpsecHelpersConfig.cmake.in IpsecHelpersConfig.cmake

@@ -58,6 +58,20 @@ alone() {
   "$1" -std=c++"$2" "${warnings[@]}" -I"$3" -fsyntax-only "$work/alone.cpp" $(pkg-config --cflags-only-I libcrypto)
 }
 
+# The program's own headers of these names come first in its include path, and none of them may be taken. Only the
+# preprocessor runs: it is what finds the headers.
+own_platform_folder() {
+  local name own=$work/own
+  mkdir -p "$own/platform"
+  : >"$own/all.cpp"
+  for name in "${headers[@]}"; do
+    [ "$name" = "${name#platform/}" ] || echo "#error own $name" | tee "$own/$name" >"$own/${name#platform/}"
+    printf '#include <%s>\n' "ipsec-helpers/$name" >>"$own/all.cpp"
+  done
+  # shellcheck disable=SC2046  # the flags are words
+  "$1" -std=c++20 -I"$own" -I"$prefix/include" -E -o /dev/null "$own/all.cpp" $(pkg-config --cflags ipsechelpers)
+}
+
 # header_examples COMPILER STANDARD HEADER...
 header_examples() {
   local flags
@@ -115,6 +129,7 @@ check_compiler() {
     expect "$text: the examples of the headers" header_examples "$compiler" "$standard" "$include/Ipsec.h" \
       "$include/IpsecDaemon.h"
   done
+  expect "$compiler: a program with its own folder platform/" own_platform_folder "$compiler"
   expect "$compiler: an example that does not compile is an error" broken_example "$compiler" \
     's|^//     NonceGenerator |//     NoSuchGenerator |' 'Ipsec.h:[0-9]*:.*NoSuchGenerator'
   expect "$compiler: an example that does not hold is an error" broken_example "$compiler" \
