@@ -13,6 +13,7 @@ build=$(readlink -f "$1")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
+tools=$(readlink -f ../../tools)
 warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werror)
 passed=0
 failed=0
@@ -110,6 +111,21 @@ warning_is_seen() {
   ! alone "$1" "$2" "$work/spoilt" Ipsec.h && grep -q 'old-style' "$work/log"
 }
 
+# What an earlier version had and this one has not goes when this one is installed. What somebody else put there stays,
+# and so does every file if the list leads out of the prefix.
+removal() {
+  local list=share/ipsec-helpers/installed-files
+  touch "$libraries/foreign" "$include/Earlier.h" "$work/outside"
+  (cat "$prefix/$list"; echo include/ipsec-helpers/Earlier.h) | LC_ALL=C sort >"$work/earlier"
+  cp "$work/earlier" "$prefix/$list"
+  "$tools/install.sh" add "$build" "$prefix" && [ ! -e "$include/Earlier.h" ] || return 1
+  cp -r "$prefix" "$work/wrong"
+  echo ../outside >"$work/wrong/$list"
+  ! "$tools/install.sh" remove "$work/wrong" && [ -e "$work/outside" ] || return 1
+  "$tools/install.sh" remove "$prefix" && [ "$(find "$prefix" -type f)" = "$libraries/foreign" ] &&
+    ! "$tools/install.sh" remove "$prefix"
+}
+
 # The example finds the library by the same prefix.
 example() {
   cmake -G Ninja -S ../../examples/exchange -B "$work/example" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug &&
@@ -138,7 +154,7 @@ check_compiler() {
     '\|^// Example:$|d' 'class IpsecDH has no example'
 }
 
-if ! expect 'cmake --install' cmake --install "$build" --prefix "$prefix"; then
+if ! expect 'installation' "$tools/install.sh" add "$build" "$prefix"; then
   echo "$passed passed, $failed failed"
   exit 1
 fi
@@ -168,6 +184,7 @@ for compiler in g++ clang++; do
     skipped=$((skipped + 1))
   fi
 done
+expect 'removal' removal
 if [ "$skipped" -ne 0 ] && [ -n "${CI:-}" ]; then
   echo "FAILED: CI is set, and nothing may be skipped there." >&2
   failed=$((failed + skipped))
