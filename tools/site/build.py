@@ -28,7 +28,7 @@ PUBLIC = ["include/Ipsec.h", "include/IpsecDaemon.h"]
 # What the menu shows, in this order. A folder stands for its headers. Pages that are not here stand below "More".
 MENU = [
     ("", ["README.md"]),
-    ("Manual", [*PUBLIC, "docs/groups.md", "docs/strongswan.md"]),
+    ("Manual", [*PUBLIC, "docs/building.md", "docs/groups.md", "docs/strongswan.md"]),
     ("In operation", ["docs/messages.md", "docs/threats.md", "SECURITY.md", "docs/performance.md"]),
     ("Platform", ["platform/README.md", "platform/"]),
     ("Inside", ["docs/design.md", "docs/kept.md", "docs/clearings.md", "CONTRIBUTING.md", "CHANGELOG.md"]),
