@@ -2,6 +2,9 @@
 //
 //     #if IPSEC_HELPERS_VERSION >= IPSEC_HELPERS_VERSION_NUMBER(1, 1, 0)
 //
+// IPSEC_HELPERS_VERSION_MAJOR, IPSEC_HELPERS_VERSION_MINOR and IPSEC_HELPERS_VERSION_PATCH are its numbers,
+// IPSEC_HELPERS_VERSION is all three as one number, and IPSEC_HELPERS_VERSION_STRING is its text, "1.2.3" for example.
+//
 // Within a major version the libraries stay compatible: a program runs with any library that is as new as its headers,
 // or newer.
 #pragma once
@@ -11,7 +14,7 @@
 #define IPSEC_HELPERS_VERSION_PATCH 0
 #define IPSEC_HELPERS_VERSION_STRING "1.0.0"
 
-// A version as one number. Each part is below 1000.
+// IPSEC_HELPERS_VERSION_NUMBER is any version as one number; each part is below 1000.
 #define IPSEC_HELPERS_VERSION_NUMBER(major, minor, patch) ((major)*1000000 + (minor)*1000 + (patch))
 
 #define IPSEC_HELPERS_VERSION \

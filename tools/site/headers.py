@@ -48,7 +48,7 @@ class Header:
         self.depth = 0
         self.comment = []
         self.item = None
-        for line in source.splitlines():
+        for line in re.sub(r"\\\n *", "", source).splitlines():
             self.take(line)
         self.flush()
 
