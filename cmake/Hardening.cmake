@@ -10,8 +10,8 @@ if(NOT IPSEC_SANITIZE)
 endif()
 add_link_options(LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86|AMD64")
-  # Shadow stacks and indirect branch tracking. Debian 12's own start files are not marked for either. They keep to the
-  # rules of shadow stacks, which the linker is told; but they have no landing pad for an indirect call.
+  # Shadow stacks and indirect branch tracking. The start files of Debian 12 and 13 are not marked for either. They keep
+  # to the rules of shadow stacks, which the linker is told; but they have no landing pad for an indirect call.
   add_compile_options(-fcf-protection=full)
   add_link_options(LINKER:-z,shstk)
 endif()

@@ -3,8 +3,8 @@
 
 Usage: hardening.py COMPILER LIBRARY...
 
-The compiler is asked for the C library's start files: where they carry no mark of indirect branch tracking (Debian 12),
-no library can. That the code has its landing pads is then seen at the functions that a library exports.
+The compiler is asked for the C library's start files: where they carry no mark of indirect branch tracking (Debian 12
+and 13), no library can. That the code has its landing pads is then seen at the functions that a library exports.
 """
 
 import re
