@@ -48,7 +48,7 @@ installation() {
 }
 
 folder() {
-  cmake -G Ninja -S "$source" -B "$work/minimal" -DIPSEC_PLATFORM="$minimal" &&
+  cmake -G Ninja -S "$source" -B "$work/minimal" -DCMAKE_BUILD_TYPE=Debug -DIPSEC_PLATFORM="$minimal" &&
     ! grep -q 'platform/linux' "$work/minimal/build.ninja" &&
     python3 "$source/tools/disabled-tests.py" "$work/minimal" "$minimal" &&
     cmake --build "$work/minimal" --target ipsecplatform
@@ -57,7 +57,7 @@ folder() {
 # The headers are the same, and so is what a platform's library exports: one can stand in for the other at run time.
 swapped() {
   local name
-  export LD_LIBRARY_PATH=$work/minimal
+  local -x LD_LIBRARY_PATH=$work/minimal
   for name in DhModpTest DhEcpTest HmacPrfTest PrfPlusTest NonceTest ConnectionsFileTest SecretsFileTest HostTest \
     ModulesTest InterfaceTest SecrecyTest; do
     ldd "$build/tests/$name" | grep "$work/minimal/libipsecplatform.so.1" || return 1
