@@ -181,8 +181,8 @@ void measureWaiting(std::size_t count, unsigned rounds) {
       const std::chrono::duration<double, std::nano> whole = std::chrono::steady_clock::now() - begun;
       return whole.count() - computing;
     });
-    report(count, "on the disk, one change", "computing", computing);
-    report(count, "on the disk, one change", "waiting for the disk", waiting);
+    report(count, "on the disk (one change)", "computing", computing);
+    report(count, "on the disk (one change)", "waiting for the disk", waiting);
   }
   std::filesystem::remove_all(folder);
 }
