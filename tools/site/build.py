@@ -164,6 +164,7 @@ class Site:
         page.body = re.sub(
             r'(<(?:a href|img src)=")([^"]+)"', lambda found: self.link(page, *found.groups()), page.body
         )
+        page.body = re.sub(r"<img [^>]+>", r'<span class="picture">\g<0></span>', page.body)
         page.body = re.sub(r"<table>.*?</table>", lambda found: table(found[0]), page.body, flags=re.S)
         page.entries = sections(page.title, page.body)
 
