@@ -17,7 +17,7 @@ def cell(value, digits=None):
     if value is None:
         return "-"
     if digits is None:
-        digits = 0 if value >= 1000 else 1 if value >= 100 else 2
+        digits = 0 if value >= 1000 else 1 if value >= 100 else 2 if value >= 0.1 or value == 0 else 4
     return f"{value:.{digits}f}"
 
 
@@ -88,13 +88,14 @@ def with_unit(value, unit):
     return f"{cell(value, 0 if whole else None)} {unit if unit not in ('count', 'ratio') else ''}".strip()
 
 
-def other_table(results, subject, groups):
+def other_table(results, subject, groups, wanted=lambda case: True):
     """A row for each case, and a column for each side."""
-    sides = list(dict.fromkeys(side for case in results.cases(subject) for side in results.sides(subject, case)))
+    cases = [case for case in results.cases(subject) if wanted(case)]
+    sides = list(dict.fromkeys(side for case in cases for side in results.sides(subject, case)))
     rows = [
         [f"group {case}, {groups[case]}" if case in groups else case]
         + [with_unit(results.median(subject, case, side), results.units.get((subject, case, side))) for side in sides]
-        for case in results.cases(subject)
+        for case in cases
     ]
     return table(["", *(side[:1].upper() + side[1:] for side in sides)], rows)
 
@@ -125,6 +126,8 @@ def write_report(path, machine, results, groups, rows):
         "Many new connections in an empty file, with one call or with as many single calls:\n",
         picture("performance-apply.svg", "Time to configure connections against their number"),
         applied_table(rows["applied"]),
+        "Changes in a file that is there already, and what the disk adds to one:\n",
+        other_table(results, "apply", groups, lambda case: "among" in case or "disk" in case),
         "Replacing one section or entry of a large file. The goal is three times the time of `cp`.\n",
         goals_met(rows["writers"]),
         other_table(results, "writer", groups),
