@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // CancellationHeld lets no pthread_cancel take effect in its thread while it lives. A cancelled thread would otherwise
 // leave in the middle of a system call: out of a function that may not throw, which aborts the process, or out of
 // OpenSSL, whose locks it would leave behind. The cancellation takes effect at the thread's next cancellation point.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Descriptor owns a file descriptor, and openFile opens one that is safe to own in a process with threads and children.
 #pragma once
 

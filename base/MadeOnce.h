@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // MadeOnce holds an object that is created at first use and is then shared, unchanged, by all threads until the process
 // ends. The object is never freed: static destructors that run before OpenSSL's clean-up may still compute with it.
 #pragma once

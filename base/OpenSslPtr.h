@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Owning pointers for OpenSSL's handles. Where it matters, the name says whether freeing clears: "Public" or "Secret".
 //
 // Every local handle is held by one of these. Fields whose layout is contract hold raw handles, and adopt() is the only

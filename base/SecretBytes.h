@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // SecretBytes is an array of bytes on the stack that holds a secret. The destructor clears it. clearAll() does the same
 // for a vector.
 #pragma once

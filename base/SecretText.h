@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // SecretText is a text that may hold secrets. All memory that it gives back is cleared before, also what it outgrows.
 // New characters are not set, because they are read from a file at once.
 #pragma once

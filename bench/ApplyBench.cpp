@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Configuring many connections: one call of applyConnections compared with one call of writeConnections for each. Runs
 // in its own mount namespace, on a tmpfs.
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Botan 2 or 3, with its own key generation, key agreement and HMAC. Groups are created once per process.
 
 #include "End.h"

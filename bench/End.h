@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // One end of an IKE SA set-up. The implementations are this library, bare OpenSSL called in the best way, and Botan.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A whole IKE SA set-up for each group: a key pair and its public value, the peer's value, the secret, nonces,
 // seven keys. The library, bare OpenSSL and Botan are compared by output first, then timed with fresh keys for every
 // exchange.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What an exchange keeps in memory, and what a trace call costs whose level is off.
 //
 // Heap is counted where it is allocated: OpenSSL's allocations through its hooks, those of C++ through operator new. A

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Compares implementations of one operation on a machine that does other work at the same time.
 //
 // Each side runs in short slices that alternate with those of the other sides, so that whatever else the machine does

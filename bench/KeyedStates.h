@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // HMAC and prf+ over bare OpenSSL, in the fastest way that its interface offers: two digest states that have absorbed
 // the padded key are copied for each output.
 #pragma once

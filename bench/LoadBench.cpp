@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What loading the libraries costs a fresh process. LoadBench LIBRARY... loads one after the other, so that a later one
 // counts only with what the earlier ones have not loaded. This program is linked with none of them.
 

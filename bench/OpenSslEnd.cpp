@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Bare OpenSSL 3, called in the fastest way that its interface offers without giving up a check. The library is
 // measured against this. Parameters are loaded once per process. Private exponents have twice the bits of the group's
 // strength. A peer's value gets the range check (safe primes), the subgroup check (group 24) or the curve check that is

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // prf+ with the counter, from key and seed to 224 and 4096 bytes, for each hash. Compares the library's objects with
 // digest states that are copied by hand, in two ways: absorbing T(n-1), S and n one after the other, as a PRF does that
 // is given its input in pieces, and joined beforehand, which only a caller can do who has all of the input.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IKE SA set-ups per second with 1, 2, 4 ... threads, for the library and for bare OpenSSL, and the locks that a set-up
 // takes. Threads that share nothing but the library get in each other's way only where they meet at a lock.
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Replacing one entry of a large file of the daemon. Compares the library with a copy of the same file by hand in this
 // process, and with the cp command. Runs in its own mount namespace, on a tmpfs.
 //

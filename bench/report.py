@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Writes the figures of a run as a page with pictures."""
 
 import os

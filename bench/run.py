@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Runs the benchmarks of a build folder and prints one table; a CSV and a chart go to its folder bench.
 
 The programs print "subject,case,side,unit,value". Each is run in several processes, and every figure and every ratio is

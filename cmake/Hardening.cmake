@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 # What makes an error in memory harder to exploit. A distribution that brings such flags of its own switches these off
 # with IPSEC_HARDENING=OFF. tests/whole/hardening.py reads from the libraries whether they have it.
 

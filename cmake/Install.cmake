@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 # What is installed: the libraries, the headers, a CMake package, a pkg-config file.
 
 include(CMakePackageConfigHelpers)

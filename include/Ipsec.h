@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IPsec helpers for IKE agents: Diffie-Hellman, key material, the IKE daemon's files, host control.
 //
 // The declarations follow the order in which an agent uses them: shared types, Diffie-Hellman, key material,

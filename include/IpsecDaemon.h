@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Many changes of the IKE daemon's two files in one step, checked before they are made.
 //
 // Ipsec.h has writeConnections and writeSecrets, which make one change per call and write the settings as they are

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The version of ipsec-helpers whose headers these are. Programs ask the preprocessor:
 //
 //     #if IPSEC_HELPERS_VERSION >= IPSEC_HELPERS_VERSION_NUMBER(1, 1, 0)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Crypto shim: the few key operations that the library needs over OpenSSL's key objects, with the names and result
 // conventions that the platform gives them.
 //

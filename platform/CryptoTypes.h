@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The types of OpenSSL and of the crypto shim that the public header shows.
 //
 // The names hmac_ctx and hmac_state are reserved in the global namespace of every program that includes Ipsec.h.

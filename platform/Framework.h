@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Framework types: strings, streams, regular expressions, durations, shared handles.
 //
 // In a product the agents' framework supplies these types. This header is everything that the library needs of them. It

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Registered log messages: texts for the operator. All of them can be listed, and one that is emitted goes to syslog.
 #pragma once
 

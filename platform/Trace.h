@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Traces: text lines with levels, one source of lines per source file; the ring buffer; and both at once.
 //
 // Tracing never changes what the traced code does. No function that writes throws, changes errno or raises a signal. If

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // VRF status: which VRFs exist and what their names are. One process publishes this in shared memory for all others.
 #pragma once
 

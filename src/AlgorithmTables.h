@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The constant tables from one of IKE's algorithm identifiers to another. They need no construction and no destruction:
 // any thread may read them at any time, also while the process ends.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Look-ups in the constant tables and in maps of settings. find() returns null for a missing key. checkedAt() is for
 // keys that the caller must provide: it throws for a missing one. The exception has its own text, because standard
 // libraries word that of unordered_map::at differently.

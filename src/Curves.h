@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The curves of the elliptic-curve groups. Group objects and fresh key pairs are created from state that all threads
 // share.
 #pragma once

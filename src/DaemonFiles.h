@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The contents of the IKE daemon's two files: which old lines stay, and what is written. Nothing here opens a file or
 // traces.
 #pragma once

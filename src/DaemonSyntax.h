@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // How the daemon reads the values of its two files. Every rule here is proved against the daemon by
 // tests/interop/settings.py. Nothing allocates.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What many changes in a row make of the daemon's files. The result is what as many single rewritings of the whole text
 // would leave (DaemonFiles.h), but a change costs the same in a long file as in a short one. Nothing here opens a file
 // or traces.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The Diffie-Hellman groups, one row per group. Everything that depends on a group's number is read from here.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Diffie-Hellman for IKE: the registered log message, the length check, the MODP and the elliptic-curve form, the
 // facade.
 

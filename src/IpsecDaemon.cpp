@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Many changes of the IKE daemon's files in one step, and what the files hold.
 
 #include "IpsecDaemon.h"

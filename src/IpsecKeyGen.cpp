@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Key material: HMAC PRF, prf+, nonces, key lengths, OpenSSL set-up, byte dumps.
 
 #include "AlgorithmTables.h"

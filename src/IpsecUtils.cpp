@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What an agent does on its host: connection names, the IKE daemon's two files, kernel modules, the replay window,
 // whether the daemon runs, and small formatting functions.
 

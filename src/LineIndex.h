@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // LineIndex finds, among many lines, the first that LineMatcher would find for a plain start: one in which "." stands
 // for any character but a line's end. It is a tree with one node per place where lines part, so that a search follows
 // the lines that agree with the start so far, and no others.

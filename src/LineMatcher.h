@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // LineMatcher finds what std::regex_search finds with the ECMAScript expression "^" + start, followed by "$" for a
 // whole line. Names and addresses usually hold no metacharacter but ".". They are compared byte by byte, which takes a
 // fraction of the time of a search.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The text of the IKE daemon's pid file. Nothing here opens a file.
 #pragma once
 

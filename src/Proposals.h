@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The proposals of the settings ike and esp, as the daemon reads them.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Finds the known word that a mistyped one resembles. Nothing here allocates.
 #pragma once
 

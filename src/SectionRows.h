@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The lines of the sections that are written to the connections file, and the settings that each line needs.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What is wrong with the settings of a change, in words for a log. Nothing here traces or opens a file.
 #include "SettingCheck.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A file of the daemon's that is read strictly, and replaced by one caller at a time in a way that outlasts a power
 // failure.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // How a source file traces: entry lines, error lines, and other lines. Each source file that traces has one Tracer.
 #pragma once
 

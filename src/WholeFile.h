@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Whole files: the old file is read at once, and a complete new file takes its place.
 #pragma once
 

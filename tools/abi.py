@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Compares the binary interface of the libraries with the baselines in packaging/abi, or renews those.
 
 Usage: abi.py check LIBRARY...

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Checks that each commit changes CHANGELOG.md, or says "No change for callers." in its message.
 
 Usage: check-changelog.py

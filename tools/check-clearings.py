@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Compares each line of the code that clears memory with the rows of docs/clearings.md, which explains them.
 
 Usage: check-clearings.py [--mutate [TEXT]]

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Checks docs/kept.md both ways: each row names a mark in the code and tests that run, and each mark has a row.
 
 Usage: check-kept.py TEST_PROGRAM...

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Checks docs/messages.md both ways: no text that the sources can write is missing, and none is out of date.
 
 Usage: check-messages.py

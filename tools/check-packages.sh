@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+#
 # Builds and tries the Debian packages in bare roots: check-packages.sh FOLDER [SUITE...] (bookworm and trixie)
 # Each root is a Debian of its own below FOLDER, made by debootstrap; packages are built in one copy of it and tried in
 # another. IPSEC_DEBIAN_MIRROR names another archive than deb.debian.org, IPSEC_EARLIER another commit to upgrade from

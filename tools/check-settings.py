@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Checks that the settings listed in Ipsec.h above the two writers are those that the writers read, and that the checks
 of a change know the same.
 

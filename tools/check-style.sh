@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+#
 # House rules that a grep can check. Prints each breach as file:line and fails if there is one.
 set -uo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
@@ -63,6 +66,15 @@ text_without_data=(. ':!LICENSE' ':!packaging/abi/*' ':!tests/files/golden/*' ':
 never '[[:space:]]+$' 'Blanks at the end of a line:' "${text_without_data[@]}"
 never '^(?!\|).{121}' 'Lines of more than 120 columns:' "${text_without_data[@]}"
 never '^(<<<<<<<|>>>>>>>)' 'Left-over merge marks:' .
+
+# REUSE.toml speaks for the files that cannot, or need not, say it themselves.
+mapfile -t elsewhere < <(sed -n 's/^  "\(.*\)",$/:(exclude,glob)\1/p' REUSE.toml)
+for line in 'SPDX-FileCopyrightText: The ipsec-helpers authors' 'SPDX-License-Identifier: Apache-2.0'; do
+  unmarked=$(git ls-files -z -- . "${elsewhere[@]}" ':!LICENSE' ':!LICENSES' ':!REUSE.toml' |
+    xargs -0 awk -v line="$line" 'FNR <= 4 && index($0, line) { found[FILENAME] }
+      END { for (i = 1; i < ARGC; ++i) if (!(ARGV[i] in found)) print ARGV[i] }')
+  [ -z "$unmarked" ] || breach "Files without \"$line\" in their first four lines:" "$unmarked"
+done
 
 long_files=$(git ls-files -z '*.cpp' '*.h' '*.py' '*.sh' dev | xargs -0 wc -l | awk '$1 > 700 && $2 != "total"')
 [ -z "$long_files" ] || breach 'Files of more than 700 lines:' "$long_files"

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Checks that each row of docs/threats.md that says what holds names a test that runs, or why it has none.
 
 Usage: check-threats.py TEST_PROGRAM...

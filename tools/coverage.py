@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Prints which lines and branches of src/ and platform/ the tests of a build folder reached, and why the rest was not.
 
 Usage: coverage.py BUILD_DIR

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Compares the tests that a build has disabled with the list of those that its platform does not run.
 
 Usage: disabled-tests.py BUILD PLATFORM_FOLDER

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Shows what of the library works with OpenSSL's FIPS provider alone, and compares it with the table in docs/groups.md.
 
 Usage: fips.py check PROBE

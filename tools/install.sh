@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+#
 # Installs a build, and removes it again. ./dev install and ./dev uninstall call it.
 set -euo pipefail
 export LC_ALL=C

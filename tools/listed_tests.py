@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """The tests that a page may name: those that a test program lists, folders of golden files, replays of kept inputs."""
 
 import pathlib

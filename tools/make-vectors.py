@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Writes the known-answer files of tests/vectors with the arithmetic of oracle.py, which does not use OpenSSL.
 
 Every "random" number is a hash of its label, so the files are the same each time.

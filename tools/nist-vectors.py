@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Converts NIST's and other published test files into the block files that tests/support/VectorFile reads.
 
   tools/nist-vectors.py --package [DIR] --out DIR   Debian's python3-cryptography-vectors

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Arithmetic of IKE's key exchange and key material, as an oracle that does not use OpenSSL.
 
 Modular exponentiation is Python's pow. Elliptic curves, HMAC (RFC 2104) and prf+ are written out here with plain

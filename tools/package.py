@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Builds the Debian packages from the tracked files of a tree, and has lintian judge them.
 
 Usage: package.py build [--tree DIR] [--version VERSION] OUT

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Draws the demo's output as pictures for the README: ./dev demo | picture.py draw FOLDER.
 
 picture.py check FOLDER PROGRAM... runs programs of the demo, and fails when the pictures show something else than they

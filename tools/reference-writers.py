@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """A second, slow implementation of the two file writers. It prints random cases with its answers.
 
 Usage: reference-writers.py SEED COUNT

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Makes a release ready. It commits nothing and tags nothing.
 
 Usage: release.py check VERSION

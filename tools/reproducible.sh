@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+#
 # Builds the libraries twice, in folders with different names and on different terms, and compares every file that is
 # installed: tools/reproducible.sh RESULT BUILD_TYPE... ./dev reproducible calls it.
 set -euo pipefail

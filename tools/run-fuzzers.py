@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Runs every fuzzer of a build folder for some seconds each, side by side, beginning with the kept inputs.
 
 Usage: run-fuzzers.py BUILD_DIR SECONDS

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Writes the bill of materials of a package, in the JSON form of SPDX 2.3.
 
 Usage: sbom.py --package NAME --version VERSION --folder DIR --out FILE

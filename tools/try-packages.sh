@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+#
 # Installs the packages as root of a bare Debian, uses, upgrades, replaces and removes them:
 #   try-packages.sh SOURCE EARLIER NOW
 # EARLIER and NOW are folders of packages, SOURCE the tree of NOW. tools/check-packages.sh runs this in a new root.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Reading and appending big-endian fields, and bytes that are cleared when they are destroyed.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Protecting packets: encryption by OpenSSL, integrity by the cipher itself or by the library's HMAC.
 #pragma once
 

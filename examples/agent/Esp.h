@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // ESP in UDP (RFC 4303, RFC 3948), tunnel mode, and one echo request through it.
 #pragma once
 

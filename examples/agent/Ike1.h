@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IKEv1 as the initiator (RFC 2409): main mode with a pre-shared key, quick mode, and the deletion.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IKEv2 as the initiator (RFC 7296): IKE_SA_INIT, IKE_AUTH with a pre-shared key, CREATE_CHILD_SA, INFORMATIONAL.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Writes derived keys to a file, so that a test can compare them with the peer's.
 //
 // Warning: never use this for a real connection. Whoever reads the file can read the traffic.

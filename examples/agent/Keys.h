@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Diffie-Hellman and key derivation. All secrets except the contents of packets come from the library.
 #pragma once
 

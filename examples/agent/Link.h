@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The two UDP ports of an IKE peer: 500, and 4500 where IKE and ESP share one port (RFC 3948).
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The parts of an IKE message that both versions share: the header and the chain of payloads.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The bodies of IKEv2's payloads (RFC 7296 section 3).
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The bodies of IKEv1's payloads (RFC 2407, RFC 2408, RFC 2409).
 #pragma once
 

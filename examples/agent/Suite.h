@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The transforms that the agent offers: their names on the command line, their sizes, and their numbers in the library.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A configuration change as an IPsec agent makes it, from naming a connection to loading the kernel's modules, on the
 // demo's private host. Fails if anything that it shows is not as expected.
 

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Runs config-demo as a user would: check.py PROGRAM. The program checks its results itself; this checks how it tells
 them."""
 

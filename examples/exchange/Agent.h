@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Agent is one side of a key exchange. It does what an IKE agent does with the library for one security association.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The keys of an IKE security association (RFC 7296 section 2.14) for a suite of transforms.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // exchange-demo: two agents in two processes set up IKE keys with the library. Start reading in Agent.cpp, which shows
 // what an IKE agent does with the library. The other files are about the socket, the tables and the checks.
 #include "Exchange.h"

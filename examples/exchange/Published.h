@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The key exchanges that RFC 5903 and RFC 5114 publish, computed again from their private keys.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The results as tables for a terminal of 100 columns. Each row is printed as soon as its results are known.
 #pragma once
 

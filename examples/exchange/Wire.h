@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Messages between the two processes, over TCP. A message consists of a type byte, the length of its body in four
 // bytes, and the body. The body is a list of fields, each with its length in two bytes in front. All numbers are
 // big-endian.

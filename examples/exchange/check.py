@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Runs exchange-demo as a user would, and with each of its faults: check.py PROGRAM."""
 
 import json

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Registered messages. One that is emitted goes to syslog. The limits that a handle sets are not kept.
 #include "platform/Log.h"
 

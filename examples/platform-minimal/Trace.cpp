@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Traces that write nothing: each line goes to the captures. They are the hook at which an agent puts its own trace.
 #include "platform/Trace.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The VRF table as a text file, /dev/shm/NAME.vrf, with a line "NUMBER LENGTH NAME" for each VRF. Whoever fills it puts
 // a new file in its place, so that a look-up finds a whole table. Nothing here writes it: the functions of the header
 // that do so are not linked by the library, and are left out.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What of the library works with this process's OpenSSL configuration: one row for each group, PRF and nonce. Where
 // something does not work, the row has the line that the library traced and the reasons that OpenSSL gives.
 //

@@ -1,4 +1,7 @@
 #!/bin/sh
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+#
 # Makes the strongSwan daemon of Debian 12 or 13 use the files of ipsec-helpers: setup.sh [remove]. Run it as root,
 # before the daemon is started. A second run changes nothing. docs/strongswan.md explains each step.
 set -eu

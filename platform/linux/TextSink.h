@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // TextSink writes text traces to standard error. A trace must never harm what it traces: on a pipe, a socket or a
 // terminal, a line waits at most 10 ms for its reader and for other lines, and is then dropped and counted. While the
 // reader does not read, later lines are dropped at once. The number of dropped lines is told in a line of its own

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The text of TRACE_LEVELS. Nothing here traces, writes or switches a level.
 #pragma once
 

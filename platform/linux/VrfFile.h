@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The file behind a VRF status table: who may be believed, and who writes.
 //
 // The writer's lock is on a file of its own, NAME.INODE.lock with the inode number of the segment. The segment itself

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The layout of the VRF status table's shared-memory segment, for the table itself and for tests that damage a segment.
 //
 // A slot keeps its entry twice, each copy with the number of the change that made it, and a counter of changes. The

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The part of the crypto shim that computes HMAC in pieces, with two keyed digest states.
 
 #include "base/MadeOnce.h"

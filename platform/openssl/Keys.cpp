@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Key objects of MODP groups and curves. Most of what this part of the crypto shim does is arranged so that OpenSSL's
 // calls take little time:
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Trace capture: shows a test every line that is traced in its process. Every platform that runs the tests implements
 // it. Nothing in the library may use it.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A VRF status table for tests: what a test does to a table as its writer, and as somebody who damages it. How that is
 // done depends on what the platform keeps a table in, so each platform has its own.
 #pragma once

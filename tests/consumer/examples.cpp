@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Runs the examples in the comments of the public headers. examples.py takes them out.
 #include "Ipsec.h"
 #include "IpsecDaemon.h"

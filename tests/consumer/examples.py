@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Prints every example in the comments of headers as a function, and a table of them: examples.py HEADER...
 
 An example is the lines that follow "// Example:", four blanks further in. Each becomes the body of a function that is

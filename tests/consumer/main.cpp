@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Uses each part of the public interface once, in C++17, with nothing but the public headers.
 #include "Ipsec.h"
 #include "IpsecVersion.h"

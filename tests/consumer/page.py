@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Takes the program of a page out of it: page.py --program|--output|--commands PAGE.
 
 The program is all of the page's blocks of C++, one after the other. Its output is the first block without a language

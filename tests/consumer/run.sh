@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+#
 # Installs a build into a separate folder and builds a program against what is installed there: run.sh BUILD.
 # C++17 and C++20, g++ and clang++, CMake and pkg-config. Every warning counts, including those in the installed
 # headers. The examples in their comments and the program of the README are compiled and run too.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The contract of IpsecDH, tested for everything that must keep it: both forms, and the facade.
 //
 // What differs between the forms, above all their known answers, is in one file for each form.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IpsecDHEcp, where it differs from MODP: groups, known answers, refusals with their trace lines, kept behaviour.
 
 #include "tests/support/CryptoCases.h"

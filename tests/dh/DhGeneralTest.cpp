@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IpsecDHGeneral, where it differs from the forms: the choice of the form, and its own refusals.
 
 #include "tests/support/CryptoCases.h"

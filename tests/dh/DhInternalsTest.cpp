@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The group tables and the file-local functions of the Diffie-Hellman source, which is part of this program.
 
 #include "src/AlgorithmTables.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IpsecDHModp, where it differs from the curves: groups, known answers, refusals with their trace lines, kept
 // behaviour.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Changes that are applied while calls of the system fail, memory runs out, others change the same file, or the process
 // is killed: the old file or the new one is in place, and the next call works.
 #include "IpsecDaemon.h"

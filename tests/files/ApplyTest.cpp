@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Changes that are applied, and lists: what the files hold, their modes and owners, and what is refused.
 #include "IpsecDaemon.h"
 #include "tests/files/DaemonChanges.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // One change of each of the daemon's files, for the tests that run alike for both.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Many changes made in one step leave byte for byte what as many single rewritings leave, and LineIndex finds what
 // LineMatcher finds.
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Whatever happens to the disk or to the process, the daemon finds the complete old file or the complete new one.
 #include "Ipsec.h"
 #include "tests/support/HostTests.h"

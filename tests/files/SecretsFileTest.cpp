@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Tests of the secrets file that the golden folders do not have: refusals, unusual bytes, sizes and traces. Full disks
 // and dying processes are tested in FileReplacementTest, and the same rules with random files in
 // WriterDifferentialTest.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The checks of a change, in memory: which setting has a problem, what the texts may hold, what becomes of the output.
 // Whether the daemon agrees is what tests/interop/settings.py proves.
 #include "IpsecDaemon.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What is in the place of a file may be no ordinary file, and the process may lack what it needs to open one: nothing
 // is waited for, nothing is written through, and no other section is lost.
 #include "Ipsec.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Compares the two writers with two other implementations, with random files. tests/support/PlainWriters.h shows what
 // is removed for any name. tools/reference-writers.py shows whole files.
 //

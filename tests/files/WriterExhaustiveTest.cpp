@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Compares the two writers with their plainest form for every old file of up to 5 lines over nine kinds of line, with
 // and without its last newline, and for every kind of call: 125,478 files and 36 calls, 4,517,208 cases. The writers
 // work on texts in memory, as they do in the library once the old file has been read.

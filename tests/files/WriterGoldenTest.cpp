@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Each folder below golden/ is one rule: the settings of a call, the file before it (if there is one) and the file
 // after it. The folder's name says which file is written, and the first line of "settings" is the rule.
 #include "Ipsec.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Memory runs out in the writers, at every allocation of a call in turn. Only std::bad_alloc leaves the call, the old
 // file stays unless the call returned, and neither memory nor a descriptor is leaked.
 #include "Ipsec.h"

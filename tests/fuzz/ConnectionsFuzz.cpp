@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The connections writer against its plain form. An input is text: a line of letters, one for each setting of the call;
 // a line with the section's name; a line with the beginning of the other settings' values; the old file.
 #include "tests/fuzz/FuzzInput.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the fuzz targets share: reading an input piece by piece, and stopping at a finding.
 #pragma once
 

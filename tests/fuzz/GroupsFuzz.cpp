@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // All groups against plain arithmetic. What a peer sends is either refused, or gives the secret that the arithmetic
 // gives; a refusal leaves the output as it was. An input chooses a group, a private value, and a peer's value: at the
 // edges, somebody's public value, one that was damaged, or bytes.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Groups, private values and peers' values from an input, for the targets of the key exchange.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // HMAC in pieces against OpenSSL's HMAC at once. An input is a digest, a key, and steps: absorb a piece, finish, set
 // another key, set the same key again, or change the bytes of the key, which takes effect after the next output.
 #include "tests/fuzz/KeyInput.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Digests and long byte strings from an input, and HMAC at once, for the targets of key material.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The number in a pid file against arithmetic by hand: blanks, a sign, digits; letters after them are ignored. An input
 // is the file.
 #include "PidFile.h"

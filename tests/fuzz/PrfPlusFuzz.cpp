@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // prf+ in draws against the whole stream at once, with the counter (RFC 7296 section 2.13) and without it (RFC 2409
 // section 5.5), over HMAC and over a function with any length of output. An input is the function, a key, a seed and
 // the lengths of the draws.

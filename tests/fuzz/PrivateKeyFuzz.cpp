@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Importing private keys, for all groups: the public value is the arithmetic's, the key can be read back, and what was
 // read gives the same key in another object, with which an exchange agrees. An input chooses a group and a key.
 #include "tests/fuzz/GroupsInput.h"

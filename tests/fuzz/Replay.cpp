@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Gives each kept input of a folder to a fuzz target: SUBJECT-replay FOLDER. Any compiler can build it.
 #include "tests/fuzz/FuzzInput.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The secrets writer against its plain form. An input is text: a line of letters, one for each setting of the call; a
 // line with the peer's address; a line with the value of the other settings; the old file.
 #include "tests/fuzz/FuzzInput.h"

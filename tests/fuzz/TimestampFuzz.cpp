@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Timestamps against the calendar by counting days. An input is a time zone's offset in minutes (two bytes) and a time
 // in seconds: the eight bytes of a double, or a decimal number as text.
 #include "Ipsec.h"

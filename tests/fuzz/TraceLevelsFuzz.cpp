@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The text of TRACE_LEVELS against an expression for its entries. An input is the text.
 #include "platform/linux/TraceLevels.h"
 #include "tests/fuzz/FuzzInput.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The VRF status table as a hostile writer leaves it, against a plain reading of its words. A look-up gives what the
 // words say, or reports damage where no writer's steps can have led. An input is a row of steps: write a word of a
 // slot, make a copy's checksum right, add or remove a VRF as the table's own writer does, look a VRF up.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Configures the daemon through the library, for the interop runner. Reads commands from standard input, one per line
 // with its fields separated by TABs, calls the library, and answers each command with one line.
 //

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Reads the keys that charon writes to its log at ike = 4 and chd = 4, and names them as in the agent's key log."""
 
 import re

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Runs the agent of examples/agent against an unmodified strongSwan daemon that the library configures.
 
 Every row is one negotiation: the keys that the agent derived are compared byte for byte with those that the daemon

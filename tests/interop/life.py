@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Rows about changes of the configuration, from the library through the daemon to the agent."""
 
 import re

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Rows about limits that only a tunnel shows: what the daemon makes of margins and of very long times."""
 
 import re

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """The rows of the matrix: the agent's arguments, and how the daemon is configured for them."""
 
 import dataclasses

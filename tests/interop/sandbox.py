@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """A private place for the daemon: its own mount, network and pid namespaces, a veth pair, and the daemon itself.
 
 Everything here happens inside namespaces that the runner has entered; nothing of the host is changed, and no packet

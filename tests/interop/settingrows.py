@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """The values of settings that the check and the daemon are compared over, and what the daemon makes of each.
 
 A verdict is one of these:

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Compares the library's check of settings with an unmodified strongSwan daemon, value by value and in both directions.
 
 Every row of settingrows.py is checked by the library, written by the library and read by the daemon: what the check

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Follows docs/strongswan.md, as it is installed, with the daemon as Debian ships it: stock.py --build BUILD, or
 --prefix PREFIX for a library that is installed already.
 

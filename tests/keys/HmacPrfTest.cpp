@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // HmacPRFunc: call order, known answers, each refusal with its trace lines, kept behaviour.
 
 #include "tests/support/CryptoCases.h"

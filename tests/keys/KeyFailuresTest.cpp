@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Every branch of the PRFs, the nonces and the set-up that only a failure of the crypto shim or of OpenSSL reaches, one
 // call at a time.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Key lengths of transforms, OpenSSL's set-up, the dump of a byte vector.
 
 #include "tests/support/CryptoCases.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // NonceGenerator: lengths, a simple check of randomness, joining.
 
 #include "tests/support/CryptoCases.h"

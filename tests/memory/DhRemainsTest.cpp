@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the key exchange leaves of private numbers and secrets in memory: nothing, but for what OpenSSL itself leaves.
 #include "base/OpenSslPtr.h"
 #include "platform/CryptoShim.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What HMAC and prf+ leave of keys, of what is made of keys, and of input in memory: nothing.
 #define OPENSSL_SUPPRESS_DEPRECATED  // the old interface alone shows the state of a digest
 

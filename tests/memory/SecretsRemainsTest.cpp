@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the functions for the secrets file leave of the old file's secrets and of the new one in memory: nothing.
 #include "IpsecDaemon.h"
 #include "tests/support/HostTests.h"

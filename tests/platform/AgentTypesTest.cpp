@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The agent's types: addresses, VRF names and entries, texts of enumerations.
 
 #include "platform/AgentTypes.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Programs that the platform's tests start: this one again in a role, and others.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The framework: formatting, expressions, strings.
 
 #include "platform/Framework.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The promises of the stand-in platform, on which the library and the other tests rely. There is one file per subject.
 
 #include "tests/platform/Roles.h"

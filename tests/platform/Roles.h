@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What this program does instead of testing when it starts itself with the name of a role as its first argument. Some
 // promises can be tested only in a separate process (the environment, the end of the process, another process's
 // memory). Each role is given the arguments after its name and returns the exit code. It is in the file of the tests

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Text traces and their reader: a reader that is gone or does not read harms the agent in no way.
 #include "platform/Trace.h"
 #include "tests/platform/Roles.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A VRF status table into which somebody else has written.
 
 #include "tests/platform/Messages.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The VRF status table, in one process and between several, one of which may die at any moment.
 
 #include "tests/platform/Messages.h"

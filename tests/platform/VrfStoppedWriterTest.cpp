@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A VRF status table whose writer is stopped, or killed, after every single store.
 
 #include "tests/platform/VrfTable.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A VRF status table of the test's own, and processes beside the test that work with it.
 #pragma once
 

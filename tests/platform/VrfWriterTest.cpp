@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Who may provide a VRF status table, and who may write it.
 
 #include "tests/platform/Messages.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // C functions that an agent may well have, under the names of the crypto shim's. They count their calls and do nothing.
 // No header of the project's: this is somebody else's source.
 

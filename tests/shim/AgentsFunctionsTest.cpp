@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // An agent's own C functions with the names of the crypto shim's do not replace the shim's.
 
 #include "tests/support/CryptoCases.h"

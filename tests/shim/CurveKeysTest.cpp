@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Key objects of the curves: what they hold.
 
 #include "tests/shim/ShimCases.h"

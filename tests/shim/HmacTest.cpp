@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // HMAC contexts: call order, keys, pieces, truncation, and what a failure leaves. They are compared with OpenSSL's
 // HMAC.
 

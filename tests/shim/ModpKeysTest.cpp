@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Key objects of MODP groups: what they hold, and how new ones are drawn.
 
 #include "tests/shim/ShimCases.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The shared secret: its value and form, the peers that are refused, and what a failure leaves.
 
 #include "tests/shim/ShimCases.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the tests of the crypto shim share: owning pointers, numbers and bytes, the groups as numbers.
 #pragma once
 

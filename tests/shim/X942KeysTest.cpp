@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Keys of OpenSSL's X9.42 kind, "DHX", which know their subgroup's order: the same checks of the peer and the same form
 // of the secret as for the other kind.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What the tests of the crypto core share: the groups with their sizes, bytes and hex, the check of one known exchange.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The main function of test programs that work on the host's real paths.
 //
 //   int main(int argc, char** argv) { return Ipsec::Testing::runInPrivateMounts(argc, argv); }

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The operators new and delete of a test program that has a say in the memory of all its libraries. OperatorNew.cpp
 // defines them, and the program defines these two functions.
 #pragma once

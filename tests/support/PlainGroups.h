@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IKE's groups in their plainest form, over OpenSSL's big numbers alone: powers by squaring, points by the formulas of
 // the chord and the tangent. The primes come from pi, as in RFC 2409 and RFC 3526. Slow, and nothing is kept secret.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The two writers in their plainest form: every line of an old text is searched with std::regex. What the library's
 // writers do with a text must be what these do. They share no code with it but the names of the authentication types.
 #pragma once

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // PrivateMounts gives a test program the real paths of the host side without the real host: its own mount namespace,
 // with private folders over /etc/strongswan and /proc/sys/net/core, and recording stand-ins over /sbin/modprobe and
 // /sbin/rmmod. Nothing in it outlives the program, and nothing is created or changed outside of it.

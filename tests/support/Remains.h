@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Remains shows what an operation leaves in memory that nobody owns any more: in blocks of the heap at the moment when
 // they are freed, and on the stack below the operation's caller.
 //

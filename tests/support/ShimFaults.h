@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Makes functions of the crypto shim and of OpenSSL fail when the library calls them.
 //
 // A test program with this source defines the functions itself and forwards to the real ones. Only calls from the

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // IPSEC_SKIP, for tests that need something of the machine that they run on.
 #pragma once
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A thread with as small a stack as an embedded agent gives its workers.
 #pragma once
 

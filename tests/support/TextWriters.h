@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The library's two writers on texts in memory. The program is built with their silent sources: ipsecsilent.
 #pragma once
 

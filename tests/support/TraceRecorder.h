@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // TraceRecorder keeps the trace lines that the library writes while it lives.
 //
 //   TraceRecorder traces("IpsecKeyGen=0-4");

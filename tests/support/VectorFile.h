@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Reader for the known-answer files of the tests.
 //
 // A file is a list of blocks separated by blank lines. A block is a list of lines "Name = value"; "#" starts a comment

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The reader of known answers must not miss a case: what it cannot read, or what a test does not read, is an error.
 
 #include "tests/support/VectorFile.h"

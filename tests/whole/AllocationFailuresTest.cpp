@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Memory runs out: inside OpenSSL, at every allocation of a whole exchange and of a derivation, and at every operator
 // new. Nothing crashes, nothing leaks, and every result that claims success is right.
 //

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A thread is cancelled while it is in one of the library's or the platform's functions. The process must live on, the
 // call must have done its work or have left as an exception leaves it, and no descriptor may stay open.
 #include "Ipsec.h"

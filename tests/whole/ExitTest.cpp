@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The end of the process: the library stays usable for whoever still runs then. That is after its destructors, in the
 // destructor of a library that was loaded earlier, and in threads that nobody has stopped.
 //

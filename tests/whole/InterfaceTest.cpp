@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // What callers were compiled against: numbers, sizes, fields, virtual slots, exported names, the registered message.
 
 #include "platform/Log.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // No private key, secret, nonce, PRF key or output reaches a trace, at any level, in any form that can be read back.
 
 #include "platform/Trace.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Published test sets that are not part of the source tree: NIST's, as Debian packages them, and a folder with further
 // ones (see IPSEC_SHARED_VECTORS in the top CMakeLists.txt). Every case for our groups and digests is run and counted.
 

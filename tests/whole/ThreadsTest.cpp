@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Different objects on many threads at once, including the first use of the shared objects. Also run under
 // ThreadSanitizer.
 

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Tests of tools/sbom.py with the built libraries.
 
 Usage: bill_of_materials.py SBOM LIBRARY...

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Tests of the command ./dev itself, with stand-ins for the programs that it calls.
 
 Usage: dev_command.py PATH_OF_DEV

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Checks that libraries are hardened, by what their ELF files say, and names what is missing.
 
 Usage: hardening.py COMPILER LIBRARY...

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Compares the platform's functions that a document lists with those that the libraries link.
 
 Usage: linked_functions.py DOCUMENT PLATFORM LIBRARY...

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Tests of tools/release.py in small repositories of their own.
 
 Usage: release_command.py SOURCE

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Checks that only handles are constructed when a library is loaded and destroyed when the process ends.
 
 Usage: static_objects.py OBJECT_FILE...

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Looks at every page of the site as a phone shows it, and reports to the server what is wrong. It runs in a page of
 // the same server, with each page in a frame.
 "use strict";

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Builds the site: the Markdown pages, the headers as the manual that their comments are, and the man pages.
 
 Usage: build.py FOLDER

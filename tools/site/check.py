@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Checks a built site: links and pictures, man pages, and every page in a browser, light and dark.
 
 Usage: check.py SITE MAN_FOLDER

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+
 """Reads a header as the manual that it is: sections, text, and declarations with the comments above them.
 
 A comment block directly above code belongs to that code; one with an empty line after it is text of its own. Comments

@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
 """Writes the man pages (section 3) of the public headers: one for each class and function, and one for each header.
 
 Usage: manpages.py FOLDER

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The search: every word that is typed must be in the title or in the text of an entry. Titles count first.
 "use strict";
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // Gives the agent's parsers what a hostile peer, or anybody on the way, may send. The first byte chooses the parser. A
 // parser may only return a result, throw Malformed, or throw a Failure that reports a refusal. A result must be what
 // was sent: written back, it gives the same bytes but for those that the parsers skip.

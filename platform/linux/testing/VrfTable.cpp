@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // The tests' hand on a table in shared memory.
 #include "platform/testing/VrfTable.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A library that is loaded before ipsechelpers and knows nothing of it. It sets OpenSSL up when it is loaded, and has
 // one last thing to do when the process ends: after the destructors of what was loaded later, and before OpenSSL's
 // clean-up.

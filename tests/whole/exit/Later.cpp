@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // An agent's library over ipsechelpers, for a program that loads it itself.
 
 #include "Ipsec.h"

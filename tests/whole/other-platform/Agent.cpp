@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A program of a project that includes the library. It says what it was compiled as.
 #include <Ipsec.h>
 #include <IpsecVersion.h>

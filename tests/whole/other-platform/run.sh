@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: The ipsec-helpers authors
+# SPDX-License-Identifier: Apache-2.0
+#
 # Builds the library as a part of another project, and with other platforms than the stand-in, and runs tests with one:
 # run.sh BUILD, a folder in which the libraries and the tests have been built.
 set -uo pipefail

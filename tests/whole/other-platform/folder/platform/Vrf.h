@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: The ipsec-helpers authors
+// SPDX-License-Identifier: Apache-2.0
+
 // A VRF table of another framework: what the library asks of one, and nothing else.
 #pragma once
 
