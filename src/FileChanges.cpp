@@ -44,7 +44,10 @@ std::size_t globalLine(std::string_view text) {
 // is in.
 class ConnectionBlocks {
  public:
-  explicit ConnectionBlocks(std::string_view text) {
+  // Room is made for as many heads as there are changes: mostly there are as many in the old text or in the new one.
+  ConnectionBlocks(std::string_view text, std::size_t changes) {
+    heads.reserve(changes);
+    blocks.reserve(changes);
     ahead = text.substr(0, nextHead(text, 0));
     globalAhead = globalLine(ahead);
     append(text.substr(ahead.size()));
@@ -140,7 +143,11 @@ class ConnectionBlocks {
 
 class SecretEntries {
  public:
-  explicit SecretEntries(std::string_view text) { append(text); }
+  SecretEntries(std::string_view text, std::size_t changes) {
+    starts.reserve(changes);
+    lines.reserve(changes);
+    append(text);
+  }
 
   void make(const SecretChange& change) {
     const LineIndex::Number found = change.start ? starts.first(*change.start) : LineIndex::none;
@@ -176,7 +183,7 @@ class SecretEntries {
 
 template <class Parts, class Change>
 TextPieces madeInParts(std::string_view oldText, const std::vector<Change>& changes) {
-  Parts parts(oldText);
+  Parts parts(oldText, changes.size());
   for (const Change& change : changes) {
     parts.make(change);
   }

@@ -9,6 +9,12 @@
 
 namespace Ipsec {
 
+void LineIndex::reserve(std::size_t lines) {
+  nodes.reserve(2 * lines);
+  children.reserve(3 * lines);
+  equals.reserve(lines);
+}
+
 void LineIndex::add(std::string_view line, std::size_t number) {
   if (number >= none / 2 || line.size() >= none) {  // a line adds up to two nodes
     throw std::bad_alloc();
@@ -93,18 +99,20 @@ const char* LineIndex::begin(std::string_view line) const {
   return step > 0 || line.empty() ? line.data() : &line.back();
 }
 
-// Returns how many characters a node's label and a line have in common.
+// Returns how many characters a child's label and a line have in common. They have the first one: most labels hold no
+// more, and are then not looked up in the text that they are a part of.
 std::uint32_t LineIndex::common(const Node& node, const char* line, std::size_t length) const {
-  std::uint32_t count = 0;
+  std::uint32_t count = 1;
   while (count < node.labelLength && count < length && node.label[count * step] == line[count * step]) {
     ++count;
   }
   return count;
 }
 
-// Returns whether a node's label matches what is left of a start, as far as the shorter of the two goes.
+// Returns whether a node's label matches what is left of a start, as far as the shorter of the two goes. The first
+// character of a child's label is known to match.
 bool LineIndex::matches(const Node& node, const char* start, std::size_t length) const {
-  std::uint32_t count = 0;
+  std::uint32_t count = std::min(node.labelLength, 1U);
   while (count < node.labelLength && count < length && matchesOne(start[count * step], node.label[count * step])) {
     ++count;
   }

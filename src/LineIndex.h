@@ -29,6 +29,9 @@ class LineIndex {
   explicit LineIndex(LineMatcher::Covers extent)
       : covers(extent), step(extent == LineMatcher::Covers::Start ? 1 : -1), nodes(1) {}
 
+  // Makes room for as many lines, so that they are not moved while they become more.
+  void reserve(std::size_t lines);
+
   // Adds a line. The text must outlive the index. Throws std::bad_alloc, also when there are too many lines to count.
   void add(std::string_view line, std::size_t number);
 
