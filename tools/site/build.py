@@ -53,8 +53,8 @@ def emptied(folder):
 def tracked():
     """The files of the project, also new ones, and also in an archive that is no clone."""
     command = ["git", "-C", ROOT, "ls-files", "--cached", "--others", "--exclude-standard"]
-    done = subprocess.run(command, capture_output=True, text=True, check=False)
-    if done.returncode == 0 and done.stdout:
+    done = subprocess.run(command, capture_output=True, text=True, check=False) if shutil.which("git") else None
+    if done and done.returncode == 0 and done.stdout:
         return [line for line in done.stdout.splitlines() if (ROOT / line).is_file()]
     found = (path.relative_to(ROOT) for path in ROOT.rglob("*") if path.is_file())
     return sorted(str(path) for path in found if path.parts[0] != "build" and not path.parts[0].startswith("."))
