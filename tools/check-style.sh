@@ -62,7 +62,7 @@ never '\bFreeWith\b' 'base/OpenSslPtr.h names every owning pointer:' '*.cpp' '*.
 # --- What a line and a file look like ---------------------------------------------------------------------------------
 
 text_without_data=(. ':!LICENSE' ':!packaging/abi/*' ':!tests/files/golden/*' ':!tests/fuzz/corpus/*'
-  ':!tests/vectors/*' ':!tests/whole/exported_symbols.txt')
+  ':!tests/vectors/*' ':!tests/whole/exported_symbols.txt' ':!docs/performance-*.svg')
 never '[[:space:]]+$' 'Blanks at the end of a line:' "${text_without_data[@]}"
 never '^(?!\|).{121}' 'Lines of more than 120 columns:' "${text_without_data[@]}"
 never '^(<<<<<<<|>>>>>>>)' 'Left-over merge marks:' .
