@@ -19,7 +19,7 @@ import time
 import unittest
 
 DEV = pathlib.Path(sys.argv.pop(1)).resolve()
-TOOLS = "bash cat dirname env grep id mkdir mktemp nproc readlink rm sh sleep tail tput tr"
+TOOLS = "bash cat dirname env find grep id mkdir mktemp nproc readlink rm sh sleep tail tput tr"
 
 
 class DevCommand(unittest.TestCase):
@@ -164,6 +164,15 @@ class DevCommand(unittest.TestCase):
                 self.fail(f"No {until!r} in {shown!r}")
             shown += got.decode()
         return shown
+
+    def test_coverage_forgets_what_is_no_longer_built(self):
+        folder = self.dev.parent / "build" / "coverage"
+        folder.mkdir(parents=True)
+        for name in ("built.cpp.gcno", "built.cpp.o", "built.cpp.gcda", "gone.cpp.gcno"):
+            (folder / name).touch()
+        self.program("python3", "exit 0")
+        self.assertEqual(self.run_dev("coverage").returncode, 0)
+        self.assertEqual(sorted(path.name for path in folder.iterdir()), ["built.cpp.gcno", "built.cpp.o"])
 
     def test_a_terminal_shows_how_far_a_step_is_and_for_how_long(self):
         self.program("cmake", '[ "$1" != --build ] || { echo "[7/9] Building a.o"; sleep 3; }')
