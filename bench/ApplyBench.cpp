@@ -19,6 +19,7 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -79,9 +80,9 @@ Changes connections(std::size_t count) {
 
 Changes removals(const Changes& changes) {
   Changes removing;
-  for (auto change = changes.rbegin(); change != changes.rend(); ++change) {
-    removing.push_back({{"config", change->at("config")}, {"delete", ""}});
-  }
+  std::transform(changes.rbegin(), changes.rend(), std::back_inserter(removing), [](const stringmap& change) {
+    return stringmap{{"config", change.at("config")}, {"delete", ""}};
+  });
   return removing;
 }
 

@@ -139,7 +139,7 @@ LineIndex::NodeNumber LineIndex::addChild(NodeNumber parent, const char* label, 
   Node& above = nodes[parent];
   if (above.childCount == 0 || std::has_single_bit(above.childCount)) {  // all the room is taken: make twice as much
     const std::size_t room = children.size();
-    children.resize(room + std::max<std::size_t>(1, 2 * above.childCount));
+    children.resize(room + std::max(std::size_t{1}, 2 * std::size_t{above.childCount}));
     std::copy_n(children.begin() + static_cast<std::ptrdiff_t>(above.firstChild), above.childCount,
                 children.begin() + static_cast<std::ptrdiff_t>(room));
     above.firstChild = room;

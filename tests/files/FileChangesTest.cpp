@@ -77,7 +77,7 @@ std::string name(Dice& dice) {
   do {
     made += dice.of("ab.");
   } while (made.back() == '\0' || !dice.oneIn(2));
-  return made.c_str();  // the array ends with a null
+  return made.substr(0, made.find('\0'));  // the array ends with a null
 }
 
 std::string connectionsLine(Dice& dice) {

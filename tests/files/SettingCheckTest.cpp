@@ -127,7 +127,7 @@ const std::vector<Values> valuesOfSettings = {
     {"leftsubnet", {"10.1.0.0/16,::/0", "%dynamic[udp/500]", ""}, {"10.1.0.0/33", "10.1.0.1-10.1.0.9", ",", "%any"}},
     {"localid",
      {"a b", "@fqdn", "@#3031", "\"CN=a\"", ""},
-     {"CN=a", "a#b", "a  b", "\"a", "\"a\"b", "@#x", "\"a\\q\""}},
+     {"CN=a", "a#b", "a  b", "\"a", "\"a\"b", "@#x", R"("a\q")"}},
     {"remoteid", {"\"a#b\"", "include"}, {"include b", "a\"b", "a\x01"}},
     {"mark", {"5", "0x5/0xff", "%unique", "%unique-dir/7", ""}, {"x", "5/", "/5", "7/3", "4294967295", "%same"}},
     {"type", {"tunnel", "transport_proxy", ""}, {"Tunnel", "esp"}},
@@ -299,11 +299,13 @@ TEST(Checks, NeverShowAValueOrAnUnknownName) {
   const stringmap base = with(usual(), {{"key", "k"}, {"peerIp", "10.0.0.1"}});
   for (const std::string& name : names) {
     for (const std::string& form : forms) {
-      for (const std::string& value : {marker + form, form + marker, marker + form + marker, form + marker + form}) {
+      const std::string left = marker + form;
+      const std::string right = form + marker;
+      for (const std::string& value : {left, right, left + marker, right + form}) {
         expectNoMarker(with(base, {{name, value}}));
         expectNoMarker({{name, value}, {"delete", ""}});
         expectNoMarker({{"default", "%default"}, {name, value}});
-        expectNoMarker(with(base, {{name + form + marker, value}}));
+        expectNoMarker(with(base, {{name + right, value}}));
       }
     }
   }
