@@ -279,10 +279,7 @@ Finding judgeProposal(std::string_view proposal, ProposalFor purpose) noexcept {
 
 Finding judgeProposals(std::string_view proposals, ProposalFor purpose) noexcept {
   std::string_view rest = trimmed(proposals);
-  if (rest.empty()) {
-    return {};  // the daemon's own
-  }
-  if (rest.back() == '!') {
+  if (!rest.empty() && rest.back() == '!') {
     rest.remove_suffix(1);
   }
   rest = trimmed(rest);

@@ -427,9 +427,9 @@ def proposal_rows():
         |default|aes256-sha256-modp2048 aes128|aes256_sha256_modp2048|aes256-sha256-ke1_x25519
         |aes256-sha256-modp2048-ke8_x25519|aes256-sha256-modp2048-ke0_x25519|aes256-sha256-modp2048-ke1_ntru128
         |aes256-sha256-modp2048-ke1_sha256|aes256-sha256-modp2048-ke1_|aes256-sha256-modp2048-ke_x25519
-        |ke1_aes256-sha256-modp2048"""
+        |ke1_aes256-sha256-modp2048|" " """
     esp_dropped = """foo|sha256|modp2048|esn|prfsha256|!|-|aes256,|aes256gcm16-aes256|aes256gcm16-null
-        |aes256-aes256gmac-sha256|AES256|aes256!aes128|aes256-sha265|des_iv64-md5"""
+        |aes256-aes256gmac-sha256|AES256|aes256!aes128|aes256-sha265|des_iv64-md5|" " """
     rows = [*keyword_rows()]
     for setting, verdict, values in (
         ("ike", TAKEN, ike),
