@@ -9,6 +9,8 @@
 
 namespace Ipsec {
 
+// A line adds up to two nodes. Their places among the children take half as much again, because what a node's children
+// outgrow stays empty.
 void LineIndex::reserve(std::size_t lines) {
   nodes.reserve(2 * lines);
   children.reserve(3 * lines);
