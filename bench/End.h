@@ -42,10 +42,31 @@ class End {
   virtual bool keys(const Bytes& secret, const Bytes& both, Bytes& out) = 0;
 };
 
+// Creates a key pair, and returns its public value.
+Bytes publicValueOf(End& end);
+
 std::unique_ptr<End> libraryEnd(unsigned group);
 std::unique_ptr<End> opensslEnd(unsigned group);
 
 // Null if the benchmark was built without Botan.
 std::unique_ptr<End> botanEnd(unsigned group);
+
+struct Contestant {
+  const char* name;
+  std::unique_ptr<End> (*make)(unsigned group);
+};
+
+// The results of an exchange, in vectors that all implementations reuse.
+struct Yield {
+  Bytes publicValue;
+  Bytes secret;
+  Bytes nonces;
+  Bytes keys;
+
+  bool operator==(const Yield&) const = default;
+};
+
+// Sets an SA up with a peer's value and a fresh key pair. This is what is timed.
+void exchange(const Contestant& contestant, unsigned group, const Bytes& peer, Yield& yield);
 
 }  // namespace Bench

@@ -15,13 +15,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <stdexcept>
 
 namespace Bench {
-
-const Bytes spis = {0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x20, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27};
-
-End::~End() = default;
 
 namespace {
 
@@ -33,29 +28,6 @@ struct Case {
 constexpr std::array<Case, 11> cases = {
     {{1, 24}, {2, 24}, {5, 31}, {14, 31}, {15, 39}, {16, 47}, {17, 47}, {19, 31}, {20, 47}, {21, 65}, {24, 31}}};
 
-using Maker = std::unique_ptr<End> (*)(unsigned);
-
-struct Contestant {
-  const char* name;
-  Maker make;
-};
-
-// The results of an exchange, in vectors that all implementations reuse.
-struct Yield {
-  Bytes publicValue;
-  Bytes secret;
-  Bytes nonces;
-  Bytes keys;
-
-  bool operator==(const Yield&) const = default;
-};
-
-void require(bool held, const std::string& what) {
-  if (!held) {
-    throw std::runtime_error(what);
-  }
-}
-
 std::string named(const Case& which, const char* contestant) {
   return "group " + std::to_string(which.group) + ": " + contestant;
 }
@@ -65,19 +37,6 @@ Bytes randomBytes(std::size_t length) {
   require(RAND_bytes(bytes.data(), static_cast<int>(length)) == 1, "no random bytes");
   bytes.front() |= 1;  // the full length: no leading zero byte
   return bytes;
-}
-
-Bytes publicValueOf(End& end) {
-  Bytes value;
-  require(end.generate() && end.publicValue(value), "no public value");
-  return value;
-}
-
-void exchange(const Contestant& contestant, unsigned group, const Bytes& peer, Yield& yield) {
-  const std::unique_ptr<End> end = contestant.make(group);
-  require(end->generate() && end->publicValue(yield.publicValue) && end->agree(peer, yield.secret) &&
-              end->nonces(yield.nonces) && end->keys(yield.secret, yield.nonces, yield.keys),
-          contestant.name);
 }
 
 Yield exchangeWith(const Contestant& contestant, const Case& which, const Bytes& privateKey, const Bytes& peer,

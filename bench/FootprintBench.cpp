@@ -20,7 +20,6 @@
 #include <cstdlib>
 #include <exception>
 #include <new>
-#include <stdexcept>
 
 namespace {
 
@@ -76,12 +75,6 @@ constexpr std::array<DhGroupNum, 11> groups = {
 
 double heldSince(std::size_t before) {
   return static_cast<double>(heldBytes) - static_cast<double>(before);
-}
-
-void require(bool held, const std::string& what) {
-  if (!held) {
-    throw std::runtime_error(what);
-  }
 }
 
 // The first exchange of a process with a group also creates what all later ones share. A second exchange shows how much

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <numeric>
+#include <stdexcept>
 #include <string_view>
 
 namespace Bench {
@@ -15,12 +16,6 @@ namespace {
 
 constexpr double sliceNanoseconds = 150'000;
 constexpr double warmUpNanoseconds = 10'000'000;
-
-double median(std::vector<double>& values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
 
 double timeOf(const Side& side, unsigned operations) {
   const double start = threadTime();
@@ -48,6 +43,24 @@ double threadTime() {
     std::exit(1);
   }
   return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+}
+
+double timeOf(const std::function<void()>& operation) {
+  const double start = threadTime();
+  operation();
+  return threadTime() - start;
+}
+
+double median(std::vector<double>& values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+void require(bool held, const std::string& what) {
+  if (!held) {
+    throw std::runtime_error(what);
+  }
 }
 
 std::vector<double> interleave(const std::vector<Side>& sides, unsigned slices) {

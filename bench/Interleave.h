@@ -24,6 +24,15 @@ struct Side {
 // Returns the CPU time of the calling thread in nanoseconds.
 double threadTime();
 
+// Returns the CPU time of one call in nanoseconds.
+double timeOf(const std::function<void()>& operation);
+
+// Returns the median, and changes the order of the values.
+double median(std::vector<double>& values);
+
+// Throws std::runtime_error if something does not hold that the figures rely on.
+void require(bool held, const std::string& what);
+
 // Returns the median time of one operation in nanoseconds for each side, in their order. Every side gets the given
 // number of slices, and all orders of the sides take turns.
 std::vector<double> interleave(const std::vector<Side>& sides, unsigned slices);

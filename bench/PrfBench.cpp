@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <stdexcept>
 
 namespace Bench {
 namespace {
@@ -30,12 +29,6 @@ constexpr std::array<Hash, 4> hashes = {{{Ipsec::HASH_SHA1, "SHA1", 20},
                                          {Ipsec::HASH_SHA512, "SHA512", 64}}};
 
 constexpr std::array<std::size_t, 2> lengths = {224, 4096};
-
-void require(bool held, const std::string& what) {
-  if (!held) {
-    throw std::runtime_error(what);
-  }
-}
 
 void drawFromLibrary(const Hash& hash, const Bytes& key, const Bytes& seed, std::size_t length, Bytes& out) {
   Ipsec::HmacPRFunc prf;

@@ -12,14 +12,12 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -67,19 +65,9 @@ extern "C" {
 
 namespace Bench {
 
-const Bytes spis = {0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x20, 0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27};
-
-End::~End() = default;
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Maker = std::unique_ptr<End> (*)(unsigned);
-
-struct Contestant {
-  const char* name;
-  Maker make;
-};
 
 constexpr std::array<Contestant, 2> contestants = {{{"library", libraryEnd}, {"openssl", opensslEnd}}};
 constexpr std::array<unsigned, 4> groups = {14, 19, 20, 21};
@@ -87,39 +75,14 @@ constexpr std::array<unsigned, 4> groups = {14, 19, 20, 21};
 // A slice is long enough for the threads' start not to count.
 constexpr std::chrono::milliseconds slice(60);
 
-// What one thread computes with, and writes into.
-struct Work {
-  Bytes peer;
-  Bytes publicValue;
-  Bytes secret;
-  Bytes nonces;
-  Bytes keys;
-};
-
-void exchange(const Contestant& contestant, unsigned group, Work& work) {
-  const std::unique_ptr<End> end = contestant.make(group);
-  if (!end->generate() || !end->publicValue(work.publicValue) || !end->agree(work.peer, work.secret) ||
-      !end->nonces(work.nonces) || !end->keys(work.secret, work.nonces, work.keys)) {
-    throw std::runtime_error(std::string("a set-up fails: ") + contestant.name);
-  }
-}
-
-Work workFor(unsigned group) {
-  const std::unique_ptr<End> peer = opensslEnd(group);
-  Work work;
-  if (!peer->generate() || !peer->publicValue(work.peer)) {
-    throw std::runtime_error("no peer");
-  }
-  return work;
-}
-
 void printLocks(const Contestant& contestant, unsigned group) {
   constexpr unsigned long rounds = 100;
-  Work work = workFor(group);
-  exchange(contestant, group, work);  // creates what is created once
+  const Bytes peer = publicValueOf(*opensslEnd(group));
+  Yield yield;
+  exchange(contestant, group, peer, yield);  // creates what is created once
   const Locks before = taken;
   for (unsigned long round = 0; round < rounds; ++round) {
-    exchange(contestant, group, work);
+    exchange(contestant, group, peer, yield);
   }
   const auto perExchange = [](unsigned long from, unsigned long to) { return static_cast<double>(to - from) / rounds; };
   const std::string name = std::to_string(group);
@@ -138,9 +101,10 @@ double rate(const Contestant& contestant, unsigned group, unsigned threads) {
     for (unsigned i = 0; i < threads; ++i) {
       running.emplace_back([&] {
         try {
-          Work work = workFor(group);
+          const Bytes peer = publicValueOf(*opensslEnd(group));
+          Yield yield;
           while (Clock::now() - begin < slice) {
-            exchange(contestant, group, work);
+            exchange(contestant, group, peer, yield);
             done.fetch_add(1, std::memory_order_relaxed);
           }
         } catch (const std::exception& error) {
@@ -150,9 +114,7 @@ double rate(const Contestant& contestant, unsigned group, unsigned threads) {
       });
     }
   }
-  if (failed) {
-    throw std::runtime_error("a thread failed");
-  }
+  require(!failed, "a thread failed");
   return static_cast<double>(done) / std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
@@ -166,9 +128,8 @@ void measure(unsigned group, unsigned threads, unsigned slices) {
     }
   }
   for (std::size_t i = 0; i < contestants.size(); ++i) {
-    std::sort(rates[i].begin(), rates[i].end());
     print("threads", std::to_string(group) + " " + std::to_string(threads), contestants[i].name, "1/s",
-          rates[i][rates[i].size() / 2]);
+          median(rates[i]));
   }
 }
 

@@ -22,7 +22,6 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -68,12 +67,6 @@ Case secrets() {
   return made;
 }
 
-void require(bool held, const std::string& what) {
-  if (!held) {
-    throw std::runtime_error(what);
-  }
-}
-
 void copyByHand(const std::string& from, const std::string& to) {
   static std::vector<char> bytes(131072);  // what cp reads at a time
   const std::string temporary = to + ".tmp";
@@ -98,18 +91,6 @@ double runCp(const std::string& from, const std::string& to) {
     return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_usec) * 1e3;
   };
   return nanoseconds(usage.ru_utime) + nanoseconds(usage.ru_stime);
-}
-
-double timeOf(const std::function<void()>& operation) {
-  const double start = threadTime();
-  operation();
-  return threadTime() - start;
-}
-
-double median(std::vector<double>& values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
 }
 
 void run(const Case& measured, unsigned rounds) {
