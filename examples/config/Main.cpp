@@ -59,15 +59,20 @@ std::string nameOf(const char* left, const char* right, std::uint32_t number) {
   return Ipsec::getConnNameFromKey(key).str();
 }
 
+Ipsec::stringmap connection(const char* left, const char* right, std::uint32_t number) {
+  return {{"config", nameOf(left, right, number)},
+          {"ikeVersion", "ikev2"},
+          {"authby", Ipsec::Ike::stringValue(Ipsec::Ike::IpsecAuthType::PreSharedKey)},
+          {"reqid", std::to_string(number)},
+          {"left", left},
+          {"right", right}};
+}
+
 void writeConnection(const char* left, const char* right, std::uint32_t number, const char* lifetime) {
-  Ipsec::writeConnections({{"config", nameOf(left, right, number)},
-                           {"ikeVersion", "ikev2"},
-                           {"authby", Ipsec::Ike::stringValue(Ipsec::Ike::IpsecAuthType::PreSharedKey)},
-                           {"reqid", std::to_string(number)},
-                           {"left", left},
-                           {"right", right},
-                           {"lifetime", lifetime},
-                           {"esp", "aes256gcm16-ecp256!"}});
+  Ipsec::stringmap settings = connection(left, right, number);
+  settings["lifetime"] = lifetime;
+  settings["esp"] = "aes256gcm16-ecp256!";
+  Ipsec::writeConnections(settings);
 }
 
 // The new file's mode is what the umask leaves of 0666, whatever the mode of the old file was.
@@ -120,15 +125,6 @@ void changeSecrets() {
              "2001:db8::2 : PSK 0x00112233445566778899aabbccddeeff\n10.0.0.2 : PSK \"second secret of the demo\"\n",
          "the secrets file");
   expect((fs::status(secretsFile).permissions() & fs::perms(0777)) == fs::perms(0600), "the secrets file's mode");
-}
-
-Ipsec::stringmap connection(const char* left, const char* right, std::uint32_t number) {
-  return {{"config", nameOf(left, right, number)},
-          {"ikeVersion", "ikev2"},
-          {"authby", Ipsec::Ike::stringValue(Ipsec::Ike::IpsecAuthType::PreSharedKey)},
-          {"reqid", std::to_string(number)},
-          {"left", left},
-          {"right", right}};
 }
 
 // The same files in one step each, after a check.

@@ -38,7 +38,9 @@ class TraceLevels {
     const std::lock_guard guard(lock);
     masks.insert_or_assign(name, mask);
     for (const TraceHandle* handle : handles) {
-      handle->mask = name == handle->name() ? mask : handle->mask.load();
+      if (name == handle->name()) {
+        handle->mask = mask;
+      }
     }
   }
 

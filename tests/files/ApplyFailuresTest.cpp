@@ -92,7 +92,7 @@ VISIBLE ssize_t writev(int file, const struct iovec* pieces, int count) {
   if (error != 0) {
     return failWith(error);
   }
-  static auto* const real = next<ssize_t(int, const struct iovec*, int)>("writev");
+  auto* const real = next<ssize_t(int, const struct iovec*, int)>("writev");
   if (writesAreShort) {
     ++shortWrites;
     const struct iovec half = {pieces->iov_base, (pieces->iov_len + 1) / 2};
@@ -362,7 +362,7 @@ bool succeeds(pid_t child) {
 // Lets a call stop in the middle of its change, with the lock held, until it is told to go on.
 class StoppedChange {
  public:
-  explicit StoppedChange(int releasesNeeded = 1) : releases(releasesNeeded) {
+  explicit StoppedChange(int others = 1) : waiters(others) {
     EXPECT_EQ(pipe(reached), 0);
     EXPECT_EQ(pipe(released), 0);
   }
@@ -379,10 +379,10 @@ class StoppedChange {
     onCall = [this](std::string_view function, std::string_view) {
       if (function == "rename") {
         char byte = 0;
-        isStopped = true;
-        isStopped.notify_all();
-        (void)!write(reached[1], &byte, 1);
-        for (int left = releases; left != 0; --left) {
+        for (int left = waiters; left != 0; --left) {
+          (void)!write(reached[1], &byte, 1);
+        }
+        for (int left = waiters; left != 0; --left) {
           (void)!read(released[0], &byte, 1);
         }
       }
@@ -396,14 +396,10 @@ class StoppedChange {
     EXPECT_EQ(read(reached[0], &byte, 1), 1);
   }
 
-  // The same, for another thread of its process.
-  void waitUntilStopped() const { isStopped.wait(false); }
-
   void release() const { EXPECT_EQ(write(released[1], "", 1), 1); }
 
  private:
-  const int releases;
-  std::atomic<bool> isStopped = false;
+  const int waiters;  // processes or threads: each is told of the stop, and must release it
   int reached[2];
   int released[2];
 };
@@ -575,7 +571,7 @@ TEST(ApplyWaits, TenSecondsForTheLockAndNotLonger) {
     holders[i] = start([&, i] {
       bool isRefused = false;
       std::thread other([&, i] {
-        stopped[i].waitUntilStopped();
+        stopped[i].waitUntilReached();
         isRefused = !files[i]->update(4);
         stopped[i].release();
       });

@@ -166,6 +166,7 @@ void enterPrivateMounts() {
 }
 
 void resetHost() {
+  // A test may leave a link in a file's place: what it leads to stays mounted.
   while (umount2(connectionsFile, MNT_DETACH | UMOUNT_NOFOLLOW) == 0 ||
          umount2(secretsFile, MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
   }

@@ -75,7 +75,7 @@ void readChoice(ByteView body, Offer offer) {
           "a group is chosen that was not offered");
   offer.spi = choice.spi;
   if (!groups.empty()) {
-    offer.groups.assign(1, choice.group);
+    offer.groups.assign(1, choice.group);  // g++ 14 sees a read behind the end of {choice.group}
   }
   const Choice again = readAgain([&] { return parseSa(makeSa(offer).body, offer); });
   require(again.spi == choice.spi && again.group == choice.group, "a choice that is offered again is another one");
