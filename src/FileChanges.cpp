@@ -108,13 +108,14 @@ class ConnectionBlocks {
       return;
     }
     while (firstGlobal < withGlobal.size()) {
-      std::string_view& block = blocks[withGlobal[firstGlobal++]];
+      const std::size_t place = withGlobal[firstGlobal++];
+      std::string_view& block = blocks[place];
       if (block.empty()) {  // has been removed as a section
         continue;
       }
       const std::size_t line = globalLine(block);
       if (line == 0) {
-        heads.remove(withoutNewline(block));
+        heads.remove(static_cast<LineIndex::Number>(place));
       }
       block = block.substr(0, line);
       return;
@@ -126,7 +127,7 @@ class ConnectionBlocks {
     if (found == LineIndex::none) {
       return;
     }
-    heads.remove(withoutNewline(blocks[found]));
+    heads.remove(found);
     blocks[found] = {};
   }
 
@@ -152,7 +153,7 @@ class SecretEntries {
   void make(const SecretChange& change) {
     const LineIndex::Number found = change.start ? starts.first(*change.start) : LineIndex::none;
     if (found != LineIndex::none) {
-      starts.remove(withoutNewline(lines[found]));
+      starts.remove(found);
       lines[found] = {};
     }
     append({change.entry.data(), change.entry.size()});

@@ -6,19 +6,20 @@
 #include <algorithm>
 #include <bit>
 #include <new>
+#include <utility>
 
 namespace Ipsec {
 
 // A line adds up to two nodes. Their places among the children take half as much again, because what a node's children
 // outgrow stays empty.
-void LineIndex::reserve(std::size_t lines) {
-  nodes.reserve(2 * lines);
-  children.reserve(3 * lines);
-  equals.reserve(lines);
+void LineIndex::reserve(std::size_t count) {
+  nodes.reserve(2 * count);
+  children.reserve(3 * count);
+  lines.reserve(count);
 }
 
 void LineIndex::add(std::string_view line, std::size_t number) {
-  if (number >= none / 2 || line.size() >= none) {  // a line adds up to two nodes
+  if (number >= none / 8 || line.size() >= none) {  // two nodes, each with up to four places among the children
     throw std::bad_alloc();
   }
   const auto added = static_cast<Number>(number);
@@ -27,45 +28,37 @@ void LineIndex::add(std::string_view line, std::size_t number) {
   NodeNumber at = 0;
   nodes[at].smallest = std::min(nodes[at].smallest, added);
   while (left != 0) {
-    NodeNumber child = childFor(at, *rest);
-    if (child == 0) {
-      child = addChild(at, rest, left);
+    Child* const child = childFor(at, *rest);
+    if (child == nullptr) {
+      at = addChild(at, rest, left);
+    } else {
+      const std::uint32_t length = common(nodes[child->node], rest, left);
+      at = length < nodes[child->node].labelLength ? split(*child, length) : child->node;
     }
-    const std::uint32_t length = common(nodes[child], rest, left);
-    if (length < nodes[child].labelLength) {
-      split(child, length);
-    }
-    rest += length * step;
-    left -= length;
-    at = child;
     nodes[at].smallest = std::min(nodes[at].smallest, added);
+    rest += nodes[at].labelLength * step;
+    left -= nodes[at].labelLength;
   }
-  equals.resize(number + 1);
+  lines.resize(number + 1);
+  lines[added].node = at;
   Number& first = nodes[at].firstLine;
   if (first == none) {
     first = added;
   } else {
-    equals[equals[first].last].next = added;
+    lines[lines[first].last].next = added;
   }
-  equals[first].last = added;
+  lines[first].last = added;
 }
 
-void LineIndex::remove(std::string_view line) {
-  path.assign(1, 0);
-  const char* rest = begin(line);
-  for (std::size_t left = line.size(); left != 0;) {
-    path.push_back(childFor(path.back(), *rest));
-    rest += nodes[path.back()].labelLength * step;
-    left -= nodes[path.back()].labelLength;
+void LineIndex::remove(Number line) {
+  NodeNumber at = lines[line].node;
+  const Number next = lines[line].next;
+  nodes[at].firstLine = next;
+  if (next != none) {
+    lines[next].last = lines[line].last;
   }
-  Number& first = nodes[path.back()].firstLine;
-  const Number removed = first;
-  first = equals[removed].next;
-  if (first != none) {
-    equals[first].last = equals[removed].last;
-  }
-  for (auto node = path.rbegin(); node != path.rend() && nodes[*node].smallest == removed; ++node) {
-    nodes[*node].smallest = smallestBelow(nodes[*node]);
+  for (; nodes[at].smallest == line; at = nodes[at].above) {
+    nodes[at].smallest = smallestBelow(nodes[at]);
   }
 }
 
@@ -125,44 +118,43 @@ std::span<const LineIndex::Child> LineIndex::childrenOf(const Node& node) const 
   return {children.data() + node.firstChild, node.childCount};
 }
 
-// Returns the child whose label begins with a character, or 0.
-LineIndex::NodeNumber LineIndex::childFor(NodeNumber parent, char next) const {
-  for (const Child& child : childrenOf(nodes[parent])) {
-    if (child.labelBegin == next) {
-      return child.node;
-    }
-  }
-  return 0;
+// Returns the child whose label begins with a character, or null.
+LineIndex::Child* LineIndex::childFor(NodeNumber above, char next) {
+  Child* const begin = children.data() + nodes[above].firstChild;
+  Child* const end = begin + nodes[above].childCount;
+  Child* const found = std::find_if(begin, end, [next](const Child& child) { return child.labelBegin == next; });
+  return found == end ? nullptr : found;
 }
 
-LineIndex::NodeNumber LineIndex::addChild(NodeNumber parent, const char* label, std::size_t length) {
+LineIndex::NodeNumber LineIndex::addChild(NodeNumber above, const char* label, std::size_t length) {
   const auto child = static_cast<NodeNumber>(nodes.size());
-  nodes.push_back({label, static_cast<std::uint32_t>(length), 0, 0, none, none});
-  Node& above = nodes[parent];
-  if (above.childCount == 0 || std::has_single_bit(above.childCount)) {  // all the room is taken: make twice as much
+  nodes.push_back({label, static_cast<std::uint32_t>(length), 0, 0, above, none, none});
+  Node& parent = nodes[above];
+  if (parent.childCount == 0 || std::has_single_bit(parent.childCount)) {  // all the room is taken: make twice as much
     const std::size_t room = children.size();
-    children.resize(room + std::max(std::size_t{1}, 2 * std::size_t{above.childCount}));
-    std::copy_n(children.begin() + static_cast<std::ptrdiff_t>(above.firstChild), above.childCount,
+    children.resize(room + std::max(1U, 2 * parent.childCount));
+    std::copy_n(children.begin() + parent.firstChild, parent.childCount,
                 children.begin() + static_cast<std::ptrdiff_t>(room));
-    above.firstChild = room;
+    parent.firstChild = static_cast<std::uint32_t>(room);
   }
-  children[above.firstChild + above.childCount++] = {child, *label};
+  children[parent.firstChild + parent.childCount++] = {child, *label};
   return child;
 }
 
-// Shortens a node's label, and moves the rest, with all that the node had, into a new child.
-void LineIndex::split(NodeNumber node, std::uint32_t length) {
-  Node rest = nodes[node];
+// Puts a node in between that takes the first characters of a child's label. The child keeps its number, which its
+// lines and the nodes below it hold. Returns the new node.
+LineIndex::NodeNumber LineIndex::split(Child& child, std::uint32_t length) {
+  const auto between = static_cast<NodeNumber>(nodes.size());
+  const auto place = static_cast<std::uint32_t>(children.size());
+  const NodeNumber below = std::exchange(child.node, between);
+  Node& rest = nodes[below];
+  const Node upper = {rest.label, length, 1, place, rest.above, none, rest.smallest};
   rest.label += length * step;
   rest.labelLength -= length;
-  const auto below = static_cast<NodeNumber>(nodes.size());
-  nodes.push_back(rest);
-  Node& above = nodes[node];
-  above.labelLength = length;
-  above.childCount = 1;
-  above.firstChild = children.size();
-  above.firstLine = none;
+  rest.above = between;
   children.push_back({below, *rest.label});
+  nodes.push_back(upper);
+  return between;
 }
 
 LineIndex::Number LineIndex::smallestBelow(const Node& node) const {

@@ -30,13 +30,13 @@ class LineIndex {
       : covers(extent), step(extent == LineMatcher::Covers::Start ? 1 : -1), nodes(1) {}
 
   // Makes room for as many lines, so that they are not moved while they become more.
-  void reserve(std::size_t lines);
+  void reserve(std::size_t count);
 
   // Adds a line. The text must outlive the index. Throws std::bad_alloc, also when there are too many lines to count.
   void add(std::string_view line, std::size_t number);
 
-  // Removes a line. Among equal lines it must be the one with the smallest number.
-  void remove(std::string_view line);
+  // Removes a line by its number. Among equal lines it must be the one with the smallest number.
+  void remove(Number line);
 
   // Returns the smallest number of a line that matches, or none.
   Number first(std::string_view start);
@@ -49,9 +49,10 @@ class LineIndex {
     const char* label = nullptr;  // what it adds to the node above: its first character in the order of reading
     std::uint32_t labelLength = 0;
     std::uint32_t childCount = 0;
-    std::size_t firstChild = 0;  // the place of its children, with room for as many as the next power of two
-    Number firstLine = none;     // of the lines that end here, which are chained in their order
-    Number smallest = none;      // the smallest number here and below
+    std::uint32_t firstChild = 0;  // the place of its children, with room for as many as the next power of two
+    NodeNumber above = 0;
+    Number firstLine = none;  // of the lines that end here, which are chained in their order
+    Number smallest = none;   // the smallest number here and below
   };
   static_assert(sizeof(Node) == 32);
 
@@ -69,27 +70,27 @@ class LineIndex {
   };
 
   // What belongs to a line by its number.
-  struct Equal {
-    Number next = none;  // the next line of the same text
-    Number last = none;  // the last one, for the first
+  struct Line {
+    NodeNumber node = 0;  // where it ends
+    Number next = none;   // the next line of the same text
+    Number last = none;   // the last one, for the first
   };
 
   const char* begin(std::string_view line) const;
   std::uint32_t common(const Node& node, const char* line, std::size_t length) const;
   bool matches(const Node& node, const char* start, std::size_t length) const;
   std::span<const Child> childrenOf(const Node& node) const;
-  NodeNumber childFor(NodeNumber parent, char next) const;
-  NodeNumber addChild(NodeNumber parent, const char* label, std::size_t length);
-  void split(NodeNumber node, std::uint32_t length);
+  Child* childFor(NodeNumber above, char next);
+  NodeNumber addChild(NodeNumber above, const char* label, std::size_t length);
+  NodeNumber split(Child& child, std::uint32_t length);
   Number smallestBelow(const Node& node) const;
 
   LineMatcher::Covers covers;
   std::ptrdiff_t step;  // from one character to the next in the order of reading
   std::vector<Node> nodes;
   std::vector<Child> children;
-  std::vector<Equal> equals;
-  std::vector<Place> places;     // of a search, kept for its memory
-  std::vector<NodeNumber> path;  // of a removal, likewise
+  std::vector<Line> lines;
+  std::vector<Place> places;  // of a search, kept for its memory
 };
 
 }  // namespace Ipsec

@@ -214,7 +214,7 @@ TEST(LineIndex, FindsWhatTheMatcherFinds) {
       ASSERT_EQ(index.first(start), expected) << "run " << run << ": " << start;
       if (expected != LineIndex::none) {
         ++matches;
-        index.remove(lines[expected]);
+        index.remove(static_cast<LineIndex::Number>(expected));
         there[expected] = false;
       }
     }
