@@ -7,6 +7,7 @@
 #include "LineIndex.h"
 
 #include <algorithm>
+#include <memory_resource>
 #include <optional>
 #include <string>
 
@@ -86,13 +87,21 @@ class ConnectionBlocks {
   void append(std::string_view text) {
     while (!text.empty()) {
       const std::string_view block = text.substr(0, nextHead(text, lineLength(text)));
-      heads.add(withoutNewline(block), blocks.size());
+      heads.add(copied(withoutNewline(block)), blocks.size());
       if (globalLine(block) != block.npos) {
         withGlobal.push_back(blocks.size());
       }
       blocks.push_back(block);
       text.remove_prefix(block.size());
     }
+  }
+
+  // Heads lie close together in memory. In the text they lie a section's length apart, and in a large one a search
+  // would wait for memory longer than it computes.
+  std::string_view copied(std::string_view head) {
+    char* const copy = static_cast<char*>(headTexts.allocate(head.size(), 1));
+    std::copy(head.begin(), head.end(), copy);
+    return {copy, head.size()};
   }
 
   void removeGlobalSection() {
@@ -137,6 +146,7 @@ class ConnectionBlocks {
   std::vector<std::string_view> blocks;  // in the order of the file; those that are removed are empty
   std::vector<std::size_t> withGlobal;   // the blocks that hold the name of the global section when they are added
   std::size_t firstGlobal = 0;           // of these, the first that may still hold it
+  std::pmr::monotonic_buffer_resource headTexts{std::pmr::new_delete_resource()};
   LineIndex heads{LineMatcher::Covers::WholeLine};
 };
 
