@@ -85,26 +85,33 @@ def top_entry(tree):
     return TOP_ENTRY.match((tree / "debian" / "changelog").read_text())
 
 
-def is_unreleased(tree):
-    """Whether the changelog has entries that no release has."""
-    section = re.search(r"(?ms)^## \[Unreleased\]\n(.*?)(?=^## \[|\Z)", (tree / "CHANGELOG.md").read_text())
-    return section is not None and section.group(1).strip() != ""
+def news(tree, title="Unreleased"):
+    """Returns what CHANGELOG.md says of a version, or of the release to come."""
+    changelog = (tree / "CHANGELOG.md").read_text()
+    section = re.search(rf"(?ms)^## \[{re.escape(title)}\][^\n]*\n(.*?)(?=^## \[|\Z)", changelog)
+    return section.group(1).strip() if section else ""
 
 
 def snapshot_version(tree):
     """Returns the version of a tree that has moved on since its release, or nothing."""
     entry = top_entry(tree)
-    if entry.group("suite") == "UNRELEASED" or not is_unreleased(tree) or not has_history(tree):
+    if entry.group("suite") == "UNRELEASED" or not news(tree) or not has_history(tree):
         return None
     commit = git(tree, "log", "-1", "--date=format:%Y%m%d", "--format=%cd.%h").strip()
     return f"{entry.group('upstream')}+git{commit}-1"
 
 
+def new_entry(tree, version, suite, text, when):
+    """Returns an entry for debian/changelog."""
+    maintainer = re.search(r"(?m)^Maintainer: (.*)$", (tree / "debian" / "control").read_text()).group(1)
+    head = f"ipsec-helpers ({version}) {suite}; urgency=medium\n\n  * {text}\n"
+    return f"{head}\n -- {maintainer}  {email.utils.format_datetime(when)}\n"
+
+
 def add_entry(tree, version, when):
     changelog = tree / "debian" / "changelog"
-    maintainer = re.search(r"(?m)^Maintainer: (.*)$", (tree / "debian" / "control").read_text()).group(1)
-    head = f"ipsec-helpers ({version}) UNRELEASED; urgency=medium\n\n  * Built from a tree without a release.\n"
-    changelog.write_text(f"{head}\n -- {maintainer}  {email.utils.format_datetime(when)}\n\n{changelog.read_text()}")
+    entry = new_entry(tree, version, "UNRELEASED", "Built from a tree without a release.", when)
+    changelog.write_text(f"{entry}\n{changelog.read_text()}")
 
 
 def entry_time(tree):

@@ -13,8 +13,6 @@ into the folder OUT, and says what is left to do. Dates are those of UTC, or of 
 """
 
 import datetime
-import email.utils
-import hashlib
 import os
 import pathlib
 import re
@@ -40,10 +38,6 @@ def refuse(reason):
     sys.exit(f"release: {reason}")
 
 
-def git(*arguments):
-    return subprocess.run(["git", "-C", str(ROOT), *arguments], capture_output=True, text=True, check=True).stdout
-
-
 def read(name):
     return (ROOT / name).read_text()
 
@@ -56,11 +50,6 @@ def last_release():
     """Returns the highest version that the changelog dates, or nothing."""
     dated = re.findall(r"(?m)^## \[(\d+\.\d+\.\d+)\]", read("CHANGELOG.md"))
     return max(dated, key=parts, default=None)
-
-
-def news():
-    """Returns what the changelog says of the release to come."""
-    return re.search(r"(?ms)^## \[Unreleased\]\n(.*?)(?=^## \[|\Z)", read("CHANGELOG.md")).group(1).strip()
 
 
 # --- The binary interface since the last release ----------------------------------------------------------------------
@@ -93,21 +82,21 @@ def lost(before, now):
 def check_interface(version, last):
     if last is None or parts(version)[0] > parts(last)[0]:
         return
-    for name in git("ls-tree", "--name-only", f"v{last}", f"{BASELINES}/").split():
+    for name in package.git(ROOT, "ls-tree", "--name-only", f"v{last}", f"{BASELINES}/").split():
         now = read(name) if (ROOT / name).exists() else ""
-        for line in lost(git("show", f"v{last}:{name}"), now):
+        for line in lost(package.git(ROOT, "show", f"v{last}:{name}"), now):
             refuse(f"{name}: callers of version {last} rely on this line; only a new major version may lose it: {line}")
 
 
 def check(version):
     if not VERSION.fullmatch(version):
         refuse(f'"{version}" is no version: it takes three numbers, as in 1.0.0')
-    if git("status", "--porcelain"):
+    if package.git(ROOT, "status", "--porcelain"):
         refuse("the tree has changes: commit them, or set them aside, first")
     last = last_release()
     if last and parts(version) <= parts(last):
         refuse(f"{version} is not above {last}, the last release in CHANGELOG.md")
-    if not news():
+    if not package.news(ROOT):
         refuse("[Unreleased] in CHANGELOG.md is empty: there is nothing to release")
     check_interface(version, last)
 
@@ -136,13 +125,11 @@ def write_version(version):
 
 def write_changelogs(version, when):
     replace("CHANGELOG.md", r"^## \[Unreleased\]$", f"## [Unreleased]\n\n## [{version}] - {when:%Y-%m-%d}")
-    maintainer = re.search(r"(?m)^Maintainer: (.*)$", read("debian/control")).group(1)
     text = read("debian/changelog")
     if package.top_entry(ROOT).group("suite") == "UNRELEASED":
         text = re.sub(r"(?s)\A.*?^ -- [^\n]*\n\n?", "", text, flags=re.MULTILINE)  # the release takes its place
-    entry = f"ipsec-helpers ({version}-1) unstable; urgency=medium\n\n  * New release.\n\n"
-    signed = f" -- {maintainer}  {email.utils.format_datetime(when)}\n"
-    (ROOT / "debian" / "changelog").write_text(entry + signed + ("\n" + text if text else ""))
+    entry = package.new_entry(ROOT, f"{version}-1", "unstable", "New release.", when)
+    (ROOT / "debian" / "changelog").write_text(entry + ("\n" + text if text else ""))
 
 
 def write_bill(archive, version, seconds, out):
@@ -156,24 +143,16 @@ def write_bill(archive, version, seconds, out):
 
 def write_output(version, when, out):
     out.mkdir(parents=True, exist_ok=True)
-    (out / "tag.txt").write_text(f"ipsec-helpers {version}\n\n{release_notes(version)}\n")
+    (out / "tag.txt").write_text(f"ipsec-helpers {version}\n\n{package.news(ROOT, version)}\n")
     top = f"ipsec-helpers-{version}"
     archive = out / f"{top}.tar.gz"
     bill = out / f"{top}.spdx.json"
     seconds = int(when.timestamp())
     package.write_archive(ROOT, package.source_files(ROOT), top, seconds, archive)
     write_bill(archive, version, seconds, bill)
-    sums = [f"{hashlib.sha256(file.read_bytes()).hexdigest()}  {file.name}\n" for file in (archive, bill)]
+    sums = [f"{package.digest(file)}  {file.name}\n" for file in (archive, bill)]
     (out / "SHA256SUMS").write_text("".join(sums))
     print(NEXT_STEPS.format(version=version, out=out, archive=archive.name), end="")
-
-
-def release_notes(version):
-    return (
-        re.search(rf"(?ms)^## \[{re.escape(version)}\][^\n]*\n(.*?)(?=^## \[|\Z)", read("CHANGELOG.md"))
-        .group(1)
-        .strip()
-    )
 
 
 def prepare(version, out):
