@@ -16,6 +16,22 @@ busy machine. Times are processor time, except for those of threads and of the d
 """
 
 
+# The heads of columns whose sides have names that are good for a list of results only.
+TITLES = {
+    "library read": "Library, read locks",
+    "library write": "Library, write locks",
+    "library mutex": "Library, mutexes",
+    "openssl read": "Bare OpenSSL, read locks",
+    "openssl write": "Bare OpenSSL, write locks",
+    "openssl mutex": "Bare OpenSSL, mutexes",
+    "apply to single call": "Times a single call",
+    "apply to single calls": "Times as many single calls",
+    "cp command": "`cp`",
+    "library to copy by hand": "Library, times the copy by hand",
+    "library to cp command": "Library, times `cp`",
+}
+
+
 def cell(value, digits=None):
     if value is None:
         return "-"
@@ -100,7 +116,7 @@ def other_table(results, subject, groups, wanted=lambda case: True):
         + [with_unit(results.median(subject, case, side), results.units.get((subject, case, side))) for side in sides]
         for case in cases
     ]
-    return table(["", *(side[:1].upper() + side[1:] for side in sides)], rows)
+    return table(["", *(TITLES.get(side, side[:1].upper() + side[1:]) for side in sides)], rows)
 
 
 def picture(name, text):
