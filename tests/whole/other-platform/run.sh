@@ -36,9 +36,9 @@ outside_target() {
   cmake -G Ninja -S . -B "$work/target" -DCMAKE_BUILD_TYPE=Debug -DIPSEC_SOURCE="$source" \
     -DPLATFORM_LIBRARY="$build/libipsecplatform.so.1" &&
     cmake --build "$work/target" &&
-    readelf -d "$built/libipsechelpers.so" | grep -q 'NEEDED.*libipsecplatform.so.1' &&
+    readelf -d "$built/libipsechelpers.so" >"$work/linked" && grep -q 'NEEDED.*libipsecplatform.so.1' "$work/linked" &&
     [ ! -e "$built/libipsecplatform.so" ] && ! grep -q 'platform/linux' "$work/target/build.ninja" &&
-    "$work/target/agent" | tee /dev/stderr | grep -q 'C++ 201703, version'
+    "$work/target/agent" | tee "$work/said" && grep -q 'C++ 201703, version' "$work/said"
 }
 
 # Without being asked the library installs nothing; asked, all that it has built.
@@ -73,8 +73,8 @@ own_header() {
   local object=CMakeFiles/ipsechelpers.dir/src/IpsecUtils.cpp.o
   cmake -G Ninja -S "$source" -B "$work/own" -DCMAKE_BUILD_TYPE=Debug -DIPSEC_TESTS=OFF -DIPSEC_EXAMPLES=OFF \
     -DIPSEC_PLATFORM="$PWD/folder" && cmake --build "$work/own" --target "$object" &&
-    ninja -C "$work/own" -t deps "$object" | grep -q "$PWD/folder/platform/Vrf.h" &&
-    ! ninja -C "$work/own" -t deps "$object" | grep -q "$source/platform/Vrf.h"
+    ninja -C "$work/own" -t deps "$object" >"$work/headers" &&
+    grep -q "$PWD/folder/platform/Vrf.h" "$work/headers" && ! grep -q "$source/platform/Vrf.h" "$work/headers"
 }
 
 unknown() {
