@@ -5,7 +5,7 @@
 # Builds and tries the Debian packages in bare roots: check-packages.sh FOLDER [SUITE...] (bookworm and trixie)
 # Each root is a Debian of its own below FOLDER, made by debootstrap; packages are built in one copy of it and tried in
 # another. IPSEC_DEBIAN_MIRROR names another archive than deb.debian.org, IPSEC_EARLIER another commit to upgrade from
-# than the last release, or the first commit with packages.
+# than the last release, or than what debian/ was before its last change.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 mirror=${IPSEC_DEBIAN_MIRROR:-http://deb.debian.org/debian}
@@ -21,7 +21,7 @@ suites=("${@:2}")
 
 earlier_commit() {
   git describe --tags --abbrev=0 --match 'v*' HEAD^ 2>/dev/null ||
-    git log --diff-filter=A --format=%H -- debian/control | tail -n 1
+    git log --skip=1 -1 --format=%H -- debian
 }
 
 # base SUITE: a minimal system that reaches the archive as this machine does (proxy, checks of time).
