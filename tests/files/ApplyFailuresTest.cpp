@@ -592,10 +592,10 @@ TEST(ApplyWaits, TenSecondsForTheLockAndNotLonger) {
       EXPECT_LT(waited, std::chrono::seconds(15));
     });
   }
-  for (int i = 0; i < 2; ++i) {
+  for (const ChangedFile* changed : files) {
     std::vector<Vello::String> names;
     const auto begun = std::chrono::steady_clock::now();
-    EXPECT_TRUE(files[i]->list(&names));
+    EXPECT_TRUE(changed->list(&names));
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(5)) << "a list waits for nobody";
   }
   for (std::thread& thread : waiting) {
