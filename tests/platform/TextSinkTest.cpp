@@ -37,7 +37,8 @@ void trace(std::string_view message) {
   DualTrace::write(handle, 0, {"File.cpp", 1, "f"}, message);
 }
 
-// Both ends of a connection whose writing end becomes standard error, in a child process.
+// Both ends of a connection whose writing end becomes standard error, in a child process. Each holds less than a long
+// line.
 struct Ends {
   int reader = -1;
   int writer = -1;
@@ -46,12 +47,15 @@ struct Ends {
 Ends makePipe() {
   int ends[2] = {-1, -1};
   EXPECT_EQ(pipe(ends), 0);
+  EXPECT_EQ(fcntl(ends[1], F_SETPIPE_SZ, 16384), 16384);
   return {ends[0], ends[1]};
 }
 
 Ends makeSocket() {
   int ends[2] = {-1, -1};
+  const int size = 8192;  // the kernel takes twice as much, for what it needs itself
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  EXPECT_EQ(setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &size, sizeof size), 0);
   return {ends[0], ends[1]};
 }
 
@@ -192,13 +196,23 @@ TEST_P(Reader, ThatDoesNotReadHoldsUpNoThreadForLong) {
   EXPECT_EQ(status, code(0)) << "exit status " << WEXITSTATUS(status);
 }
 
-// The line is longer than what a pipe or a terminal holds. Its reader looks only from time to time, after it did not
-// read at all. On a busy machine it may take longer than a line waits: that line is dropped, and another one is traced.
+// No part of it is like another: in a text of equal characters each look for the whole line would take long, and the
+// reader would come too late.
+std::string longLine() {
+  std::string line;
+  for (int number = 0; line.size() < 20000; ++number) {
+    line += std::to_string(number) + " ";
+  }
+  return line + "end of it";
+}
+
+// The line is longer than what its way holds. Its reader looks only from time to time, after it did not read at all. On
+// a busy machine it may take longer than a line waits: that line is dropped, and another one is traced.
 TEST_P(Reader, GetsLongLinesWhole) {
   const int status = inAChild(GetParam().make(), [](const Ends& ends) {
     fill(ends.writer);
     trace("a line that is dropped");
-    const std::string line = std::string(70000, 'y') + " end of it";
+    const std::string line = longLine();
     std::atomic<bool> found = false;
     std::thread reading([&] {
       std::string text;
