@@ -17,19 +17,21 @@ namespace {
 constexpr double sliceNanoseconds = 150'000;
 constexpr double warmUpNanoseconds = 10'000'000;
 
-double timeOf(const Side& side, unsigned operations) {
-  const double start = threadTime();
-  for (unsigned i = 0; i < operations; ++i) {
-    side.operation();
-  }
-  return (threadTime() - start) / operations;
+// Returns the time of one operation in a slice of so many.
+double timeInSlice(const Side& side, unsigned operations) {
+  const auto slice = [&] {
+    for (unsigned i = 0; i < operations; ++i) {
+      side.operation();
+    }
+  };
+  return timeOf(slice) / operations;
 }
 
 // Warms a side up and returns how many operations make a slice.
 unsigned operationsPerSlice(const Side& side) {
   std::vector<double> times;
   for (double spent = 0; times.size() < 3 || spent < warmUpNanoseconds; spent += times.back()) {
-    times.push_back(timeOf(side, 1));
+    times.push_back(timeOf(side.operation));
   }
   return static_cast<unsigned>(std::max(1.0, sliceNanoseconds / std::max(1.0, median(times))));
 }
@@ -74,7 +76,7 @@ std::vector<double> interleave(const std::vector<Side>& sides, unsigned slices) 
   std::iota(order.begin(), order.end(), std::size_t{0});
   for (unsigned slice = 0; slice < slices; ++slice) {
     for (const std::size_t side : order) {
-      times[side].push_back(timeOf(sides[side], operations[side]));
+      times[side].push_back(timeInSlice(sides[side], operations[side]));
     }
     std::next_permutation(order.begin(), order.end());  // from the last order back to the first
   }
