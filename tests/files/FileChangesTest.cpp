@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
 #include <random>
 #include <string>
 #include <string_view>
@@ -220,6 +221,13 @@ TEST(LineIndex, FindsWhatTheMatcherFinds) {
     }
   }
   EXPECT_GT(matches, 10000U);
+}
+
+TEST(LineIndex, RefusesALineThatItCannotCount) {
+  LineIndex index(LineMatcher::Covers::Start);
+  index.add("a", 0);
+  EXPECT_THROW(index.add("ab", LineIndex::none / 8), std::bad_alloc);
+  EXPECT_EQ(index.first("ab"), LineIndex::none);
 }
 
 TEST(LineIndex, SearchesADeepTreeWithoutRecursion) {
