@@ -57,7 +57,7 @@ void LineIndex::remove(Number line) {
   if (next != none) {
     lines[next].last = lines[line].last;
   }
-  for (; nodes[at].smallest == line; at = nodes[at].above) {
+  for (; nodes[at].smallest == line; at = nodes[at].above) {  // the root is above itself, and is renewed once
     nodes[at].smallest = smallestBelow(nodes[at]);
   }
 }
